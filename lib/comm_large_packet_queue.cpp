@@ -1,0 +1,39 @@
+// The queue of packets to one client that reads slowly. Order is its one promise: while anything is
+// queued, nothing passes it.
+#include <tarn_utils_v4/comm.h>
+
+CommLargePacketQueue::CommLargePacketQueue() : queued_count(0) {}
+
+CommLargePacketQueue::~CommLargePacketQueue() { dump_queued_packets(); }
+
+int CommLargePacketQueue::send_packet(comm_socket_v4_client* c, comm_socket_v4_packet* p) {
+  flush_queued_packet(c);
+  if (queued_count >= LARGE_PACKET_QUEUE_MAX) return 0;
+
+  if (queued_packets.empty()) {
+    const int sent = comm_socket_v4_packet_send_to_client(c, p);
+    if (sent != 0) return sent < 0 ? sent : 1;
+  }
+
+  // The list may fail to grow: no reference is taken before it has.
+  queued_packets.push_back(p);
+  comm_socket_v4_packet_addref(p);
+  ++queued_count;
+  return 1;
+}
+
+void CommLargePacketQueue::flush_queued_packet(comm_socket_v4_client* c) {
+  while (!queued_packets.empty()) {
+    comm_socket_v4_packet* const oldest = queued_packets.front();
+    if (comm_socket_v4_packet_send_to_client(c, oldest) <= 0) return;
+    queued_packets.pop_front();
+    if (queued_count > 0) --queued_count;
+    comm_socket_v4_packet_release(oldest);
+  }
+}
+
+void CommLargePacketQueue::dump_queued_packets() {
+  for (comm_socket_v4_packet* const p : queued_packets) comm_socket_v4_packet_release(p);
+  queued_packets.clear();
+  queued_count = 0;
+}
