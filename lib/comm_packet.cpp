@@ -1,0 +1,347 @@
+// The packet object: its lifetime, its buffer, its descriptors and header values, and the readers
+// that look into its bytes in place.
+#include <tarn_utils_v4/comm.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "lib/errno_guard.h"
+#include "lib/packet_layout.h"
+
+namespace {
+
+using packet_layout::header;
+
+constexpr std::size_t min_buffer_size = 32;
+// Kept behind the packet when surplus memory is given back; it has room for the NUL.
+constexpr std::size_t shrink_spare = 32;
+constexpr std::size_t max_attached_to_send = 8;
+
+}  // namespace
+
+// --- Lifetime -----------------------------------------------------------------------------------
+
+comm_socket_v4_packet::comm_socket_v4_packet() noexcept
+    : buffer(nullptr),
+      buffer_alloc(0),
+      buffer_write(0),
+      buffer_length(0),
+      flags(0),
+      message_id(0),
+      error_code(0),
+      refcount(1),
+      write_state(write_state_none),
+      stream_id(0),
+      complete_cb(nullptr),
+      tag(0) {}
+
+comm_socket_v4_packet::~comm_socket_v4_packet() {
+  ErrnoGuard keep_errno;
+  close_attached_fd();
+  std::free(buffer);
+}
+
+int comm_socket_v4_packet::addref() { return ++refcount; }
+
+int comm_socket_v4_packet::release() {
+  const std::int32_t count = --refcount;
+  if (count > 0 || count < -1) return count;
+  if (count == -1) std::fputs("comm socket v4 packet error: result released below zero!\n", stderr);
+  delete this;
+  return 0;
+}
+
+comm_socket_v4_packet* comm_socket_v4_packet_create() {
+  return new (std::nothrow) comm_socket_v4_packet;
+}
+
+void comm_socket_v4_packet_addref(comm_socket_v4_packet* p) {
+  if (p != nullptr) p->addref();
+}
+
+comm_socket_v4_packet* comm_socket_v4_packet_release(comm_socket_v4_packet* p) {
+  if (p == nullptr) return nullptr;
+  return p->release() != 0 ? p : nullptr;
+}
+
+// --- Buffer -------------------------------------------------------------------------------------
+
+int comm_socket_v4_packet::resize_buffer(std::size_t size) {
+  const std::size_t target = std::max(size, min_buffer_size);
+  if (buffer != nullptr && buffer_alloc >= target) return 0;
+
+  // realloc of a null pointer allocates.
+  void* const grown = target <= PTRDIFF_MAX ? std::realloc(buffer, target) : nullptr;
+  if (buffer == nullptr) buffer_alloc = buffer_length = buffer_write = 0;
+  if (grown == nullptr) return -1;
+  buffer = static_cast<unsigned char*>(grown);
+  buffer_alloc = target;
+  return 0;
+}
+
+int comm_socket_v4_packet::enlarge_buffer(std::size_t size) {
+  return buffer != nullptr && buffer_alloc < size ? resize_buffer(size) : 0;
+}
+
+int comm_socket_v4_packet::shrinkfit_buffer() {
+  if (buffer == nullptr || buffer_length >= buffer_alloc / 2) return 0;
+  const std::size_t target = buffer_length + shrink_spare;
+  void* const shrunk = std::realloc(buffer, target);
+  if (shrunk == nullptr) return -1;
+  buffer = static_cast<unsigned char*>(shrunk);
+  buffer_alloc = target;
+  return 0;
+}
+
+int comm_socket_v4_packet_resize_buffer(comm_socket_v4_packet* p, std::size_t size) {
+  return p != nullptr ? p->resize_buffer(size) : -1;
+}
+int comm_socket_v4_packet_enlarge_buffer(comm_socket_v4_packet* p, std::size_t size) {
+  return p != nullptr ? p->enlarge_buffer(size) : -1;
+}
+int comm_socket_v4_packet_shrinkfit_buffer(comm_socket_v4_packet* p) {
+  return p != nullptr ? p->shrinkfit_buffer() : -1;
+}
+
+// --- Attached descriptors -----------------------------------------------------------------------
+
+bool comm_socket_v4_packet::attach_fd_to_send(int fd) {
+  if (fd < 0 || attached_fd.size() >= max_attached_to_send) return false;
+  // Room first: nothing may throw between the dup and the moment the packet owns the duplicate.
+  attached_fd.reserve(max_attached_to_send);
+  const int duplicate = ::dup(fd);
+  if (duplicate < 0) return false;
+  attached_fd.push_back(duplicate);
+  return true;
+}
+
+std::size_t comm_socket_v4_packet::attached_fd_count() const { return attached_fd.size(); }
+
+int comm_socket_v4_packet::get_attached_fd(std::size_t index) {
+  if (index >= attached_fd.size()) return -1;
+  const int fd = attached_fd[index];
+  attached_fd[index] = -1;
+  return fd;
+}
+
+void comm_socket_v4_packet::close_attached_fd() {
+  for (int& fd : attached_fd) {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+  }
+}
+
+// --- Header values ------------------------------------------------------------------------------
+
+void comm_socket_v4_packet::make_request() { set_request(true); }
+void comm_socket_v4_packet::make_response() { set_request(false); }
+void comm_socket_v4_packet::set_request(bool request) {
+  flags = request ? flags | flag_request : flags & ~flag_request;
+}
+void comm_socket_v4_packet::set_async(bool async) {
+  flags = async ? flags | flag_async : flags & ~flag_async;
+}
+std::uint64_t comm_socket_v4_packet::get_stream_id() const { return stream_id; }
+void comm_socket_v4_packet::set_stream_id(std::uint64_t id) { stream_id = id; }
+std::uint64_t comm_socket_v4_packet::get_tag() const { return tag; }
+void comm_socket_v4_packet::set_tag(std::uint64_t value) { tag = value; }
+
+std::uint32_t comm_socket_v4_packet::get_sighdr() const {
+  std::uint32_t signature = 0;
+  if (buffer != nullptr && buffer_length >= sizeof(signature))
+    std::memcpy(&signature, buffer, sizeof(signature));
+  return signature;
+}
+
+void comm_socket_v4_packet::set_sighdr(std::uint32_t signature) {
+  if (buffer != nullptr && buffer_length >= sizeof(signature))
+    std::memcpy(buffer, &signature, sizeof(signature));
+}
+
+void comm_socket_v4_packet::set_complete_cb(int (*cb)(comm_socket_v4_packet*)) { complete_cb = cb; }
+
+void comm_socket_v4_packet_make_request(comm_socket_v4_packet* p) { p->make_request(); }
+void comm_socket_v4_packet_make_response(comm_socket_v4_packet* p) { p->make_response(); }
+void comm_socket_v4_packet_set_request(comm_socket_v4_packet* p, int v) { p->set_request(v > 0); }
+void comm_socket_v4_packet_set_async(comm_socket_v4_packet* p, int v) { p->set_async(v > 0); }
+
+// --- Readers. Validation has checked what they follow, so they check nothing again. -------------
+
+bool comm_socket_v4_packet::has_header() const {
+  return buffer != nullptr && buffer_length >= COMM_V4_HEADER_LENGTH;
+}
+
+const char* comm_socket_v4_packet::command() const {
+  const comm_v4_offset_t offset = has_header() ? header(buffer)->command_offset : 0;
+  return offset != 0 ? reinterpret_cast<const char*>(buffer + offset) : "";
+}
+
+const char* comm_socket_v4_packet::error_string() const {
+  const comm_v4_offset_t offset = has_header() ? header(buffer)->error_string_offset : 0;
+  return offset != 0 ? reinterpret_cast<const char*>(buffer + offset) : "";
+}
+
+const unsigned char* comm_socket_v4_packet::data() const {
+  const comm_v4_offset_t offset = has_header() ? header(buffer)->data_offset : 0;
+  return offset != 0 ? buffer + offset : nullptr;
+}
+
+std::size_t comm_socket_v4_packet::data_length() const {
+  return data() != nullptr ? header(buffer)->data_length : 0;
+}
+
+std::size_t comm_socket_v4_packet::argc() const {
+  return has_header() ? header(buffer)->argv_count : 0;
+}
+
+std::size_t comm_socket_v4_packet::nv_entries() const {
+  return has_header() ? header(buffer)->nv_pair_table_count : 0;
+}
+
+const comm_socket_v4_packet_argv* comm_socket_v4_packet::argv(std::size_t index) const {
+  if (index >= argc()) return nullptr;
+  return reinterpret_cast<const comm_socket_v4_packet_argv*>(buffer + header(buffer)->argv_offset) +
+         index;
+}
+
+namespace {
+
+// The bytes of an argument's value; null when it is missing or of another type.
+const unsigned char* argv_value(const unsigned char* buffer,
+                                const comm_socket_v4_packet_argv* entry, std::uint32_t type) {
+  if (entry == nullptr || entry->type() != type || !entry->is_present()) return nullptr;
+  return buffer + packet_layout::value_offset(*entry);
+}
+
+template <class Number>
+Number argv_number(const unsigned char* buffer, const comm_socket_v4_packet_argv* entry,
+                   std::uint32_t type) {
+  Number number{};
+  if (const unsigned char* value = argv_value(buffer, entry, type))
+    std::memcpy(&number, value, sizeof(number));
+  return number;
+}
+
+}  // namespace
+
+const char* comm_socket_v4_packet::argv_text(const comm_socket_v4_packet_argv* entry) const {
+  const unsigned char* const value = argv_value(buffer, entry, comm_v4_type_text);
+  return value != nullptr ? reinterpret_cast<const char*>(value) : "";
+}
+
+std::uint64_t comm_socket_v4_packet::argv_uint64(const comm_socket_v4_packet_argv* entry) const {
+  return argv_number<std::uint64_t>(buffer, entry, comm_v4_type_uint64);
+}
+
+std::int64_t comm_socket_v4_packet::argv_int64(const comm_socket_v4_packet_argv* entry) const {
+  return argv_number<std::int64_t>(buffer, entry, comm_v4_type_int64);
+}
+
+double comm_socket_v4_packet::argv_double(const comm_socket_v4_packet_argv* entry) const {
+  return argv_number<double>(buffer, entry, comm_v4_type_double);
+}
+
+const comm_socket_v4_packet_nv_pair* comm_socket_v4_packet::nv_entry(std::size_t index) const {
+  if (index >= nv_entries()) return nullptr;
+  return reinterpret_cast<const comm_socket_v4_packet_nv_pair*>(
+             buffer + header(buffer)->nv_pair_table_offset) +
+         index;
+}
+
+const char* comm_socket_v4_packet::nv_pair_name(const comm_socket_v4_packet_nv_pair* entry) const {
+  return reinterpret_cast<const char*>(buffer + entry->name_offset);
+}
+
+const unsigned char* comm_socket_v4_packet::nv_pair_value_raw(
+    const comm_socket_v4_packet_nv_pair* entry) const {
+  return buffer + entry->value_offset;
+}
+
+const unsigned char* comm_socket_v4_packet::nv_pair_value_binary(
+    const comm_socket_v4_packet_nv_pair* entry) const {
+  return nv_pair_value_raw(entry);
+}
+
+const char* comm_socket_v4_packet::nv_pair_value_text(
+    const comm_socket_v4_packet_nv_pair* entry) const {
+  const bool is_text = entry->type() == comm_v4_type_text || entry->type() == comm_v4_type_json;
+  return is_text ? reinterpret_cast<const char*>(nv_pair_value_raw(entry)) : "";
+}
+
+const comm_v4_unaligned_uint64_t* comm_socket_v4_packet::nv_pair_value_uint64(
+    const comm_socket_v4_packet_nv_pair* entry) const {
+  if (entry->type() != comm_v4_type_uint64) return nullptr;
+  return reinterpret_cast<const comm_v4_unaligned_uint64_t*>(nv_pair_value_raw(entry));
+}
+
+const comm_v4_unaligned_int64_t* comm_socket_v4_packet::nv_pair_value_int64(
+    const comm_socket_v4_packet_nv_pair* entry) const {
+  if (entry->type() != comm_v4_type_int64) return nullptr;
+  return reinterpret_cast<const comm_v4_unaligned_int64_t*>(nv_pair_value_raw(entry));
+}
+
+const comm_v4_unaligned_double_t* comm_socket_v4_packet::nv_pair_value_double(
+    const comm_socket_v4_packet_nv_pair* entry) const {
+  if (entry->type() != comm_v4_type_double) return nullptr;
+  return reinterpret_cast<const comm_v4_unaligned_double_t*>(nv_pair_value_raw(entry));
+}
+
+std::size_t comm_socket_v4_packet_get_argc(const comm_socket_v4_packet* p) { return p->argc(); }
+std::size_t comm_socket_v4_packet_nv_entries(const comm_socket_v4_packet* p) {
+  return p->nv_entries();
+}
+const char* comm_socket_v4_packet_get_command(const comm_socket_v4_packet* p) {
+  return p->command();
+}
+const char* comm_socket_v4_packet_get_error_string(const comm_socket_v4_packet* p) {
+  return p->error_string();
+}
+const unsigned char* comm_socket_v4_packet_get_data(const comm_socket_v4_packet* p,
+                                                    std::size_t* length) {
+  if (length != nullptr) *length = p->data_length();
+  return p->data();
+}
+const char* comm_socket_v4_packet_get_argv(const comm_socket_v4_packet* p, std::size_t index) {
+  return p->argv_text(index);
+}
+const comm_socket_v4_packet_argv* comm_socket_v4_packet_get_argv_entry(
+    const comm_socket_v4_packet* p, std::size_t index) {
+  return p->argv(index);
+}
+const comm_socket_v4_packet_nv_pair* comm_socket_v4_packet_get_nv_entry(
+    const comm_socket_v4_packet* p, std::size_t index) {
+  return p->nv_entry(index);
+}
+const char* comm_socket_v4_packet_get_nv_pair_name(const comm_socket_v4_packet* p,
+                                                   const comm_socket_v4_packet_nv_pair* entry) {
+  return p->nv_pair_name(entry);
+}
+const unsigned char* comm_socket_v4_packet_get_nv_pair_value_raw(
+    const comm_socket_v4_packet* p, const comm_socket_v4_packet_nv_pair* entry) {
+  return p->nv_pair_value_raw(entry);
+}
+const char* comm_socket_v4_packet_get_nv_pair_value_text(
+    const comm_socket_v4_packet* p, const comm_socket_v4_packet_nv_pair* entry) {
+  return p->nv_pair_value_text(entry);
+}
+const unsigned char* comm_socket_v4_packet_get_nv_pair_value_binary(
+    const comm_socket_v4_packet* p, const comm_socket_v4_packet_nv_pair* entry) {
+  return p->nv_pair_value_binary(entry);
+}
+const comm_v4_unaligned_uint64_t* comm_socket_v4_packet_get_nv_pair_value_uint64(
+    const comm_socket_v4_packet* p, const comm_socket_v4_packet_nv_pair* entry) {
+  return p->nv_pair_value_uint64(entry);
+}
+const comm_v4_unaligned_int64_t* comm_socket_v4_packet_get_nv_pair_value_int64(
+    const comm_socket_v4_packet* p, const comm_socket_v4_packet_nv_pair* entry) {
+  return p->nv_pair_value_int64(entry);
+}
+const comm_v4_unaligned_double_t* comm_socket_v4_packet_get_nv_pair_value_double(
+    const comm_socket_v4_packet* p, const comm_socket_v4_packet_nv_pair* entry) {
+  return p->nv_pair_value_double(entry);
+}

@@ -1,0 +1,430 @@
+// The writer: one pass over a growing buffer. Strings and values are copied at once; the entries
+// that point at them are collected and written as two tables with the first data or at the end.
+#include <tarn_utils_v4/comm.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "lib/fatal_assert.h"
+#include "lib/packet_layout.h"
+
+namespace {
+
+using packet_layout::header;
+using packet_layout::max_packet_length;
+
+constexpr char source[] = "lib/comm_packet_buffer_writing";
+
+constexpr std::size_t max_command = 255;
+constexpr std::size_t max_error_string = 4095;
+constexpr std::size_t max_name = 4095;
+constexpr std::size_t max_text = 65535;
+constexpr std::size_t max_formatted_argv = 256;
+constexpr std::size_t max_data_per_call = 262144;
+
+constexpr std::size_t default_buffer_size = 8192;
+constexpr std::size_t min_buffer_size = 4096;
+constexpr std::size_t growth = 8192;      // room beyond what a copy needs
+constexpr std::size_t copy_spare = 16;    // a copy that leaves no more than this grows the buffer
+constexpr std::size_t table_spare = 64;   // likewise for a table
+constexpr std::size_t data_spare = 8192;  // likewise for data
+
+void check_write_position(const comm_socket_v4_packet& p, const char* function) {
+  fatal_assert(p.buffer_write <= p.buffer_alloc, "buffer_write <= buffer_alloc", source, function);
+}
+
+// Whether `length` more bytes keep every offset and length of the packet within 32 bits. Written
+// so that no sum can wrap.
+bool fits_packet(const comm_socket_v4_packet& p, std::size_t length) {
+  return p.buffer_write <= max_packet_length && length <= max_packet_length - p.buffer_write;
+}
+
+bool may_add_argv(const comm_socket_v4_packet& p) {
+  return p.wr_argv.size() < packet_layout::max_argv_entries &&
+         p.buffer_write < packet_layout::argv_value_end;
+}
+
+bool is_terminated(std::uint32_t type) {
+  return type == comm_v4_type_text || type == comm_v4_type_json;
+}
+
+// Copies bytes for which there is room to the write position.
+void append(comm_socket_v4_packet& p, const void* bytes, std::size_t length) {
+  if (length != 0) std::memcpy(p.buffer + p.buffer_write, bytes, length);
+  p.buffer_write += length;
+  p.buffer_length = p.buffer_write;
+}
+
+// Appends pending entries as a table and empties the array; *offset is where the table starts, 0
+// without one. More entries than `most` go nowhere: the packet is then sent without that table.
+template <class Entry>
+int append_table(comm_socket_v4_packet& p, std::vector<Entry>& pending, std::size_t most,
+                 const char* function, comm_v4_offset_t* offset) {
+  *offset = 0;
+  if (pending.empty() || pending.size() > most) return 0;
+  const std::size_t size = pending.size() * sizeof(Entry);
+  if (p.buffer == nullptr || !fits_packet(p, size)) return -1;
+  const std::size_t needed = p.buffer_write + size + table_spare;
+  if (needed > p.buffer_alloc && p.resize_buffer(needed) != 0) return -1;
+
+  *offset = static_cast<comm_v4_offset_t>(p.buffer_write);
+  append(p, pending.data(), size);
+  check_write_position(p, function);
+  return 0;
+}
+
+}  // namespace
+
+// --- Begin --------------------------------------------------------------------------------------
+
+int comm_socket_v4_packet::write_begin(const char* command, const char* error_string,
+                                       std::size_t size_hint) {
+  if (write_state != write_state_none) return -1;
+  const std::size_t size =
+      size_hint == 0 ? default_buffer_size : std::max(size_hint, min_buffer_size);
+  if (resize_buffer(size) != 0 || buffer == nullptr) {
+    errno = ENOMEM;
+    return -1;
+  }
+
+  comm_socket_v4_packet_header first{};
+  first.sighdr = COMM_V4_SIGHDR;
+  first.header_length = COMM_V4_HEADER_LENGTH;
+  first.stream_id = stream_id;
+  first.message_id = message_id;
+  first.error_code = error_code;
+  first.flags = flags;
+  buffer_write = 0;
+  append(*this, &first, sizeof(first));
+
+  // The header is looked up after each copy, which may move the buffer.
+  if (command != nullptr && *command != '\0') {
+    const comm_v4_offset_t offset = int_write_string(command, max_command, nullptr);
+    header(buffer)->command_offset = offset;
+  }
+  if (error_string != nullptr && *error_string != '\0') {
+    const comm_v4_offset_t offset = int_write_string(error_string, max_error_string, nullptr);
+    header(buffer)->error_string_offset = offset;
+  }
+  write_state = write_state_header;
+  return 0;
+}
+
+// --- Copies -------------------------------------------------------------------------------------
+
+comm_v4_offset_t comm_socket_v4_packet::int_copy_data(const unsigned char* data, std::size_t length,
+                                                      bool terminate) {
+  // The callers refuse what a packet cannot hold, so no sum here wraps.
+  const std::size_t start = buffer_write;
+  if (start + length + copy_spare >= buffer_alloc && resize_buffer(start + length + growth) != 0)
+    return 0;
+  append(*this, data, length);
+  if (terminate) append(*this, "", 1);
+  check_write_position(*this, __func__);
+  return static_cast<comm_v4_offset_t>(start);
+}
+
+comm_v4_offset_t comm_socket_v4_packet::int_write_string(const char* text, std::size_t max,
+                                                         std::uint32_t* out_length) {
+  const std::size_t length = text != nullptr ? strnlen(text, max) : 0;
+  if (out_length != nullptr) *out_length = static_cast<std::uint32_t>(length);
+  return int_copy_data(reinterpret_cast<const unsigned char*>(text), length, true);
+}
+
+comm_socket_v4_packet_argv* comm_socket_v4_packet::alloc_argv() {
+  const std::size_t idx = wr_argv.size();
+  wr_argv.emplace_back();
+  fatal_assert(wr_argv.size() == (idx + 1u), "wr_argv.size() == (idx+1u)", source, __func__);
+  return &wr_argv[idx];
+}
+
+comm_socket_v4_packet_nv_pair* comm_socket_v4_packet::alloc_nv_pair() {
+  const std::size_t idx = wr_nv_pair.size();
+  wr_nv_pair.emplace_back();
+  fatal_assert(wr_nv_pair.size() == (idx + 1u), "wr_nv_pair.size() == (idx+1u)", source, __func__);
+  return &wr_nv_pair[idx];
+}
+
+// --- Arguments ----------------------------------------------------------------------------------
+
+int comm_socket_v4_packet::write_argv(const char* text) {
+  if (write_state != write_state_header || buffer == nullptr) return -1;
+  if (text == nullptr || *text == '\0') return 0;
+  if (!may_add_argv(*this)) return -1;
+  comm_socket_v4_packet_argv* const entry = alloc_argv();
+  entry->type_code = comm_v4_type_text;
+  packet_layout::set_value_offset(*entry, int_write_string(text, max_text, nullptr));
+  return 0;
+}
+
+int comm_socket_v4_packet::write_argv_number(std::uint8_t type, const void* value) {
+  if (write_state != write_state_header || buffer == nullptr) return -1;
+  if (!may_add_argv(*this)) return -1;
+  comm_socket_v4_packet_argv* const entry = alloc_argv();
+  entry->type_code = type;
+  packet_layout::set_value_offset(
+      *entry, int_copy_data(static_cast<const unsigned char*>(value), 8, false));
+  return 0;
+}
+
+int comm_socket_v4_packet::write_argv_uint64(std::uint64_t value) {
+  return write_argv_number(comm_v4_type_uint64, &value);
+}
+int comm_socket_v4_packet::write_argv_int64(std::int64_t value) {
+  return write_argv_number(comm_v4_type_int64, &value);
+}
+int comm_socket_v4_packet::write_argv_double(double value) {
+  return write_argv_number(comm_v4_type_double, &value);
+}
+
+int comm_socket_v4_packet::vwrite_argvf(const char* format, va_list args) {
+  if (write_state != write_state_header) return -1;
+  char text[max_formatted_argv + 1];
+  const int length = std::vsnprintf(text, sizeof(text), format, args);
+  if (length < 0 || static_cast<std::size_t>(length) > max_formatted_argv) return -1;
+  return write_argv(text);
+}
+
+int comm_socket_v4_packet::write_argvf(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int result = vwrite_argvf(format, args);
+  va_end(args);
+  return result;
+}
+
+int comm_socket_v4_packet::write_argv_end() { return 0; }
+
+// --- Name/value pairs ---------------------------------------------------------------------------
+
+int comm_socket_v4_packet::write_nv_pair_raw(const char* name, const unsigned char* value,
+                                             std::size_t length, std::uint32_t type) {
+  if (name == nullptr || write_state != write_state_header || buffer == nullptr) return -1;
+  if (value == nullptr && length != 0) return -1;
+  // A length near the largest one is out before anything is added to it.
+  if (length > max_packet_length) return -1;
+  const std::size_t name_size = strnlen(name, max_name) + 1;
+  const std::size_t value_size = length + (is_terminated(type) ? 1 : 0);
+  if (!fits_packet(*this, name_size + value_size)) return -1;
+
+  comm_socket_v4_packet_nv_pair* const entry = alloc_nv_pair();
+  entry->type_code = type;
+  entry->value_length = static_cast<std::uint32_t>(length);
+  entry->name_offset = int_write_string(name, max_name, nullptr);
+  entry->value_offset = int_copy_data(value, length, is_terminated(type));
+  return 0;
+}
+
+int comm_socket_v4_packet::write_nv_pair_fourcc(std::uint32_t fourcc, const char* name,
+                                                const unsigned char* value, std::size_t length) {
+  return write_nv_pair_raw(name, value, length, fourcc);
+}
+
+int comm_socket_v4_packet::write_nv_pair_binary(const char* name, const unsigned char* value,
+                                                std::size_t length) {
+  return write_nv_pair_raw(name, value, length, comm_v4_type_binary);
+}
+
+int comm_socket_v4_packet::write_nv_pair_list(const char* name, const void* values,
+                                              std::size_t count, std::uint32_t type) {
+  if (count > max_packet_length / 8) return -1;
+  return write_nv_pair_raw(name, static_cast<const unsigned char*>(values), count * 8, type);
+}
+
+int comm_socket_v4_packet::write_nv_pair_uint64(const char* name, const std::uint64_t* values,
+                                                std::size_t count) {
+  return write_nv_pair_list(name, values, count, comm_v4_type_uint64);
+}
+int comm_socket_v4_packet::write_nv_pair_int64(const char* name, const std::int64_t* values,
+                                               std::size_t count) {
+  return write_nv_pair_list(name, values, count, comm_v4_type_int64);
+}
+int comm_socket_v4_packet::write_nv_pair_double(const char* name, const double* values,
+                                                std::size_t count) {
+  return write_nv_pair_list(name, values, count, comm_v4_type_double);
+}
+
+int comm_socket_v4_packet::write_nv_pair_json(const char* name, const char* json,
+                                              std::size_t length) {
+  return write_nv_pair_raw(name, reinterpret_cast<const unsigned char*>(json), length,
+                           comm_v4_type_json);
+}
+
+int comm_socket_v4_packet::write_nv_pair(const char* name, const char* text) {
+  const std::size_t length = text != nullptr ? strnlen(text, max_text) : 0;
+  return write_nv_pair_raw(name, reinterpret_cast<const unsigned char*>(text), length,
+                           comm_v4_type_text);
+}
+
+int comm_socket_v4_packet::vwrite_nv_pairf(const char* name, const char* format, va_list args) {
+  if (name == nullptr || write_state != write_state_header) return -1;
+  struct Formatted {
+    char* text = nullptr;
+    ~Formatted() { std::free(text); }
+  } formatted;
+  // A failed vasprintf leaves the pointer undefined.
+  if (::vasprintf(&formatted.text, format, args) < 0) formatted.text = nullptr;
+  return write_nv_pair(name, formatted.text);
+}
+
+int comm_socket_v4_packet::write_nv_pairf(const char* name, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int result = vwrite_nv_pairf(name, format, args);
+  va_end(args);
+  return result;
+}
+
+// --- Tables, data and end -----------------------------------------------------------------------
+
+int comm_socket_v4_packet::write_int_append_argv_table() {
+  comm_v4_offset_t offset;
+  if (append_table(*this, wr_argv, packet_layout::max_argv_entries, __func__, &offset) != 0)
+    return -1;
+  if (offset == 0) return 0;
+  header(buffer)->argv_offset = offset;
+  header(buffer)->argv_count = static_cast<std::uint8_t>(wr_argv.size());
+  wr_argv.clear();
+  return 0;
+}
+
+int comm_socket_v4_packet::write_int_append_nv_pair_table() {
+  comm_v4_offset_t offset;
+  if (append_table(*this, wr_nv_pair, packet_layout::max_nv_pair_entries, __func__, &offset) != 0)
+    return -1;
+  if (offset == 0) return 0;
+  header(buffer)->nv_pair_table_offset = offset;
+  header(buffer)->nv_pair_table_count = static_cast<std::uint16_t>(wr_nv_pair.size());
+  wr_nv_pair.clear();
+  return 0;
+}
+
+int comm_socket_v4_packet::write_data_binary(const unsigned char* data, std::size_t length) {
+  if (length == 0) return 0;
+  if (data == nullptr || length > max_data_per_call) return -1;
+  if (write_state == write_state_header) {
+    if (write_int_append_argv_table() != 0 || write_int_append_nv_pair_table() != 0) return -1;
+    write_state = write_state_data;
+  }
+  if (write_state != write_state_data) return -1;
+
+  if (buffer == nullptr || !fits_packet(*this, length)) return -1;
+  const std::size_t needed = buffer_write + length + data_spare;
+  if (needed > buffer_alloc && resize_buffer(needed) != 0) return -1;
+  if (header(buffer)->data_offset == 0)
+    header(buffer)->data_offset = static_cast<comm_v4_offset_t>(buffer_write);
+  append(*this, data, length);
+  header(buffer)->data_length =
+      static_cast<std::uint32_t>(buffer_write) - header(buffer)->data_offset;
+  return static_cast<int>(length);
+}
+
+int comm_socket_v4_packet::write_end() {
+  if (write_state == write_state_none) return -1;
+  if (write_state != write_state_header && write_state != write_state_data) return 0;
+  if (write_int_append_argv_table() != 0 || write_int_append_nv_pair_table() != 0) return -1;
+  buffer_length = buffer_write;
+  write_state = write_state_end;
+  if (complete_cb != nullptr) complete_cb(this);
+  if (buffer != nullptr && buffer_alloc > buffer_length) buffer[buffer_length] = 0;
+  return 0;
+}
+
+const char* comm_socket_v4_packet::write_state_to_str(int state) {
+  switch (state) {
+    case write_state_none:
+      return "None";
+    case write_state_header:
+      return "Header";
+    case write_state_data:
+      return "Data";
+    case write_state_end:
+      return "End";
+    default:
+      return "?";
+  }
+}
+
+const char* comm_socket_v4_packet::write_state_to_str() const {
+  return write_state_to_str(write_state);
+}
+
+// --- The same as functions ----------------------------------------------------------------------
+
+int comm_socket_v4_packet_begin_writing(comm_socket_v4_packet* p, std::size_t size_hint,
+                                        const char* command, const char* error_string) {
+  return p->write_begin(command, error_string, size_hint);
+}
+int comm_socket_v4_packet_write_argv(comm_socket_v4_packet* p, const char* text) {
+  return p->write_argv(text);
+}
+int comm_socket_v4_packet_write_argvf(comm_socket_v4_packet* p, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int result = p->write_argvf(format, args);
+  va_end(args);
+  return result;
+}
+int comm_socket_v4_packet_write_argv_uint64(comm_socket_v4_packet* p, std::uint64_t value) {
+  return p->write_argv_uint64(value);
+}
+int comm_socket_v4_packet_write_argv_int64(comm_socket_v4_packet* p, std::int64_t value) {
+  return p->write_argv_int64(value);
+}
+int comm_socket_v4_packet_write_argv_double(comm_socket_v4_packet* p, double value) {
+  return p->write_argv_double(value);
+}
+int comm_socket_v4_packet_write_argv_end(comm_socket_v4_packet* p) { return p->write_argv_end(); }
+int comm_socket_v4_packet_write_nv_pair_raw(comm_socket_v4_packet* p, const char* name,
+                                            const unsigned char* value, std::size_t length,
+                                            std::uint32_t type) {
+  return p->write_nv_pair_raw(name, value, length, type);
+}
+int comm_socket_v4_packet_write_nv_pair_fourcc(comm_socket_v4_packet* p, std::uint32_t fourcc,
+                                               const char* name, const unsigned char* value,
+                                               std::size_t length) {
+  return p->write_nv_pair_fourcc(fourcc, name, value, length);
+}
+int comm_socket_v4_packet_write_nv_pair_binary(comm_socket_v4_packet* p, const char* name,
+                                               const unsigned char* value, std::size_t length) {
+  return p->write_nv_pair_binary(name, value, length);
+}
+int comm_socket_v4_packet_write_nv_pair_uint64(comm_socket_v4_packet* p, const char* name,
+                                               const std::uint64_t* values, std::size_t count) {
+  return p->write_nv_pair_uint64(name, values, count);
+}
+int comm_socket_v4_packet_write_nv_pair_int64(comm_socket_v4_packet* p, const char* name,
+                                              const std::int64_t* values, std::size_t count) {
+  return p->write_nv_pair_int64(name, values, count);
+}
+int comm_socket_v4_packet_write_nv_pair_double(comm_socket_v4_packet* p, const char* name,
+                                               const double* values, std::size_t count) {
+  return p->write_nv_pair_double(name, values, count);
+}
+int comm_socket_v4_packet_write_nv_pair_json(comm_socket_v4_packet* p, const char* name,
+                                             const char* json, std::size_t length) {
+  return p->write_nv_pair_json(name, json, length);
+}
+int comm_socket_v4_packet_write_nv_pair(comm_socket_v4_packet* p, const char* name,
+                                        const char* text) {
+  return p->write_nv_pair(name, text);
+}
+int comm_socket_v4_packet_write_nv_pairf(comm_socket_v4_packet* p, const char* name,
+                                         const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int result = p->write_nv_pairf(name, format, args);
+  va_end(args);
+  return result;
+}
+int comm_socket_v4_packet_write_data_binary(comm_socket_v4_packet* p, const unsigned char* data,
+                                            std::size_t length) {
+  return p->write_data_binary(data, length);
+}
+int comm_socket_v4_packet_write_end(comm_socket_v4_packet* p) { return p->write_end(); }

@@ -1,0 +1,15 @@
+// Operations on endpoints that one source offers to the others and not to the application.
+#ifndef TARN_LIB_ENDPOINT_INTERNAL_H
+#define TARN_LIB_ENDPOINT_INTERNAL_H
+
+#include <tarn_utils_v4/comm.h>
+
+// lib/comm_server_clients
+
+// An empty slot, searched in rotation; null when there is none.
+comm_socket_v4_client* comm_socket_v4_client_find_empty_slot(comm_socket_v4* c);
+// Queues a slot for release. -1 when the endpoint is no open server, the index is out of bounds or
+// memory runs out (ENOMEM).
+int comm_socket_v4_client_disconnect_list_add(comm_socket_v4* c, unsigned long index);
+
+#endif

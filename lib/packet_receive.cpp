@@ -1,0 +1,209 @@
+#include "lib/packet_receive.h"
+
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "lib/fatal_assert.h"
+#include "lib/packet_layout.h"
+
+unsigned int comm_socket_v4_recv_corrupt_debug = 0;
+
+namespace {
+
+// Asked for beyond the size that the kernel announces.
+constexpr std::size_t size_margin = 16;
+constexpr std::size_t min_received_length = COMM_V4_HEADER_LENGTH + 1;
+
+struct ReleasePacket {
+  void operator()(comm_socket_v4_packet* p) const { comm_socket_v4_packet_release(p); }
+};
+using PacketRef = std::unique_ptr<comm_socket_v4_packet, ReleasePacket>;
+
+// FIONREAD answers the sum of all records that wait on a local socket, 0 for an empty queue and for
+// a peer that has gone.
+bool ask_announced_bytes(const ReceiveSide& side, int* avail) {
+  *avail = 0;
+  if (::ioctl(side.fd, FIONREAD, avail) == 0) return true;
+  if (errno == EAGAIN)
+    comm_socket_v4_warning(side.endpoint, "ioctl(FIONREAD) returns EWOULDBLOCK?");
+  else
+    comm_socket_v4_error(side.endpoint, "ioctl(FIONREAD) returned error %s", std::strerror(errno));
+  return false;
+}
+
+std::size_t read_size(int avail) {
+  const bool known = avail >= 1 && static_cast<std::size_t>(avail) <= COMM_V4_RECV_SIZE_CAP;
+  return known ? static_cast<std::size_t>(avail) : COMM_V4_RECV_SIZE_CAP;
+}
+
+// A packet with room for a record of `size` bytes, for the NUL behind it and for every descriptor
+// that may come along: nothing that has arrived can be lost to a lack of memory. Null with ENOMEM.
+PacketRef create_packet(const ReceiveSide& side, std::size_t size) {
+  PacketRef packet(comm_socket_v4_packet_create());
+  if (packet == nullptr) {
+    comm_socket_v4_debug(side.endpoint, "client_idle() fd=%d cannot create packet", side.fd);
+  } else if (packet->resize_buffer(size + size_margin) != 0) {
+    packet.reset();
+    comm_socket_v4_debug(side.endpoint, "client_idle() fd=%d cannot resize packet buffer", side.fd);
+  }
+  if (packet == nullptr) errno = ENOMEM;
+  return packet;
+}
+
+// Makes `room`, which is empty and has capacity, the packet's descriptors.
+void take_descriptors(const ReceiveSide& side, struct msghdr& message,
+                      comm_socket_v4_packet& packet, std::vector<int>&& room) {
+  const char* const end = static_cast<const char*>(message.msg_control) + message.msg_controllen;
+  for (struct cmsghdr* control = CMSG_FIRSTHDR(&message); control != nullptr;
+       control = CMSG_NXTHDR(&message, control)) {
+    const unsigned char* const first = CMSG_DATA(control);
+    if (control->cmsg_len < CMSG_LEN(0)) break;
+    if (control->cmsg_len - CMSG_LEN(0) >
+        static_cast<std::size_t>(end - reinterpret_cast<const char*>(first)))
+      break;
+    if (control->cmsg_level != SOL_SOCKET || control->cmsg_type != SCM_RIGHTS) continue;
+    const std::size_t count = (control->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    comm_socket_v4_debug(side.endpoint,
+                         "client_idle() received %u file descriptors over SCM_RIGHTS",
+                         static_cast<unsigned>(count));
+    for (std::size_t i = 0; i < count; ++i) {
+      int fd;
+      std::memcpy(&fd, first + i * sizeof(fd), sizeof(fd));
+      room.push_back(fd);
+    }
+  }
+  if (!room.empty()) packet.attached_fd = std::move(room);
+}
+
+// recvmsg(2) into the packet's buffer, one byte of which stays free. The descriptors that came are
+// the packet's whatever happens next. *flags is what the kernel said of truncation.
+ssize_t receive_record(const ReceiveSide& side, comm_socket_v4_packet& packet, int* flags) {
+  std::vector<int> room;
+  room.reserve(COMM_V4_MAX_SEND_FDS);
+
+  alignas(struct cmsghdr) char control[COMM_V4_CONTROL_BUFFER_SIZE] = {};
+  struct iovec bytes = {packet.buffer, packet.buffer_alloc - 1};
+  struct msghdr message = {};
+  message.msg_iov = &bytes;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof(control);
+  const ssize_t rd = ::recvmsg(side.fd, &message, MSG_DONTWAIT);
+  if (rd < 0) return rd;
+  take_descriptors(side, message, packet, std::move(room));
+  *flags = message.msg_flags;
+  return rd;
+}
+
+// A packet in the slot that leaves it again unless it is kept.
+class OfferedPacket {
+ public:
+  OfferedPacket(ReceiveSide& side, PacketRef packet) : side_(side), packet_(packet.release()) {
+    *side_.slot() = packet_;
+  }
+  ~OfferedPacket() {
+    if (kept_ || !in_slot()) return;
+    *side_.slot() = nullptr;
+    comm_socket_v4_packet_release(packet_);
+  }
+  OfferedPacket(const OfferedPacket&) = delete;
+  OfferedPacket& operator=(const OfferedPacket&) = delete;
+
+  comm_socket_v4_packet* get() const { return packet_; }
+  // False when the callback released the client, and the packet with it.
+  bool in_slot() const {
+    comm_socket_v4_packet** const slot = side_.slot();
+    return slot != nullptr && *slot == packet_;
+  }
+  void keep() { kept_ = true; }
+
+ private:
+  ReceiveSide& side_;
+  comm_socket_v4_packet* const packet_;
+  bool kept_ = false;
+};
+
+// Callback, checks and validation; what passes stays in the slot.
+void deliver(ReceiveSide& side, PacketRef received) {
+  OfferedPacket packet(side, std::move(received));
+  const int answer = side.offer(packet.get());
+  if (!packet.in_slot()) return;
+  if (answer < 0) {
+    comm_socket_v4_debug(side.endpoint, "client_idle() fd=%d dropping packet, callback refused it",
+                         side.fd);
+    return;
+  }
+  packet.get()->shrinkfit_buffer();
+  if (comm_socket_v4_client_on_recv_packet(side.endpoint, packet.get()) != 0) {
+    comm_socket_v4_warning(side.endpoint, "client_idle() fd=%d dropping packet, failed to decode",
+                           side.fd);
+    return;
+  }
+  packet.keep();
+}
+
+void flip_random_bits(comm_socket_v4_packet* p, unsigned int count) {
+  std::uint64_t pos = static_cast<std::uint64_t>(std::rand()) % p->buffer_length;
+  for (unsigned int i = 0; i < count; ++i) {
+    const int bit = std::rand() & 7;
+    p->buffer[pos] = static_cast<unsigned char>(p->buffer[pos] ^ (1u << bit));
+    pos = (pos + static_cast<std::uint64_t>(std::rand())) % p->buffer_length;
+  }
+}
+
+}  // namespace
+
+int receive_packet(ReceiveSide& side) {
+  if (*side.slot() != nullptr) return 0;
+  int avail;
+  if (!ask_announced_bytes(side, &avail)) return -1;
+  PacketRef packet = create_packet(side, read_size(avail));
+  if (packet == nullptr) return -1;
+  fatal_assert(packet->buffer_alloc >= 1, "c->next_packet->buffer_alloc >= 1", side.source,
+               side.function);
+
+  int flags = 0;
+  const ssize_t rd = receive_record(side, *packet, &flags);
+  if (rd < 0) {
+    const int error = errno;
+    packet.reset();
+    return error == EAGAIN || error == EINTR ? 0 : side.on_error(error);
+  }
+  fatal_assert(static_cast<std::size_t>(rd) <= packet->buffer_alloc - 1,
+               "rd <= (c->next_packet->buffer_alloc-1)", side.source, side.function);
+  if (rd == 0) {
+    packet.reset();
+    return side.on_end_of_stream(avail);
+  }
+  if ((flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
+    side.warn_of_truncation();
+    return 0;
+  }
+  packet->buffer_length = static_cast<std::size_t>(rd);
+  packet->buffer[packet->buffer_length] = 0;
+  deliver(side, std::move(packet));
+  return 0;
+}
+
+int comm_socket_v4_client_on_recv_packet(comm_socket_v4* s, comm_socket_v4_packet* p) {
+  if (p == nullptr || p->buffer == nullptr || p->buffer_length < min_received_length ||
+      p->buffer_length >= p->buffer_alloc || p->buffer[p->buffer_length] != 0)
+    return -1;
+  if (comm_socket_v4_recv_corrupt_debug > 0) flip_random_bits(p, comm_socket_v4_recv_corrupt_debug);
+  comm_socket_v4_packet_header* const header = packet_layout::header(p->buffer);
+  if (comm_socket_v4_validate_packet_contents(s, p, header) != 0) return -1;
+  p->message_id = header->message_id;
+  p->error_code = header->error_code;
+  p->flags = header->flags;
+  p->stream_id = header->stream_id;
+  p->write_state = comm_socket_v4_packet::write_state_received;
+  return 0;
+}

@@ -1,0 +1,10 @@
+// Stands in for libtarn_utils_v4_process.
+#ifndef TARN_SUITE_PROCESS_H
+#define TARN_SUITE_PROCESS_H
+
+// The id of the process that listens on the socket file at `path`: negative when nobody does, 0
+// when somebody does but this process may not see who. Never connects to a live server. The second
+// argument is reserved.
+extern "C" int get_socket_server_pid(const char* path, unsigned int);
+
+#endif
