@@ -1,0 +1,136 @@
+#include "faults.h"
+
+#include <gtest/gtest.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <cstdarg>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+namespace {
+
+thread_local Faults* armed = nullptr;
+
+struct Kind {
+  const char* name;
+  int error;
+};
+constexpr Kind kKinds[] = {
+#define CALL(name, error) {#name, error},
+    COMM_TEST_CALLS(CALL)
+#undef CALL
+};
+
+template <class Real>
+auto intercept(Call call, void* subject, Real real) -> decltype(real()) {
+  using Result = decltype(real());
+  Faults* const faults = armed;
+  if (faults == nullptr) return real();
+  if (const int error = faults->next(call)) {
+    if (call == Call::close) real();
+    errno = error;
+    if constexpr (std::is_pointer_v<Result>)
+      return nullptr;
+    else
+      return -1;
+  }
+  if constexpr (!std::is_pointer_v<Result>) {
+    if (const Faults::Hook& hook = faults->hook(call)) {
+      const Faults::Armed paused(nullptr);
+      return static_cast<Result>(hook([&real] { return static_cast<long>(real()); }, subject));
+    }
+  }
+  return real();
+}
+
+}  // namespace
+
+Faults* Faults::arm(Faults* faults) { return std::exchange(armed, faults); }
+
+Faults& Faults::fail(Call call, int error, unsigned nth, unsigned times) {
+  Plan& plan = at(call);
+  plan.from = plan.count + nth;
+  plan.until = plan.from + times;
+  plan.error = error;
+  return *this;
+}
+
+Faults& Faults::fail_any(unsigned kth) {
+  any_left_ = kth;
+  return *this;
+}
+
+Faults& Faults::replace(Call call, Hook hook) {
+  at(call).hook = std::move(hook);
+  return *this;
+}
+
+int Faults::next(Call call) {
+  Plan& plan = at(call);
+  ++plan.count;
+  const bool any = any_left_ != 0 && --any_left_ == 0;
+  const bool planned = plan.count >= plan.from && plan.count < plan.until;
+  if (!any && !planned) return 0;
+  ++fired_;
+  return planned ? plan.error : kKinds[static_cast<std::size_t>(call)].error;
+}
+
+Faults::~Faults() {
+  for (std::size_t i = 0; i < plans_.size(); ++i)
+    if (plans_[i].until != 0 && plans_[i].count + 1 < plans_[i].until)
+      ADD_FAILURE() << "a fault was planned for " << kKinds[i].name << " and never came";
+}
+
+#define WRAP(result, name, call, subject, parameters, arguments)              \
+  result __real_##name parameters;                                            \
+  result __wrap_##name parameters {                                           \
+    return intercept(call, subject, [&] { return __real_##name arguments; }); \
+  }
+#define WRAP_CALL(result, name, subject, parameters, arguments) \
+  WRAP(result, name, Call::name, subject, parameters, arguments)
+
+extern "C" {
+// ioctl and fcntl are variadic, but take their third argument where a fixed one would be.
+WRAP_CALL(int, socket, nullptr, (int domain, int type, int protocol), (domain, type, protocol))
+WRAP_CALL(int, socketpair, fds, (int domain, int type, int protocol, int* fds),
+          (domain, type, protocol, fds))
+WRAP_CALL(int, bind, const_cast<sockaddr*>(a), (int fd, const sockaddr* a, socklen_t n), (fd, a, n))
+WRAP_CALL(int, listen, nullptr, (int fd, int backlog), (fd, backlog))
+WRAP_CALL(int, accept4, a, (int fd, sockaddr* a, socklen_t* n, int flags), (fd, a, n, flags))
+WRAP_CALL(int, connect, const_cast<sockaddr*>(a), (int fd, const sockaddr* a, socklen_t n),
+          (fd, a, n))
+WRAP_CALL(int, getsockopt, value, (int fd, int level, int name, void* value, socklen_t* n),
+          (fd, level, name, value, n))
+WRAP_CALL(ssize_t, sendmsg, const_cast<msghdr*>(m), (int fd, const msghdr* m, int flags),
+          (fd, m, flags))
+WRAP_CALL(ssize_t, recvmsg, m, (int fd, msghdr* m, int flags), (fd, m, flags))
+WRAP_CALL(ssize_t, recv, data, (int fd, void* data, std::size_t n, int flags), (fd, data, n, flags))
+WRAP_CALL(int, ioctl, argument, (int fd, unsigned long request, void* argument),
+          (fd, request, argument))
+WRAP_CALL(int, select, r, (int n, fd_set* r, fd_set* w, fd_set* e, timeval* t), (n, r, w, e, t))
+WRAP_CALL(int, fcntl, nullptr, (int fd, int command, long argument), (fd, command, argument))
+WRAP_CALL(int, dup, nullptr, (int fd), (fd))
+WRAP_CALL(int, close, nullptr, (int fd), (fd))
+WRAP_CALL(int, lstat, st, (const char* path, struct stat* st), (path, st))
+WRAP_CALL(int, fstat, st, (int fd, struct stat* st), (fd, st))
+WRAP_CALL(ssize_t, readlink, text, (const char* path, char* text, std::size_t n), (path, text, n))
+WRAP_CALL(int, unlink, nullptr, (const char* path), (path))
+WRAP_CALL(int, chmod, nullptr, (const char* path, mode_t mode), (path, mode))
+WRAP_CALL(int, usleep, nullptr, (useconds_t us), (us))
+WRAP_CALL(int, vasprintf, nullptr, (char** text, const char* format, va_list args),
+          (text, format, args))
+WRAP_CALL(void*, malloc, nullptr, (std::size_t n), (n))
+WRAP(void*, realloc, Call::malloc, nullptr, (void* old, std::size_t n), (old, n))
+WRAP(void*, _ZnwmRKSt9nothrow_t, Call::operator_new, nullptr,
+     (std::size_t n, const std::nothrow_t& tag), (n, tag))
+
+void* __real__Znwm(std::size_t n);
+void* __wrap__Znwm(std::size_t n) {
+  void* const memory = intercept(Call::operator_new, nullptr, [n] { return __real__Znwm(n); });
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+}

@@ -1,0 +1,94 @@
+// Makes system calls and allocations of the library fail, or answer what a test wants. It works by
+// the linker's --wrap, so the library has to be linked statically; allocations made inside
+// libstdc++.so, such as the growth of a std::string, stay out of reach.
+//
+//     Faults faults;
+//     faults.fail(Call::recvmsg, ENOBUFS);
+//     EXPECT_EQ(-1, faults.during([&] { return comm_socket_v4_idle(client); }));
+//
+// Faults act, and calls are counted, on this thread inside during() only. A planned fault that
+// never came is a failure of the test.
+#ifndef COMM_TESTS_FAULTS_H
+#define COMM_TESTS_FAULTS_H
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <functional>
+
+// Each kind with the errno that fail_any gives it. malloc stands for realloc too, operator_new for
+// its form that does not throw.
+#define COMM_TEST_CALLS(CALL)                                                                    \
+  CALL(socket, EMFILE)                                                                           \
+  CALL(socketpair, EMFILE)                                                                       \
+  CALL(bind, EACCES)                                                                             \
+  CALL(listen, EOPNOTSUPP) CALL(accept4, EMFILE) CALL(connect, ENOMEM) CALL(getsockopt, ENOBUFS) \
+      CALL(sendmsg, ENOBUFS) CALL(recvmsg, ENOBUFS) CALL(recv, ENOBUFS) CALL(ioctl, EIO)         \
+          CALL(select, ENOMEM) CALL(fcntl, EIO) CALL(dup, EMFILE) CALL(close, EIO)               \
+              CALL(lstat, EACCES) CALL(fstat, EIO) CALL(readlink, EACCES) CALL(unlink, EACCES)   \
+                  CALL(chmod, EPERM) CALL(usleep, EINTR) CALL(malloc, ENOMEM)                    \
+                      CALL(vasprintf, ENOMEM) CALL(operator_new, ENOMEM)
+
+enum class Call : std::size_t {
+#define CALL(name, error) name,
+  COMM_TEST_CALLS(CALL)
+#undef CALL
+      kinds
+};
+
+class Faults {
+ public:
+  // Stands in for a call that answers a number. `real` makes the call; `subject` is what it reads
+  // or fills in: the msghdr, the int of FIONREAD, the address, the stat buffer, the option value.
+  using Hook = std::function<long(const std::function<long()>& real, void* subject)>;
+
+  Faults() = default;
+  Faults(const Faults&) = delete;
+  Faults& operator=(const Faults&) = delete;
+  ~Faults();
+
+  // The nth call of this kind from now on, and the `times` - 1 behind it, fail. A close that fails
+  // has closed, as in the kernel.
+  Faults& fail(Call call, int error, unsigned nth = 1, unsigned times = 1);
+  // The kth call of any kind fails. For loops that end when fired() is 0.
+  Faults& fail_any(unsigned kth);
+  Faults& replace(Call call, Hook hook);
+
+  template <class Body>
+  auto during(Body&& body) {
+    const Armed armed(this);
+    return body();
+  }
+
+  unsigned count(Call call) const { return at(call).count; }
+  unsigned fired() const { return fired_; }
+
+  // For the wrappers: the errno with which this call has to fail, or 0.
+  int next(Call call);
+  const Hook& hook(Call call) const { return at(call).hook; }
+  static Faults* arm(Faults* faults);  // returns what was armed before
+  class Armed {
+   public:
+    explicit Armed(Faults* faults) : before_(arm(faults)) {}
+    ~Armed() { arm(before_); }
+    Armed(const Armed&) = delete;
+    Armed& operator=(const Armed&) = delete;
+
+   private:
+    Faults* before_;
+  };
+
+ private:
+  struct Plan {
+    unsigned count = 0, from = 0, until = 0;  // calls number from .. until - 1 fail
+    int error = 0;
+    Hook hook;
+  };
+  Plan& at(Call call) { return plans_[static_cast<std::size_t>(call)]; }
+  const Plan& at(Call call) const { return plans_[static_cast<std::size_t>(call)]; }
+
+  std::array<Plan, static_cast<std::size_t>(Call::kinds)> plans_;
+  unsigned any_left_ = 0, fired_ = 0;
+};
+
+#endif

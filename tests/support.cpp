@@ -1,0 +1,230 @@
+#include "support.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <sstream>
+#include <tuple>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// What is written here is seen even while a StderrCapture lives.
+const int original_stderr = fcntl(2, F_DUPFD_CLOEXEC, 3);
+char hang_message[256];
+
+void on_alarm(int) {
+  const ssize_t ignored = write(original_stderr, hang_message, strlen(hang_message));
+  _exit(ignored < 0 ? 125 : 124);
+}
+
+}  // namespace
+
+std::vector<std::string> open_descriptors() {
+  std::vector<std::string> list;
+  for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
+    const fs::path target = fs::read_symlink(entry.path());
+    if (target != "/proc/" + std::to_string(getpid()) + "/fd")
+      list.push_back(entry.path().filename().string() + " -> " + target.string());
+  }
+  std::sort(list.begin(), list.end());
+  return list;
+}
+
+CommTest::CommTest() : descriptors_(open_descriptors()) {
+  const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
+  snprintf(hang_message, sizeof hang_message, "TIMEOUT in %s.%s\n", info->test_suite_name(),
+           info->name());
+  signal(SIGALRM, on_alarm);
+  alarm(20);
+}
+
+CommTest::~CommTest() {
+  alarm(0);
+  EXPECT_EQ(descriptors_, open_descriptors()) << "the test changed the open descriptors";
+  if (!directory_.empty()) fs::remove_all(directory_);
+}
+
+std::string CommTest::path(const std::string& name) {
+  if (directory_.empty()) {
+    char pattern[] = "/tmp/comm_v4.XXXXXX";
+    if (mkdtemp(pattern) == nullptr) abort();
+    directory_ = pattern;
+  }
+  return directory_ + "/" + name;
+}
+
+std::string CommTest::abstract_name() {
+  static int number = 0;
+  return "@comm_v4_test_" + std::to_string(getpid()) + "_" + std::to_string(++number);
+}
+
+StderrCapture::StderrCapture()
+    : saved_(fcntl(2, F_DUPFD_CLOEXEC, 3)), memory_(memfd_create("stderr", MFD_CLOEXEC)) {
+  fflush(stderr);
+  if (saved_ < 0 || memory_ < 0 || dup2(memory_, 2) < 0) abort();
+}
+
+StderrCapture::~StderrCapture() {
+  const std::string shown = testing::Test::HasFailure() ? text() : "";
+  fflush(stderr);
+  dup2(saved_, 2);
+  close(saved_);
+  close(memory_);
+  fputs(shown.c_str(), stderr);
+}
+
+std::string StderrCapture::text() const {
+  fflush(stderr);
+  std::string all(static_cast<std::size_t>(lseek(memory_, 0, SEEK_END)), '\0');
+  if (pread(memory_, all.data(), all.size(), 0) != static_cast<ssize_t>(all.size())) abort();
+  return all;
+}
+
+void StderrCapture::clear() {
+  fflush(stderr);
+  if (ftruncate(memory_, 0) != 0) abort();
+  lseek(memory_, 0, SEEK_SET);
+}
+
+std::vector<std::string> StderrCapture::lines(const comm_socket_v4* endpoint) const {
+  char address[32];
+  snprintf(address, sizeof address, "%p", static_cast<const void*>(endpoint));
+  std::vector<std::string> list;
+  std::istringstream in(text());
+  bool wanted = false;
+  for (std::string line; std::getline(in, line);) {
+    char level[16], at[32];
+    int end = 0;
+    if (line.empty() && wanted && !list.empty()) {
+      list.back() += '\n';
+    } else if (sscanf(line.c_str(), "comm_socket_v4 %15[A-Z] [%31[^]]]: %n", level, at, &end) ==
+                   2 &&
+               end > 0) {
+      wanted = endpoint == nullptr || std::string(at) == address;
+      if (wanted) list.push_back(std::string(level) + ": " + line.substr(std::size_t(end)));
+    } else {
+      wanted = endpoint == nullptr;
+      if (wanted) list.push_back(line);
+    }
+  }
+  return list;
+}
+
+Peer::Peer(const std::function<void()>& body, unsigned seconds) {
+  fflush(nullptr);
+  const pid_t parent = getpid();
+  pid_ = fork();
+  if (pid_ < 0) abort();
+  if (pid_ > 0) return;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(1);
+  alarm(seconds);
+  body();
+  fflush(nullptr);
+  _exit(testing::Test::HasFailure() ? 1 : 0);
+}
+
+int Peer::wait() {
+  int status = 0;
+  while (!waited_ && waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+  waited_ = true;
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+Peer::~Peer() {
+  if (!waited_) {
+    EXPECT_EQ(0, wait()) << "the peer failed";
+  }
+}
+
+Endpoint make_endpoint() { return Endpoint(comm_socket_v4_create()); }
+Packet make_packet() { return Packet(comm_socket_v4_packet_create()); }
+
+Packet begin_request(const char* command) {
+  Packet p = make_packet();
+  p->make_request();
+  EXPECT_EQ(0, p->write_begin(command, nullptr, 0));
+  return p;
+}
+
+Packet ping_packet() {
+  Packet p = begin_request();
+  EXPECT_EQ(0, p->write_argv("a"));
+  EXPECT_EQ(0, p->write_nv_pair("k", "v"));
+  EXPECT_EQ(0, p->write_end());
+  return p;
+}
+
+Packet rich_packet() {
+  const std::uint64_t u[] = {1, UINT64_MAX};
+  const std::int64_t i[] = {-1, INT64_MIN, 7};
+  const double d[] = {0.5, -1e300};
+  const unsigned char raw[] = {0, 1, 255, 0};
+  Packet p = make_packet();
+  p->make_request();
+  p->set_async(true);
+  p->flags |= comm_socket_v4_packet::multipart_last << comm_socket_v4_packet::multipart_shift;
+  p->set_stream_id(0x1122334455667788u);
+  p->message_id = 42;
+  p->error_code = 5;
+  EXPECT_EQ(0, p->write_begin("rich", "no error", 0));
+  EXPECT_EQ(0, p->write_argv("text"));
+  EXPECT_EQ(0, p->write_argv_uint64(UINT64_MAX));
+  EXPECT_EQ(0, p->write_nv_pair("text", "value"));
+  EXPECT_EQ(0, p->write_argv_int64(-5));
+  EXPECT_EQ(0, p->write_argv_double(2.5));
+  EXPECT_EQ(0, p->write_nv_pair_json("json", "{\"a\":1}", 7));
+  EXPECT_EQ(0, p->write_nv_pair_binary("binary", raw, sizeof raw));
+  EXPECT_EQ(0, p->write_nv_pair_uint64("uint64", u, 2));
+  EXPECT_EQ(0, p->write_nv_pair_int64("int64", i, 3));
+  EXPECT_EQ(0, p->write_nv_pair_double("double", d, 2));
+  EXPECT_EQ(0, p->write_nv_pair_fourcc(0x20584F46, "own", raw, 3));  // "FOX "
+  EXPECT_EQ(10, p->write_data_binary(reinterpret_cast<const unsigned char*>("0123456789"), 10));
+  EXPECT_EQ(0, p->write_end());
+  return p;
+}
+
+unsigned long in_ms(unsigned long ms) {
+  using std::chrono::microseconds;
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return static_cast<unsigned long>(std::chrono::duration_cast<microseconds>(now).count()) +
+         ms * 1000;
+}
+
+std::pair<Endpoint, unsigned long> join(comm_socket_v4* server) {
+  Endpoint client = make_endpoint();
+  EXPECT_EQ(0, comm_socket_v4_connect_to(client.get(), server->socket_path.c_str()));
+  comm_socket_v4_client* record = comm_socket_v4_accept_connection(server);
+  EXPECT_NE(nullptr, record);
+  return {std::move(client), comm_socket_v4_client_ptr2index(record)};
+}
+
+Connection CommTest::connected() {
+  Connection c;
+  c.server = make_endpoint();
+  EXPECT_EQ(0, comm_socket_v4_create_server(c.server.get(), abstract_name().c_str()));
+  std::tie(c.client, c.index) = join(c.server.get());
+  return c;
+}
+
+std::pair<Endpoint, Endpoint> make_pair_of_endpoints() {
+  std::pair<Endpoint, Endpoint> ends{make_endpoint(), make_endpoint()};
+  EXPECT_EQ(0, comm_socket_v4_connect_new_socketpair(ends.first.get()));
+  const int fd = comm_socket_v4_socketpair_get_remote_end(ends.first.get());
+  EXPECT_EQ(0, comm_socket_v4_connect_use_socketpair(ends.second.get(), fd));
+  return ends;
+}

@@ -1,0 +1,108 @@
+// What all tests share: a fixture that watches descriptors and time, captured standard error,
+// forked peers, and short ways to packets and connections.
+#ifndef COMM_TESTS_SUPPORT_H
+#define COMM_TESTS_SUPPORT_H
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tarn_utils_v4/comm.h"
+
+struct ReleasePacket {
+  void operator()(comm_socket_v4_packet* p) const { comm_socket_v4_packet_release(p); }
+};
+struct DestroyEndpoint {
+  void operator()(comm_socket_v4* c) const { comm_socket_v4_destroy(c); }
+};
+using Packet = std::unique_ptr<comm_socket_v4_packet, ReleasePacket>;  // holds one reference
+using Endpoint = std::unique_ptr<comm_socket_v4, DestroyEndpoint>;
+
+Endpoint make_endpoint();
+Packet make_packet();
+// Begun as a request: arguments and pairs may be added.
+Packet begin_request(const char* command = "ping");
+// "ping" with the argument "a" and the pair k=v, complete: 94 bytes, the example of the documents.
+Packet ping_packet();
+// Every part a packet can have, every type of argument and pair; complete.
+Packet rich_packet();
+inline std::string bytes_of(const comm_socket_v4_packet* p) {
+  return std::string(reinterpret_cast<const char*>(p->buffer), p->buffer_length);
+}
+
+// A moment `ms` from now, as the waits take it.
+unsigned long in_ms(unsigned long ms);
+// "number -> target" of every open descriptor.
+std::vector<std::string> open_descriptors();
+
+// A server on an abstract name, one client of it, and the slot in which the server accepted it.
+struct Connection {
+  Endpoint server, client;
+  unsigned long index = COMM_V4_NO_INDEX;
+  comm_socket_v4_client* record() const { return server->index2client(index); }
+};
+// Connects one more client to an open server and accepts it.
+std::pair<Endpoint, unsigned long> join(comm_socket_v4* server);
+// Both ends of a socket pair.
+std::pair<Endpoint, Endpoint> make_pair_of_endpoints();
+
+// A test fails when its descriptors differ before and after, its own members destroyed. A test that
+// hangs ends the run, with its name; alarm(n) in a test gives it more time than 20 seconds.
+class CommTest : public testing::Test {
+ protected:
+  CommTest();
+  ~CommTest() override;
+
+  // A path in a directory of this test, which is removed afterwards.
+  std::string path(const std::string& name = "socket");
+  // An abstract name that nothing else uses, with its "@".
+  static std::string abstract_name();
+  static Connection connected();
+
+ private:
+  std::vector<std::string> descriptors_;
+  std::string directory_;
+};
+
+// Sends descriptor 2 to memory while it lives; shows the text when the test has failed by then.
+class StderrCapture {
+ public:
+  StderrCapture();
+  ~StderrCapture();
+  StderrCapture(const StderrCapture&) = delete;
+  StderrCapture& operator=(const StderrCapture&) = delete;
+
+  std::string text() const;
+  // The log lines as "LEVEL: text", of one endpoint or of all. A text that itself ends in a newline
+  // shows it. Among all, a line of another form stays as it is.
+  std::vector<std::string> lines(const comm_socket_v4* endpoint = nullptr) const;
+  void clear();
+
+ private:
+  int saved_, memory_;
+};
+using Lines = std::vector<std::string>;
+
+// A child process that runs `body`; failed expectations in it are failures here. It is ended after
+// `seconds`, and with its parent. Make it before the descriptors that it shall not inherit.
+class Peer {
+ public:
+  explicit Peer(const std::function<void()>& body, unsigned seconds = 10);
+  ~Peer();  // expects that it ended with 0, unless wait() was called
+  Peer(const Peer&) = delete;
+  Peer& operator=(const Peer&) = delete;
+
+  pid_t pid() const { return pid_; }
+  int wait();  // its exit status, 1 when an expectation failed, 128 + the signal that killed it
+
+ private:
+  pid_t pid_;
+  bool waited_ = false;
+};
+
+#endif
