@@ -8,7 +8,10 @@ need_tools() {
   local pair tool packages=() as_root=()
   for pair in "$@"; do
     tool=${pair%%:*}
-    [ -e "$tool" ] || command -v "$tool" > /dev/null || packages+=("${pair#*:}")
+    case $tool in
+      */*) [ -e "$tool" ] ;;
+      *) command -v "$tool" > /dev/null ;;
+    esac || packages+=("${pair#*:}")
   done
   [ ${#packages[@]} -gt 0 ] || return 0
 
