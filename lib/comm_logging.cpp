@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
 #include "lib/fatal_assert.h"
 
@@ -61,8 +62,12 @@ void comm_socket_v4_bug(comm_socket_v4* c, const char* format, ...) {
 void comm_socket_v4_debug(comm_socket_v4* c, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  log_line(c, log_debug, "DEBUG", format, args);
+  comm_socket_v4_vdebug(c, format, args);
   va_end(args);
+}
+
+void comm_socket_v4_vdebug(comm_socket_v4* c, const char* format, va_list args) {
+  log_line(c, log_debug, "DEBUG", format, args);
 }
 
 void comm_socket_v4_dump_state(const comm_socket_v4* c, std::FILE* out) {

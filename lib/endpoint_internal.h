@@ -4,6 +4,13 @@
 
 #include <tarn_utils_v4/comm.h>
 
+#include <cstdarg>
+
+// lib/comm_logging
+
+void comm_socket_v4_vdebug(comm_socket_v4* c, const char* format, va_list args)
+    COMM_V4_PRINTF(2, 0);
+
 // lib/comm_server_clients
 
 // An empty slot, searched in rotation; null when there is none.

@@ -1,0 +1,174 @@
+// Sending a packet in one system call, and handing out the packets that were received.
+#include <sys/socket.h>
+#include <tarn_utils_v4/comm.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include "lib/client_slot.h"
+#include "lib/fatal_assert.h"
+
+// --- Sending ------------------------------------------------------------------------------------
+
+namespace {
+
+// What differs between sending to one of a server's clients and on an endpoint's own socket.
+struct SendSide {
+  comm_socket_v4* endpoint;  // logs
+  int fd;
+  int closed_errno;  // the answer when the connection is not open, 0 when it is
+  bool to_client;
+};
+
+// Fills the control area with the packet's descriptors. Without any, or with more than it holds,
+// the message keeps no control data.
+void attach_descriptors(const SendSide& side, const comm_socket_v4_packet& p, char* ctrl,
+                        std::size_t ctrl_size, struct msghdr& message) {
+  const std::size_t size = p.attached_fd.size() * sizeof(int);
+  if (size == 0) return;
+  if (p.attached_fd.size() > COMM_V4_MAX_SEND_FDS) {
+    comm_socket_v4_warning(
+        side.endpoint, side.to_client ? "send_to_client(): too many file descriptors, not sending"
+                                      : "send_to_server(): too many file descriptors, not sending");
+    return;
+  }
+  message.msg_control = ctrl;
+  message.msg_controllen = CMSG_SPACE(size);
+  struct cmsghdr* const control = CMSG_FIRSTHDR(&message);
+  control->cmsg_level = SOL_SOCKET;
+  control->cmsg_type = SCM_RIGHTS;
+  control->cmsg_len = CMSG_LEN(size);
+  unsigned char* const fds = CMSG_DATA(control);
+  fatal_assert(reinterpret_cast<std::uintptr_t>(fds) + size <=
+                   reinterpret_cast<std::uintptr_t>(ctrl) + ctrl_size,
+               "(uintptr_t)(&fds[p->attached_fd.size()]) <= "
+               "((uintptr_t)ctrl+(uintptr_t)sizeof(ctrl))",
+               "lib/comm_io_send", __func__);
+  std::memcpy(fds, p.attached_fd.data(), size);
+}
+
+int send_bytes(const SendSide& side, comm_socket_v4_packet& p) {
+  alignas(struct cmsghdr) char ctrl[COMM_V4_CONTROL_BUFFER_SIZE] = {};
+  struct iovec bytes = {p.buffer, p.buffer_length};
+  struct msghdr message = {};
+  message.msg_iov = &bytes;
+  message.msg_iovlen = 1;
+  attach_descriptors(side, p, ctrl, sizeof(ctrl), message);
+
+  const ssize_t sent = ::sendmsg(side.fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+  if (sent < 0) return errno == EINTR || errno == EAGAIN ? 0 : -1;
+  // The message holds duplicates now.
+  p.close_attached_fd();
+  if (sent == 0 || static_cast<std::size_t>(sent) == p.buffer_length) return static_cast<int>(sent);
+  comm_socket_v4_warning(side.endpoint,
+                         side.to_client
+                             ? "send_to_client(): packet was not fully written (%d out of %zu)"
+                             : "send_to_server(): packet was not fully written (%d out of %zu)",
+                         static_cast<int>(sent), p.buffer_length);
+  return -1;
+}
+
+int send_packet(const SendSide& side, comm_socket_v4_packet& p) {
+  if (p.write_state == comm_socket_v4_packet::write_state_none) {
+    comm_socket_v4_debug(
+        side.endpoint, side.to_client
+                           ? "send_to_client(): attempt to send packet without writing data to it"
+                           : "send_to_server(): attempt to send packet without writing data to it");
+    return -1;
+  }
+  if (p.buffer == nullptr || p.buffer_length == 0) {
+    comm_socket_v4_debug(
+        side.endpoint, side.to_client
+                           ? "send_to_client(): attempt to send packet with no data or no buffer"
+                           : "send_to_server(): attempt to send packet with no data or no buffer");
+    errno = EINVAL;
+    return -1;
+  }
+  if (side.closed_errno != 0) {
+    if (!side.to_client)
+      comm_socket_v4_debug(side.endpoint,
+                           "send_to_server(): attempt to send packet when socket is not open");
+    errno = side.closed_errno;
+    return -1;
+  }
+  if (p.write_state != comm_socket_v4_packet::write_state_end) {
+    comm_socket_v4_warning(
+        side.endpoint,
+        side.to_client ? "send_to_client(): attempt to send packet that has been incompletely "
+                         "written. auto-terminating packet (state=%d)."
+                       : "send_to_server(): attempt to send packet that has been incompletely "
+                         "written. auto-terminating packet (state=%d).",
+        p.write_state);
+    comm_socket_v4_packet_write_end(&p);
+  }
+  return send_bytes(side, p);
+}
+
+}  // namespace
+
+int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* c, comm_socket_v4_packet* p) {
+  if (c == nullptr || p == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  const int closed_errno = c->client_is_open() ? 0 : c->status.disconnected ? ECONNRESET : ENOTCONN;
+  return send_packet({c->server, c->client_fd, closed_errno, true}, *p);
+}
+
+int comm_socket_v4_packet_send_to_server(comm_socket_v4* s, comm_socket_v4_packet* p) {
+  if (s == nullptr || p == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  const int closed_errno = comm_socket_v4_is_open(s) ? 0 : ENOTCONN;
+  return send_packet({s, s->socket_fd, closed_errno, false}, *p);
+}
+
+// --- Retrieval ----------------------------------------------------------------------------------
+
+namespace {
+
+comm_socket_v4_packet* take(comm_socket_v4_packet*& slot) { return std::exchange(slot, nullptr); }
+
+}  // namespace
+
+comm_socket_v4_packet* comm_socket_v4_client_get_packet(comm_socket_v4_client* c) {
+  if (c->halt != 0) return nullptr;
+  if (c->pending_response_packet != nullptr) {
+    comm_socket_v4_client_idle(c);
+    return nullptr;
+  }
+  if (c->next_packet != nullptr) return take(c->next_packet);
+  const ClientSlot slot(c);
+  if (comm_socket_v4_client_idle(c) < 0) return nullptr;
+  comm_socket_v4_client* const client = slot.record();
+  return client != nullptr ? take(client->next_packet) : nullptr;
+}
+
+comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* s,
+                                                        comm_socket_v4_client** from) {
+  if (from != nullptr) *from = nullptr;
+  const std::size_t slots = s->client.size();
+  for (std::size_t tries = 0; tries < slots; ++tries) {
+    if (s->client_getpktscan >= s->client.size()) s->client_getpktscan = 0;
+    // A receive callback may have closed the server.
+    if (s->client.empty()) return nullptr;
+    const std::uint64_t index = s->client_getpktscan;
+    comm_socket_v4_packet* const packet = s->client[index].client_is_open()
+                                              ? comm_socket_v4_client_get_packet(&s->client[index])
+                                              : nullptr;
+    s->client_getpktscan = index + 1 < s->client.size() ? index + 1 : 0;
+    if (packet == nullptr) continue;
+    if (from != nullptr) *from = &s->client[index];
+    return packet;
+  }
+  return nullptr;
+}
+
+comm_socket_v4_packet* comm_socket_v4_client_get_packet_from_server(comm_socket_v4* s) {
+  if (s == nullptr) return nullptr;
+  if (s->next_packet == nullptr) comm_socket_v4_idle(s);
+  return take(s->next_packet);
+}
