@@ -18,16 +18,16 @@
 
 // Each kind with the errno that fail_any gives it. malloc stands for realloc too, operator_new for
 // its form that does not throw.
-#define COMM_TEST_CALLS(CALL)                                                                    \
-  CALL(socket, EMFILE)                                                                           \
-  CALL(socketpair, EMFILE)                                                                       \
-  CALL(bind, EACCES)                                                                             \
-  CALL(listen, EOPNOTSUPP) CALL(accept4, EMFILE) CALL(connect, ENOMEM) CALL(getsockopt, ENOBUFS) \
-      CALL(sendmsg, ENOBUFS) CALL(recvmsg, ENOBUFS) CALL(recv, ENOBUFS) CALL(ioctl, EIO)         \
-          CALL(select, ENOMEM) CALL(fcntl, EIO) CALL(dup, EMFILE) CALL(close, EIO)               \
-              CALL(lstat, EACCES) CALL(fstat, EIO) CALL(readlink, EACCES) CALL(unlink, EACCES)   \
-                  CALL(chmod, EPERM) CALL(usleep, EINTR) CALL(malloc, ENOMEM)                    \
-                      CALL(vasprintf, ENOMEM) CALL(operator_new, ENOMEM)
+// clang-format off
+#define COMM_TEST_CALLS(CALL)                                                                \
+  CALL(socket, EMFILE) CALL(socketpair, EMFILE) CALL(bind, EACCES) CALL(listen, EOPNOTSUPP)  \
+  CALL(accept4, EMFILE) CALL(connect, ENOMEM) CALL(getsockopt, ENOBUFS)                      \
+  CALL(sendmsg, ENOBUFS) CALL(recvmsg, ENOBUFS) CALL(recv, ENOBUFS)                          \
+  CALL(ioctl, EIO) CALL(select, ENOMEM) CALL(fcntl, EIO) CALL(dup, EMFILE) CALL(close, EIO)  \
+  CALL(lstat, EACCES) CALL(fstat, EIO) CALL(readlink, EACCES) CALL(unlink, EACCES)           \
+  CALL(chmod, EPERM) CALL(usleep, EINTR)                                                     \
+  CALL(malloc, ENOMEM) CALL(vasprintf, ENOMEM) CALL(operator_new, ENOMEM)
+// clang-format on
 
 enum class Call : std::size_t {
 #define CALL(name, error) name,
@@ -90,5 +90,13 @@ class Faults {
   std::array<Plan, static_cast<std::size_t>(Call::kinds)> plans_;
   unsigned any_left_ = 0, fired_ = 0;
 };
+
+// The answer of `body` when its nth call of this kind fails.
+template <class Body>
+auto failing(Call call, int error, Body&& body, unsigned nth = 1) {
+  Faults faults;
+  faults.fail(call, error, nth);
+  return faults.during(body);
+}
 
 #endif

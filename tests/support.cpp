@@ -66,6 +66,10 @@ std::string CommTest::path(const std::string& name) {
   return directory_ + "/" + name;
 }
 
+std::string CommTest::path_of_length(std::size_t length, char fill) {
+  return path(std::string(length - path("").length(), fill));
+}
+
 std::string CommTest::abstract_name() {
   static int number = 0;
   return "@comm_v4_test_" + std::to_string(getpid()) + "_" + std::to_string(++number);
@@ -169,32 +173,45 @@ Packet ping_packet() {
   return p;
 }
 
+// Written through the functions, which forward to the members.
 Packet rich_packet() {
   const std::uint64_t u[] = {1, UINT64_MAX};
   const std::int64_t i[] = {-1, INT64_MIN, 7};
   const double d[] = {0.5, -1e300};
   const unsigned char raw[] = {0, 1, 255, 0};
-  Packet p = make_packet();
-  p->make_request();
-  p->set_async(true);
+  const auto* const digits = reinterpret_cast<const unsigned char*>("0123456789");
+  Packet packet = make_packet();
+  comm_socket_v4_packet* const p = packet.get();
+  comm_socket_v4_packet_make_request(p);
+  comm_socket_v4_packet_set_async(p, 1);
   p->flags |= comm_socket_v4_packet::multipart_last << comm_socket_v4_packet::multipart_shift;
   p->set_stream_id(0x1122334455667788u);
   p->message_id = 42;
   p->error_code = 5;
-  EXPECT_EQ(0, p->write_begin("rich", "no error", 0));
-  EXPECT_EQ(0, p->write_argv("text"));
-  EXPECT_EQ(0, p->write_argv_uint64(UINT64_MAX));
-  EXPECT_EQ(0, p->write_nv_pair("text", "value"));
-  EXPECT_EQ(0, p->write_argv_int64(-5));
-  EXPECT_EQ(0, p->write_argv_double(2.5));
-  EXPECT_EQ(0, p->write_nv_pair_json("json", "{\"a\":1}", 7));
-  EXPECT_EQ(0, p->write_nv_pair_binary("binary", raw, sizeof raw));
-  EXPECT_EQ(0, p->write_nv_pair_uint64("uint64", u, 2));
-  EXPECT_EQ(0, p->write_nv_pair_int64("int64", i, 3));
-  EXPECT_EQ(0, p->write_nv_pair_double("double", d, 2));
-  EXPECT_EQ(0, p->write_nv_pair_fourcc(0x20584F46, "own", raw, 3));  // "FOX "
-  EXPECT_EQ(10, p->write_data_binary(reinterpret_cast<const unsigned char*>("0123456789"), 10));
-  EXPECT_EQ(0, p->write_end());
+  EXPECT_EQ(0, comm_socket_v4_packet_begin_writing(p, 5000, "rich", "no error"));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_argvf(p, "te%s", "xt"));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_argv_uint64(p, UINT64_MAX));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pairf(p, "text", "va%s", "lue"));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_argv_int64(p, -5));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_argv_double(p, 2.5));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_json(p, "json", "{\"a\":1}", 7));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_binary(p, "binary", raw, sizeof raw));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_uint64(p, "uint64", u, 2));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_int64(p, "int64", i, 3));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_double(p, "double", d, 2));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_fourcc(p, 0x20584F46, "own", raw, 3));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_argv_end(p));
+  EXPECT_EQ(10, comm_socket_v4_packet_write_data_binary(p, digits, 10));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_end(p));
+  return packet;
+}
+
+Packet exact_packet(const std::string& bytes) {
+  Packet p = make_packet();
+  p->buffer_length = bytes.size();
+  p->buffer_alloc = bytes.size() + 1;
+  p->buffer = static_cast<unsigned char*>(malloc(p->buffer_alloc));
+  memcpy(p->buffer, bytes.c_str(), p->buffer_alloc);
   return p;
 }
 
@@ -203,6 +220,16 @@ unsigned long in_ms(unsigned long ms) {
   const auto now = std::chrono::steady_clock::now().time_since_epoch();
   return static_cast<unsigned long>(std::chrono::duration_cast<microseconds>(now).count()) +
          ms * 1000;
+}
+
+int bound_socket(const std::string& path, int type) {
+  sockaddr_un address;
+  std::size_t length;
+  comm_socket_path_to_sockaddr_un(address, length, path);
+  const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+  EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(length)));
+  EXPECT_EQ(type == SOCK_DGRAM ? -1 : 0, listen(fd, 0));
+  return fd;
 }
 
 std::pair<Endpoint, unsigned long> join(comm_socket_v4* server) {

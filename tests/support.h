@@ -4,8 +4,10 @@
 #define COMM_TESTS_SUPPORT_H
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
+#include <cerrno>
 #include <functional>
 #include <memory>
 #include <string>
@@ -31,12 +33,26 @@ Packet begin_request(const char* command = "ping");
 Packet ping_packet();
 // Every part a packet can have, every type of argument and pair; complete.
 Packet rich_packet();
+// These bytes as a packet, as if received but not validated: the heap block ends with the NUL.
+Packet exact_packet(const std::string& bytes);
 inline std::string bytes_of(const comm_socket_v4_packet* p) {
   return std::string(reinterpret_cast<const char*>(p->buffer), p->buffer_length);
 }
 
 // A moment `ms` from now, as the waits take it.
 unsigned long in_ms(unsigned long ms);
+// What a call answers, and the errno that it leaves; that was errno_before, which nothing sets.
+using Outcome = std::pair<long, int>;
+constexpr int errno_before = 4711;
+template <class Call>
+Outcome outcome(Call&& call) {
+  errno = errno_before;
+  const long answer = call();
+  return {answer, errno};
+}
+// A socket bound to `path` as a program without this library makes one; it listens, unless it is of
+// type SOCK_DGRAM.
+int bound_socket(const std::string& path, int type = SOCK_SEQPACKET);
 // "number -> target" of every open descriptor.
 std::vector<std::string> open_descriptors();
 
@@ -60,6 +76,7 @@ class CommTest : public testing::Test {
 
   // A path in a directory of this test, which is removed afterwards.
   std::string path(const std::string& name = "socket");
+  std::string path_of_length(std::size_t length, char fill = 'x');
   // An abstract name that nothing else uses, with its "@".
   static std::string abstract_name();
   static Connection connected();
