@@ -175,26 +175,18 @@ void dump_argument(std::FILE* out, const View& view, std::size_t i, const Argume
 }
 
 // Indented lines of so many values each.
-template <class PrintValue>
-void dump_rows(std::FILE* out, std::size_t count, std::size_t per_row, PrintValue print_value) {
-  for (std::size_t i = 0; i < count; ++i) {
+template <class Value, class Print>
+void dump_rows(std::FILE* out, List<Value> list, std::size_t per_row, Print print) {
+  for (std::size_t i = 0; i < list.size(); ++i) {
     if (i % per_row == 0) std::fputs("      ", out);
-    print_value(i);
-    if (i % per_row == per_row - 1 || i == count - 1) std::fputc('\n', out);
+    print(list[i]);
+    if (i % per_row == per_row - 1 || i == list.size() - 1) std::fputc('\n', out);
   }
-}
-
-void dump_doubles(std::FILE* out, List<double> list) {
-  dump_rows(out, list.size(), 1, [&](std::size_t i) { std::fprintf(out, "%.20f ", list[i]); });
 }
 
 // Signed values are shown by their bits, too.
 void dump_integers(std::FILE* out, List<unsigned long> list) {
-  dump_rows(out, list.size(), 4, [&](std::size_t i) { std::fprintf(out, "%016lx ", list[i]); });
-}
-
-void dump_bytes(std::FILE* out, List<unsigned char> list) {
-  dump_rows(out, list.size(), 16, [&](std::size_t i) { std::fprintf(out, "%02x ", list[i]); });
+  dump_rows(out, list, 4, [out](unsigned long value) { std::fprintf(out, "%016lx ", value); });
 }
 
 void dump_other_value(std::FILE* out, const View& view, const Pair& pair) {
@@ -208,7 +200,8 @@ void dump_other_value(std::FILE* out, const View& view, const Pair& pair) {
   else
     std::fprintf(out, "<TYPE:0x%08lx LENGTH=%lu>\n", type, length);
 
-  dump_bytes(out, view.values<unsigned char>(pair));
+  dump_rows(out, view.values<unsigned char>(pair), 16,
+            [out](unsigned byte) { std::fprintf(out, "%02x ", byte); });
 
   if (type == comm_v4_type_binary)
     std::fputs("<END BINARY>\n", out);
@@ -232,7 +225,8 @@ void dump_pair(std::FILE* out, const View& view, const Pair& pair) {
       break;
     case comm_v4_type_double:
       std::fprintf(out, "<DOUBLE LENGTH=%lu, %lu entries>\n", length, count);
-      dump_doubles(out, view.values<double>(pair));
+      dump_rows(out, view.values<double>(pair), 1,
+                [out](double value) { std::fprintf(out, "%.20f ", value); });
       std::fputs("<END DOUBLE>\n", out);
       break;
     case comm_v4_type_uint64:
@@ -299,33 +293,24 @@ void list_argument(std::FILE* out, const View& view, std::size_t i, const Argume
   }
 }
 
+// All on the line of the name.
+template <class Value, class Print>
+void list_values(std::FILE* out, List<Value> list, Print print) {
+  for (std::size_t i = 0; i < list.size(); ++i) print(list[i]);
+  std::fputc('\n', out);
+}
+
 void list_other_value(std::FILE* out, const View& view, const Pair& pair) {
   const std::string name = code_name(pair.type());
-  if (pair.type() == comm_v4_type_binary)
+  const unsigned long type = pair.type();
+  if (type == comm_v4_type_binary)
     std::fputs(":(BINARY) ", out);
   else if (!name.empty())
     std::fprintf(out, ":('%s') ", name.c_str());
   else
-    std::fprintf(out, ":(0x%08lx) ", static_cast<unsigned long>(pair.type()));
-
-  const auto list = view.values<unsigned char>(pair);
-  for (std::size_t i = 0; i < list.size(); ++i) std::fprintf(out, "%02x ", list[i]);
-  std::fputc('\n', out);
-}
-
-void list_doubles(std::FILE* out, List<double> list) {
-  for (std::size_t i = 0; i < list.size(); ++i) std::fprintf(out, "%.6f ", list[i]);
-  std::fputc('\n', out);
-}
-
-void list_uint64s(std::FILE* out, List<unsigned long> list) {
-  for (std::size_t i = 0; i < list.size(); ++i) std::fprintf(out, "%016lx ", list[i]);
-  std::fputc('\n', out);
-}
-
-void list_int64s(std::FILE* out, List<long long> list) {
-  for (std::size_t i = 0; i < list.size(); ++i) std::fprintf(out, "%lld ", list[i]);
-  std::fputc('\n', out);
+    std::fprintf(out, ":(0x%08lx) ", type);
+  list_values(out, view.values<unsigned char>(pair),
+              [out](unsigned byte) { std::fprintf(out, "%02x ", byte); });
 }
 
 void list_pair(std::FILE* out, const View& view, const Pair& pair) {
@@ -339,15 +324,18 @@ void list_pair(std::FILE* out, const View& view, const Pair& pair) {
       break;
     case comm_v4_type_double:
       std::fputs(":(DOUBLE) ", out);
-      list_doubles(out, view.values<double>(pair));
+      list_values(out, view.values<double>(pair),
+                  [out](double value) { std::fprintf(out, "%.6f ", value); });
       break;
     case comm_v4_type_uint64:
       std::fputs(":(UINT64) ", out);
-      list_uint64s(out, view.values<unsigned long>(pair));
+      list_values(out, view.values<unsigned long>(pair),
+                  [out](unsigned long value) { std::fprintf(out, "%016lx ", value); });
       break;
     case comm_v4_type_int64:
       std::fputs(":(INT64) ", out);
-      list_int64s(out, view.values<long long>(pair));
+      list_values(out, view.values<long long>(pair),
+                  [out](long long value) { std::fprintf(out, "%lld ", value); });
       break;
     default:
       list_other_value(out, view, pair);

@@ -1,0 +1,261 @@
+// What the dumps print, whole and to the letter, and that any packet can be printed.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "support.h"
+
+namespace {
+
+using DumpTest = CommTest;
+
+std::string printed(void (*dump)(const comm_socket_v4_packet*, FILE*), const Packet& p) {
+  char* text = nullptr;
+  std::size_t length = 0;
+  FILE* out = open_memstream(&text, &length);
+  dump(p.get(), out);
+  fclose(out);
+  std::string copy(text, length);
+  free(text);
+  return copy;
+}
+// With a name for an address.
+std::string named(std::string text, const void* address, const std::string& name) {
+  char digits[32];
+  snprintf(digits, sizeof digits, "%p", address);
+  for (std::size_t at; (at = text.find(digits)) != std::string::npos;)
+    text.replace(at, strlen(digits), name);
+  return text;
+}
+std::string full(const Packet& p) {
+  return named(printed(comm_socket_v4_packet_dump, p), p.get(), "P");
+}
+std::string listing(const Packet& p) {
+  return printed(comm_socket_v4_packet_dump_user_friendly, p);
+}
+
+// Bytes and terminator, or the bytes alone, in a block of memory that they fill exactly.
+Packet exact(const std::string& content, bool terminated = true) {
+  Packet p = make_packet();
+  p->buffer_length = content.size();
+  p->buffer_alloc = content.size() + terminated;
+  p->buffer = static_cast<unsigned char*>(malloc(p->buffer_alloc));
+  memcpy(p->buffer, content.c_str(), p->buffer_alloc);
+  return p;
+}
+
+const std::string bytes =
+    "\x1f !abcdefghijkl~\x7fmnopqrstuvwxyz012345678";  // 40, some not printable
+
+// Every type of value; lists that end with a line, within one, and empty; more data than is shown.
+Packet long_packet() {
+  const std::uint64_t u[] = {1, 2, 3, 4, UINT64_MAX};
+  const std::int64_t i[] = {-1, 2, INT64_MIN, 4};
+  const double d[] = {1.5, -0.25};
+  const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
+  Packet p = make_packet();
+  p->flags = p->flag_request | p->flag_async | p->multipart_middle << p->multipart_shift;
+  p->message_id = 0xAB;
+  p->stream_id = 0xFEDCBA9876543210;
+  p->error_code = 5;
+  p->tag = 0x99;
+  p->write_begin("list", "broken", 0);
+  p->write_argv("text");
+  p->write_argv_uint64(0xFEDC);
+  p->write_argv_int64(-5);
+  p->write_argv_double(0.1);
+  p->write_nv_pair("t", "v w");
+  p->write_nv_pair_json("j", "{}", 2);
+  p->write_nv_pair_double("d", d, 2);
+  p->write_nv_pair_uint64("u", u, 5);
+  p->write_nv_pair_int64("i", i, 4);
+  p->write_nv_pair_uint64("none", u, 0);
+  p->write_nv_pair_binary("b", data, 17);
+  p->write_nv_pair_fourcc(0x61746164, "code", data, 16);
+  p->write_nv_pair_raw("raw", data, 0, 7);
+  p->write_data_binary(data, 40);
+  p->write_end();
+  return p;
+}
+
+TEST_F(DumpTest, TheFullDumpShowsEveryPart) {
+  Packet p = long_packet();
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(p->attach_fd_to_send(0));
+  close(p->get_attached_fd(1));
+  std::string expected =
+      "comm_socket_v4_packet[P]: \n"
+      "  01 02 cd ab ?  00 00 00 10 2  T  v  98 ba dc fe \n"
+      "  ab 00 00 00 00 00 00 00 05 00 00 00 00 00 00 00 \n"
+      "  0b 00 00 00 D  00 00 00 ?  00 00 00 04 02 01 00 \n"
+      "  00 09 00 12 01 00 00 a2 01 00 00 (  00 00 00 l  \n\n"
+      "Refcount: 1\nMessage ID: AB\nStream ID: FEDCBA9876543210\nError code: 5\n"
+      "Tag (internal): 99\nWrite state: End\nFlags: Type=Request multipart=middle Async \n"
+      "File descriptors: 0 -1\n"
+      "Command@63: 'list'\nErrorString@68: 'broken'\n"
+      "   argv[0]@75: 'text'\n   argv[1]@80: 0x000000000000fedc\n   argv[2]@88: -5\n"
+      "   argv[3]@96: 0.10000000000000000555\n"
+      "   nv: 't' = <TEXT LENGTH=3> 'v w'\n   nv: 'j' = <JSON LENGTH=2> '{}'\n"
+      "   nv: 'd' = <DOUBLE LENGTH=16, 2 entries>\n"
+      "      1.50000000000000000000 \n      -0.25000000000000000000 \n<END DOUBLE>\n"
+      "   nv: 'u' = <UINT64 LENGTH=40, 5 entries>\n"
+      "      0000000000000001 0000000000000002 0000000000000003 0000000000000004 \n"
+      "      ffffffffffffffff \n<END UINT64>\n"
+      "   nv: 'i' = <INT64 LENGTH=32, 4 entries>\n"
+      "      ffffffffffffffff 0000000000000002 8000000000000000 0000000000000004 \n<END INT64>\n"
+      "   nv: 'none' = <UINT64 LENGTH=0, 0 entries>\n<END UINT64>\n"
+      "   nv: 'b' = <BINARY LENGTH=17>\n"
+      "      1f 20 21 61 62 63 64 65 66 67 68 69 6a 6b 6c 7e \n      7f \n<END BINARY>\n"
+      "   nv: 'code' = <'data' LENGTH=16>\n"
+      "      1f 20 21 61 62 63 64 65 66 67 68 69 6a 6b 6c 7e \n<END 'data'>\n"
+      "   nv: 'raw' = <TYPE:0x00000007 LENGTH=0>\n<END TYPE:0x00000007>\n"
+      "Data: 40 bytes at offset 418\n"
+      "  1f    !  a  b  c  d  e  f  g  h  i  j  k  l  ~  \n"
+      "  7f m  n  o  p  q  r  s  t  u  v  w  x  y  z  0  \n\n";
+  expected.replace(expected.find("0 -1"), 1, std::to_string(p->attached_fd[0]));
+  EXPECT_EQ(expected, full(p));
+}
+
+TEST_F(DumpTest, TheListingShowsTheContentAndTheBodyTheBareData) {
+  const std::string header =
+      "*Message ID: 0xAB\n*Stream ID:  0xFEDCBA9876543210\n*Error code: 0x5\n*Tag (int):  0x99\n"
+      "*Type:       Asynchronous Request\n*Multipart:  Middle\n"
+      "*Error str:  broken\n*Command:    list\n"
+      "*Argv[0]:    text\n*Argv[1]:    0x000000000000fedc\n*Argv[2]:    -5\n"
+      "*Argv[3]:    0.10000000000000000555\n"
+      "t: v w\nj:(JSON) {}\nd:(DOUBLE) 1.500000 -0.250000 \nu:(UINT64) 0000000000000001 "
+      "0000000000000002 0000000000000003 0000000000000004 ffffffffffffffff \n"
+      "i:(INT64) -1 2 -9223372036854775808 4 \nnone:(UINT64) \n"
+      "b:(BINARY) 1f 20 21 61 62 63 64 65 66 67 68 69 6a 6b 6c 7e 7f \n"
+      "code:('data') 1f 20 21 61 62 63 64 65 66 67 68 69 6a 6b 6c 7e \nraw:(0x00000007) \n";
+  Packet p = long_packet();
+  EXPECT_EQ(header, printed(comm_socket_v4_packet_dump_header_user_friendly, p));
+  EXPECT_EQ(header + bytes, listing(p));
+  EXPECT_EQ(bytes, printed(comm_socket_v4_packet_dump_body, p));
+  const StderrCapture captured;
+  p->dump_user_friendly(nullptr);
+  EXPECT_EQ(listing(p), captured.text());
+}
+
+TEST_F(DumpTest, AHeaderAloneAndTheWordsOfItsFlags) {
+  Packet p = make_packet();
+  p->write_begin(nullptr, nullptr, 0);
+  p->buffer[p->buffer_length] = 0;
+  const std::string words[] = {"none", "first", "middle", "last"};
+  const std::string lines[] = {"", "*Multipart:  First\n", "*Multipart:  Middle\n",
+                               "*Multipart:  Last\n"};
+  for (const unsigned i : {0u, 1u, 2u, 3u}) {
+    p->flags = i << p->multipart_shift;
+    const std::string text = full(p), list = listing(p);
+    EXPECT_NE(std::string::npos, text.find("00 00 \nRefcount: 1\n")) << "an empty line";
+    EXPECT_EQ("Header\nFlags: Type=Response multipart=" + words[i] + " \nCommand@0: ''\n",
+              text.substr(text.find("Header")));
+    EXPECT_EQ("Response\n" + lines[i] + "*Command:    \n", list.substr(list.find("Response")));
+  }
+}
+
+TEST_F(DumpTest, SaysWhyAPacketCannotBeShown) {
+  const std::string ping = bytes_of(ping_packet().get());
+  EXPECT_EQ("comm_socket_v4_packet[P]: \n(invalid buffer length)\n",
+            full(exact(ping.substr(0, 62))));
+  EXPECT_EQ("comm_socket_v4_packet[P]: \n(invalid buffer length)\n", full(exact(ping, false)));
+  Packet p = exact(ping);
+  p->buffer[p->buffer_length] = 'x';
+  EXPECT_EQ("comm_socket_v4_packet[P]: \n(last byte of buffer is not nullptr)\n", full(p));
+
+  p->buffer_length = SIZE_MAX;
+  EXPECT_EQ("comm_socket_v4_packet[P]: \n(invalid buffer length)\n", full(p));
+  EXPECT_NE(std::string::npos, listing(p).find("*Command:    ping\n*Argv[0]:    a\nk: v\n"));
+
+  Packet empty = make_packet(), null;
+  EXPECT_EQ("comm_socket_v4_packet[P]: (no buffer)\n", full(empty));
+  for (const Packet* none : {&empty, &null})
+    EXPECT_EQ("", listing(*none) + printed(comm_socket_v4_packet_dump_body, *none));
+  const StderrCapture captured;
+  comm_socket_v4_packet_dump(nullptr, nullptr);
+  EXPECT_EQ("comm_socket_v4_packet[(nil)]: (null)\n", captured.text());
+}
+
+// Behind the header a pair and two arguments, in tables that are said to be far longer.
+TEST_F(DumpTest, PrintsOnlyWhatLiesInsideThePacket) {
+  const struct __attribute__((packed)) {
+    comm_socket_v4_packet_header header;
+    comm_socket_v4_packet_nv_pair pair;
+    comm_socket_v4_packet_argv arguments[2];
+  } packet{
+      {COMM_V4_SIGHDR, 63, 0, 0, 0, 0, UINT32_MAX, 87, 255, 79, UINT16_MAX, 63, 79, UINT32_MAX},
+      {86, 71, UINT32_MAX, comm_v4_type_int64},
+      {{{80, 0, 0}, comm_v4_type_uint64}, {{9, 0, 0}, 1}}};
+  const std::string raw(reinterpret_cast<const char*>(&packet), sizeof packet);
+  const std::string text = full(exact(raw));
+  EXPECT_EQ(
+      "Command@87: ''\nErrorString@4294967295: ''\n"
+      "   argv[0]@80: 0x0000000000000000\n   argv[1]@9: unknown type 1\n"
+      "   nv: '\1' = <INT64 LENGTH=4294967295, 536870911 entries>\n"
+      "      00000005ffffffff 0100000902000050 \n<END INT64>\n"
+      "Data: 4294967295 bytes at offset 79\n  P  00 00 02 09 00 00 01 \n",
+      text.substr(text.find("Command@")));
+  const std::string unterminated =
+      printed(comm_socket_v4_packet_dump_header_user_friendly, exact(raw, false));
+  EXPECT_EQ(
+      "*Error str:  \n*Command:    \n*Argv[0]:    0x0000000000000000\n"
+      "*Argv[1]:    (unknown type)\n:(INT64) 25769803775 72057632726188112 \n",
+      unterminated.substr(unterminated.find("*Error str")));
+}
+
+// The packet cut anywhere, and edges in place of every offset, count and length.
+TEST_F(DumpTest, ReadsNothingOutsideAnyPacket) {
+  const std::string rich = bytes_of(rich_packet().get());
+  const auto show = [](const std::string& packet, bool terminated) {
+    Packet p = exact(packet, terminated);
+    EXPECT_NE("", full(p) + listing(p));
+  };
+  for (std::size_t length = 0; length <= rich.size(); ++length)
+    for (const bool terminated : {true, false}) show(rich.substr(0, length), terminated);
+  const auto size = static_cast<std::uint32_t>(rich.size());
+  for (std::size_t at = 32; at + 4 <= rich.size(); ++at)
+    for (const std::uint32_t value : {1u, size - 1, size, size << 8 | 0xff, UINT32_MAX}) {
+      std::string damaged = rich;
+      memcpy(&damaged[at], &value, sizeof value);
+      show(damaged, true);
+    }
+}
+
+TEST_F(DumpTest, TheStateOfAnEndpointAndItsOpenClients) {
+  comm_socket_v4 server, pair;
+  server.flags.server = pair.flags.socketpair = 1;
+  server.connect_timeout = 1500000;
+  server.connect_timeout_routine = 250000;
+  server.socket_path = "@name";
+  server.client.resize(3);
+  server.client_max = 2;
+  server.client_next = 1;
+  server.client_idlescan = 4;
+  server.client_getpktscan = 5;
+  for (comm_socket_v4_client* open : {&server.client[0], &server.client[2]}) {
+    open->client_fd = 1000;
+    open->cred = {7, 8, 9};
+    open->accept_time_us = UINT64_MAX;
+    open->server = &server;
+  }
+  const StderrCapture captured;
+  comm_socket_v4_dump_state(&server, nullptr);
+  comm_socket_v4_dump_state(&pair, nullptr);
+  comm_socket_v4_dump_state(nullptr, nullptr);
+  EXPECT_EQ(
+      "comm_socket_v4[SERVER]:\n  socketpair:       no\n  socket_fd:        -1\n"
+      "  socket_path:      @name\n  server:           yes\n"
+      "  connect timeout:  1.500 / 0.250 routine\n"
+      "  client list:      TABLE alloc=3/max=2/next=1/idlescan=4/getpktscan=5\n"
+      "    client[0]: fd=1000 cred(pid=7/uid=8/gid=9) at=18446744073709551615 server=SERVER\n"
+      "    client[2]: fd=1000 cred(pid=7/uid=8/gid=9) at=18446744073709551615 server=SERVER\n"
+      "comm_socket_v4[PAIR]:\n  socketpair:       yes\n  socket_fd:        -1\n"
+      "  socket_path:      \n  server:           no\n  connect timeout:  0.000 / 0.000 routine\n"
+      "  client list:      (nil) alloc=0/max=0/next=0/idlescan=0/getpktscan=0\n"
+      "comm_socket_v4[nullptr] = No state\n",
+      named(named(named(captured.text(), &server, "SERVER"), &pair, "PAIR"), server.client.data(),
+            "TABLE"));
+  server.client.clear();
+}
+
+}  // namespace

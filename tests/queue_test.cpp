@@ -1,0 +1,107 @@
+// Packets to a client that does not read.
+#include <unistd.h>
+
+#include "faults.h"
+#include "support.h"
+
+namespace {
+
+Packet numbered(std::uint64_t number) {
+  Packet p = make_packet();
+  p->message_id = number;
+  p->write_begin("n", nullptr, 0);
+  p->write_end();
+  return p;
+}
+
+class QueueTest : public CommTest {
+ protected:
+  Connection c = connected();
+  std::unique_ptr<CommLargePacketQueue> queue = std::make_unique<CommLargePacketQueue>();
+  Packet p = numbered(0);
+
+  int send(const Packet& packet) { return queue->send_packet(c.record(), packet.get()); }
+  // Fills the socket, then queues p so many times.
+  void fill(std::uint64_t count) {
+    while (queue->queued_count < count) ASSERT_EQ(1, send(p));
+  }
+  Packet receive() { return Packet(comm_socket_v4_client_get_packet_from_server(c.client.get())); }
+  std::uint64_t drain() {
+    std::uint64_t packets = 0;
+    while (receive()) ++packets;
+    return packets;
+  }
+  void expect_queued(std::uint64_t count) {
+    EXPECT_EQ(count, queue->queued_count);
+    EXPECT_EQ(count, queue->queued_packets.size());
+    EXPECT_EQ(1 + static_cast<int>(count), p->refcount.load());
+  }
+};
+
+TEST_F(QueueTest, KeepsTheOrderAndItsPacketsAlive) {
+  std::uint64_t sent = 0, next = 0;
+  const auto read_all = [&] {
+    while (Packet packet = receive()) EXPECT_EQ(next++, packet->message_id);
+  };
+  for (const std::uint64_t backlog : {1u, 1000u}) {
+    while (queue->queued_count < backlog) ASSERT_EQ(1, send(numbered(sent++)));
+    read_all();
+    ASSERT_EQ(1, send(numbered(sent++))) << "goes behind what is queued";
+  }
+  for (std::uint64_t before = 0; before < next; queue->flush_queued_packet(c.record())) {
+    before = next;
+    read_all();
+  }
+  EXPECT_EQ(sent, next);
+  EXPECT_EQ(1, send(p));
+  expect_queued(0);
+}
+
+TEST_F(QueueTest, RefusesThePacketBehind4096AndEndsWithItsPacketsUnsent) {
+  fill(4096);
+  EXPECT_EQ(0, send(p));
+  expect_queued(4096);
+  const std::uint64_t room = drain();
+  EXPECT_EQ(1, send(p));
+  expect_queued(4096 - room + 1);
+  queue.reset();
+  EXPECT_EQ(1, p->refcount.load());
+  EXPECT_EQ(room, drain());
+}
+
+TEST_F(QueueTest, ADeadConnectionShowsOnlyWhileNothingIsQueued) {
+  fill(2);
+  c.client.reset();
+  EXPECT_EQ(1, send(p));
+  expect_queued(3);
+  queue->dump_queued_packets();
+  EXPECT_EQ(-1, send(p));
+  EXPECT_EQ(EPIPE, errno);
+  c.record()->status.disconnected = 1;
+  EXPECT_EQ(-1, send(p));
+  EXPECT_EQ(ECONNRESET, errno);
+  expect_queued(0);
+}
+
+TEST_F(QueueTest, DescriptorsStayOpenUntilTheirPacketIsSent) {
+  fill(1);
+  Packet carrier = numbered(1);
+  EXPECT_TRUE(carrier->attach_fd_to_send(0));
+  EXPECT_EQ(1, send(carrier));
+  EXPECT_LE(0, carrier->attached_fd[0]);
+  drain();
+  queue->flush_queued_packet(c.record());
+  EXPECT_EQ(-1, carrier->attached_fd[0]);
+  receive();
+  EXPECT_EQ(0, close(receive()->get_attached_fd(0)));
+}
+
+TEST_F(QueueTest, QueuesNothingWithoutMemory) {
+  fill(1);
+  Faults faults;
+  faults.fail(Call::operator_new, ENOMEM);
+  EXPECT_THROW(faults.during([&] { return send(p); }), std::bad_alloc);
+  expect_queued(1);
+}
+
+}  // namespace
