@@ -1,0 +1,547 @@
+// The packet: its bytes, its buffer, references and descriptors, the writer and the readers.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "faults.h"
+#include "support.h"
+
+namespace {
+
+using PacketTest = CommTest;
+
+constexpr std::size_t kHuge = SIZE_MAX;
+
+template <std::size_t N>
+std::string raw(const char (&literal)[N]) {
+  return std::string(literal, N - 1);
+}
+std::string le(std::uint64_t value, std::size_t width) {
+  return std::string(reinterpret_cast<const char*>(&value), width);
+}
+std::string le(double value) { return std::string(reinterpret_cast<const char*>(&value), 8); }
+const unsigned char* bytes(const std::string& text) {
+  return reinterpret_cast<const unsigned char*>(text.data());
+}
+comm_socket_v4_packet_header header_of(const Packet& p) {
+  comm_socket_v4_packet_header header;
+  std::memcpy(&header, p->buffer, sizeof header);
+  return header;
+}
+
+const std::string kPing =
+    raw("\x01\x02\xCD\xAB\x3F\0\0\0"
+        "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0"
+        "\x01\0\0\0\0\0\0\0\x3F\0\0\0\x01\x4A\0\0\0\x01\0\x4E\0\0\0\0\0\0\0\0\0\0\0"
+        "ping\0a\0k\0v\0"
+        "\x44\0\0\0\x46\0\0\0\x48\0\0\0\x01\0\0\0\0\0\0\0");
+
+// --- Bytes --------------------------------------------------------------------------------------
+
+TEST_F(PacketTest, WritesAndReadsTheExample) {
+  const Packet written = ping_packet(), p = exact_packet(kPing);
+  EXPECT_EQ(kPing, bytes_of(written.get()));
+  EXPECT_EQ(0, written->buffer[94]);
+  EXPECT_STREQ("ping", p->command());
+  ASSERT_TRUE(p->argc() == 1 && p->nv_entries() == 1);
+  EXPECT_STREQ("a", p->argv_text(0));
+  EXPECT_STREQ("k", p->nv_pair_name(p->nv_entry(0)));
+  EXPECT_STREQ("v", p->nv_pair_value_text(p->nv_entry(0)));
+  EXPECT_EQ(1u, p->nv_entry(0)->length());
+}
+
+TEST_F(PacketTest, WritesEveryPartWithoutPadding) {
+  std::string argv, nv;
+  std::string expected = le(0xABCD0201, 4) + le(63, 4) + le(0x1122334455667788, 8) + le(42, 8) +
+                         le(5, 8) + le(0b1111, 4) + le(68, 4) + le(63, 4) + le(4, 1) + le(224, 4) +
+                         le(7, 2) + le(240, 4) + le(352, 4) + le(10, 4) + raw("rich\0no error\0");
+  const auto argument = [&](const std::string& value, std::uint8_t type) {
+    argv += le(expected.size(), 3) + le(type, 1);
+    expected += value;
+  };
+  const auto pair = [&](const std::string& name, const std::string& value, std::uint32_t type) {
+    nv += le(expected.size(), 4) + le(expected.size() + name.size() + 1, 4);
+    nv += le(value.size(), 4) + le(type, 4);
+    expected += name + '\0' + value + (type == 0 || type == 4 ? raw("\0") : "");
+  };
+  argument(raw("text\0"), 0);
+  argument(le(UINT64_MAX, 8), 2);
+  pair("text", "value", 0);
+  argument(le(static_cast<std::uint64_t>(-5), 8), 5);
+  argument(le(2.5), 3);
+  pair("json", "{\"a\":1}", 4);
+  pair("binary", raw("\0\x01\xFF\0"), 1);
+  pair("uint64", le(1, 8) + le(UINT64_MAX, 8), 2);
+  pair("int64", le(UINT64_MAX, 8) + le(std::uint64_t{1} << 63, 8) + le(7, 8), 5);
+  pair("double", le(0.5) + le(-1e300), 3);
+  pair("own", raw("\0\x01\xFF"), 0x20584F46);
+  EXPECT_EQ(expected + argv + nv + "0123456789", bytes_of(rich_packet().get()));
+}
+
+// --- Readers ------------------------------------------------------------------------------------
+
+TEST_F(PacketTest, ReadsEachValueByItsOwnTypeOnly) {
+  const Packet owner = rich_packet();
+  const comm_socket_v4_packet* const p = owner.get();
+  EXPECT_STREQ("rich", comm_socket_v4_packet_get_command(p));
+  EXPECT_STREQ("no error", comm_socket_v4_packet_get_error_string(p));
+  ASSERT_EQ(4u, comm_socket_v4_packet_get_argc(p));
+  ASSERT_EQ(7u, comm_socket_v4_packet_nv_entries(p));
+  // Of each argument its own type reads; the last one is out of range.
+  for (std::size_t n = 0; n < 5; ++n) {
+    EXPECT_STREQ(n == 0 ? "text" : "", comm_socket_v4_packet_get_argv(p, n)) << n;
+    EXPECT_EQ(n == 1 ? UINT64_MAX : 0, p->argv_uint64(n)) << n;
+    EXPECT_EQ(n == 2 ? -5 : 0, p->argv_int64(n)) << n;
+    EXPECT_EQ(n == 3 ? 2.5 : 0, p->argv_double(n)) << n;
+  }
+  EXPECT_EQ(5u, comm_socket_v4_packet_get_argv_entry(p, 2)->type());
+  EXPECT_TRUE(p->argv(4) == nullptr && p->argv(kHuge) == nullptr && p->nv_entry(7) == nullptr);
+
+  const char* const names[] = {"text", "json", "binary", "uint64", "int64", "double", "own"};
+  const char* const texts[] = {"value", "{\"a\":1}", "", "", "", "", ""};
+  for (std::size_t n = 0; n < 7; ++n) {
+    const auto* pair = comm_socket_v4_packet_get_nv_entry(p, n);
+    const unsigned char* const value = p->buffer + pair->value_offset;
+    EXPECT_STREQ(names[n], comm_socket_v4_packet_get_nv_pair_name(p, pair));
+    EXPECT_STREQ(texts[n], comm_socket_v4_packet_get_nv_pair_value_text(p, pair)) << n;
+    EXPECT_EQ(value, comm_socket_v4_packet_get_nv_pair_value_raw(p, pair));
+    EXPECT_EQ(value, comm_socket_v4_packet_get_nv_pair_value_binary(p, pair));
+    const comm_v4_unaligned_uint64_t* const u =
+        comm_socket_v4_packet_get_nv_pair_value_uint64(p, pair);
+    const comm_v4_unaligned_int64_t* const i =
+        comm_socket_v4_packet_get_nv_pair_value_int64(p, pair);
+    const comm_v4_unaligned_double_t* const d =
+        comm_socket_v4_packet_get_nv_pair_value_double(p, pair);
+    EXPECT_TRUE(n == 3 ? u[1] == UINT64_MAX : u == nullptr) << n;
+    EXPECT_TRUE(n == 4 ? i[1] == INT64_MIN : i == nullptr) << n;
+    EXPECT_TRUE(n == 5 ? d[1] == -1e300 : d == nullptr) << n;
+  }
+  std::size_t length = 0;
+  EXPECT_EQ(p->buffer + 352, comm_socket_v4_packet_get_data(p, nullptr));
+  EXPECT_EQ(p->buffer + 352, comm_socket_v4_packet_get_data(p, &length));
+  EXPECT_EQ(10u, length);
+}
+
+TEST_F(PacketTest, ReadsNothingFromAPacketWithoutHeader) {
+  const Packet packets[] = {make_packet(), exact_packet(kPing.substr(0, 62)),
+                            exact_packet(kPing.substr(0, 40) + std::string(23, '\0'))};
+  packets[2]->buffer[59] = 1;  // data_length counts for nothing without data_offset
+  for (const Packet& p : packets) {
+    std::size_t length = 1;
+    EXPECT_STREQ("", p->command());
+    EXPECT_STREQ("", p->error_string());
+    EXPECT_EQ(nullptr, comm_socket_v4_packet_get_data(p.get(), &length));
+    EXPECT_EQ(0u, length + p->argc() + p->nv_entries() + p->argv_uint64(0));
+    EXPECT_EQ(nullptr, p->nv_entry(0));
+  }
+}
+
+// --- Object, buffer and descriptors -------------------------------------------------------------
+
+TEST_F(PacketTest, LivesAsLongAsItsReferences) {
+  comm_socket_v4_packet* p = comm_socket_v4_packet_create();
+  EXPECT_EQ(1, p->refcount);
+  EXPECT_EQ(2, p->addref());
+  comm_socket_v4_packet_addref(p);
+  EXPECT_EQ(2, p->release());
+  EXPECT_EQ(p, comm_socket_v4_packet_release(p));
+  EXPECT_EQ(nullptr, comm_socket_v4_packet_release(p));
+  comm_socket_v4_packet_addref(nullptr);
+  EXPECT_EQ(nullptr, comm_socket_v4_packet_release(nullptr));
+  EXPECT_EQ(nullptr, failing(Call::operator_new, ENOMEM, comm_socket_v4_packet_create));
+
+  p = comm_socket_v4_packet_create();
+  EXPECT_TRUE(p->attach_fd_to_send(0));
+  p->refcount = 0;
+  const StderrCapture captured;
+  EXPECT_EQ(0, p->release());
+  EXPECT_EQ("comm socket v4 packet error: result released below zero!\n", captured.text());
+}
+
+TEST_F(PacketTest, GrowsItsBufferAndNeverShrinksIt) {
+  const Packet p = make_packet();
+  const auto grow = [&] { return p->resize_buffer(100); };
+  EXPECT_EQ(0, p->enlarge_buffer(100000));
+  EXPECT_EQ(0, p->shrinkfit_buffer());
+  EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, grow));
+  EXPECT_EQ(-1, p->resize_buffer(kHuge));
+  EXPECT_EQ(nullptr, p->buffer);
+  EXPECT_EQ(0u, p->buffer_alloc + p->buffer_length + p->buffer_write);
+
+  EXPECT_EQ(0, p->resize_buffer(0));
+  EXPECT_EQ(32u, p->buffer_alloc);
+  EXPECT_EQ(0u, p->buffer_length);
+  std::memset(p->buffer, 'x', 32);
+  p->buffer_length = p->buffer_write = 31;
+  EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, grow));
+  EXPECT_EQ(-1, p->enlarge_buffer(kHuge));
+  EXPECT_EQ(32u, p->buffer_alloc);
+  const std::size_t sizes[][2] = {{33, 33}, {10000, 10000}, {50, 10000}};
+  for (const auto& [size, alloc] : sizes) {
+    EXPECT_EQ(0, size == 33 ? p->enlarge_buffer(size) : p->resize_buffer(size));
+    EXPECT_EQ(alloc, p->buffer_alloc);
+  }
+  EXPECT_EQ(std::string(31, 'x'), bytes_of(p.get()));
+  EXPECT_EQ(31u, p->buffer_write);
+  EXPECT_EQ(-1, comm_socket_v4_packet_resize_buffer(nullptr, 1));
+  EXPECT_EQ(-1, comm_socket_v4_packet_enlarge_buffer(nullptr, 1));
+  EXPECT_EQ(-1, comm_socket_v4_packet_shrinkfit_buffer(nullptr));
+}
+
+TEST_F(PacketTest, GivesSurplusMemoryBackKeepingTheTerminator) {
+  const std::size_t rows[][3] = {{8192, 100, 132}, {8192, 5000, 8192}, {200, 100, 200},
+                                 {200, 99, 131},   {201, 100, 201},    {66, 32, 64}};
+  for (const auto& [alloc, length, expected] : rows) {
+    const Packet p = exact_packet(std::string(length, 'x'));
+    EXPECT_EQ(0, p->resize_buffer(alloc));
+    const auto shrink = [&] { return comm_socket_v4_packet_shrinkfit_buffer(p.get()); };
+    if (expected != alloc) {
+      EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, shrink));
+      EXPECT_EQ(alloc, p->buffer_alloc);
+    }
+    EXPECT_EQ(0, shrink());
+    EXPECT_EQ(expected, p->buffer_alloc);
+    EXPECT_EQ(std::string(length, 'x'), reinterpret_cast<const char*>(p->buffer));
+  }
+}
+
+TEST_F(PacketTest, OwnsDuplicatesOfWhatIsAttached) {
+  const Packet p = make_packet();
+  const auto attach = [&p] { return p->attach_fd_to_send(0); };
+  EXPECT_THROW(failing(Call::operator_new, ENOMEM, attach), std::bad_alloc);
+  EXPECT_FALSE(failing(Call::dup, EMFILE, attach));
+  EXPECT_EQ(EMFILE, errno);
+  EXPECT_FALSE(p->attach_fd_to_send(-1));
+  EXPECT_EQ(0u, p->attached_fd_count());
+
+  int ends[2];
+  ASSERT_EQ(0, pipe(ends));
+  for (int n = 0; n < 8; ++n) EXPECT_TRUE(p->attach_fd_to_send(ends[1]));
+  const int taken = p->get_attached_fd(3);
+  EXPECT_EQ(-1, p->get_attached_fd(3));
+  EXPECT_EQ(-1, p->get_attached_fd(8));
+  EXPECT_FALSE(p->attach_fd_to_send(ends[1]));
+  EXPECT_EQ(8u, p->attached_fd_count());
+  close(ends[1]);
+  EXPECT_EQ(2, write(p->attached_fd[7], "hi", 2));
+  p->close_attached_fd();
+  EXPECT_EQ(std::vector<int>(8, -1), p->attached_fd);
+  EXPECT_EQ(2, write(taken, "ho", 2));
+  close(taken);
+  char text[8];
+  EXPECT_EQ(4, read(ends[0], text, sizeof text));
+  EXPECT_EQ(0, read(ends[0], text, sizeof text)) << "a duplicate is still open";
+  EXPECT_TRUE(make_packet()->attach_fd_to_send(ends[0]));  // closed with its packet
+  close(ends[0]);
+}
+
+TEST_F(PacketTest, ChangesOneFlagAtATime) {
+  const Packet p = make_packet();
+  const auto flags_after = [&p](std::uint32_t before, auto change, int v) {
+    p->flags = before;
+    change(p.get(), v);
+    return p->flags;
+  };
+  for (const int v : {-1, 0, 1, 2}) {
+    const std::uint32_t on = v > 0;
+    for (const std::uint32_t other : {0u, ~3u}) {
+      EXPECT_EQ(other | 2 | on, flags_after(other | 2, comm_socket_v4_packet_set_request, v));
+      EXPECT_EQ(other | on, flags_after(other | 1, comm_socket_v4_packet_set_request, v));
+      EXPECT_EQ(other | 1 | on * 2, flags_after(other | 1, comm_socket_v4_packet_set_async, v));
+      EXPECT_EQ(other | on * 2, flags_after(other | 2, comm_socket_v4_packet_set_async, v));
+    }
+  }
+  p->flags = ~0u;
+  comm_socket_v4_packet_make_response(p.get());
+  ASSERT_EQ(0, p->write_begin("c", nullptr, 0));
+  EXPECT_EQ(~1u, +header_of(p).flags);
+}
+
+TEST_F(PacketTest, SignatureNeedsFourBytes) {
+  const Packet p = make_packet(), q = exact_packet("abc"), r = exact_packet("abcd");
+  for (const Packet* each : {&p, &q, &r}) (*each)->set_sighdr(0x34333231);
+  EXPECT_EQ(0u, p->get_sighdr() + q->get_sighdr());
+  EXPECT_EQ("abc", bytes_of(q.get()));
+  EXPECT_EQ("1234", bytes_of(r.get()));
+  EXPECT_EQ(COMM_V4_SIGHDR, begin_request()->get_sighdr());
+}
+
+// --- Writer -------------------------------------------------------------------------------------
+
+TEST_F(PacketTest, EachStateAllowsItsOwnWritesOnly) {
+  using P = comm_socket_v4_packet;
+  static const std::uint64_t u = 1;
+  static const std::int64_t i = 1;
+  static const double d = 1;
+  static const unsigned char b[] = "abc";
+  const struct {
+    int (*write)(P*);
+    const char* results;  // in the states none, header, data, end and received; '-' is -1
+  } rows[] = {
+      {[](P* p) { return p->write_begin("c", "e", 0); }, "0----"},
+      {[](P* p) { return p->write_argv("a"); }, "-0---"},
+      {[](P* p) { return p->write_argv(nullptr); }, "-0---"},
+      {[](P* p) { return p->write_argvf("%d", 1); }, "-0---"},
+      {[](P* p) { return p->write_argv_uint64(1); }, "-0---"},
+      {[](P* p) { return p->write_argv_int64(1); }, "-0---"},
+      {[](P* p) { return p->write_argv_double(1); }, "-0---"},
+      {[](P* p) { return p->write_argv_end(); }, "00000"},
+      {[](P* p) { return p->write_nv_pair_raw("n", b, 3, 9); }, "-0---"},
+      {[](P* p) { return p->write_nv_pair_raw("n", nullptr, 0, 9); }, "-0---"},
+      {[](P* p) { return p->write_nv_pair_raw("n", nullptr, 1, 9); }, "-----"},
+      {[](P* p) { return p->write_nv_pair_raw(nullptr, b, 3, 9); }, "-----"},
+      {[](P* p) { return p->write_nv_pair_binary("n", b, std::size_t{1} << 32); }, "-----"},
+      {[](P* p) { return p->write_nv_pair_binary("n", b, kHuge); }, "-----"},
+      {[](P* p) { return p->write_nv_pair_json("n", "", kHuge); }, "-----"},
+      {[](P* p) { return p->write_nv_pair_uint64("n", &u, 1); }, "-0---"},
+      {[](P* p) { return p->write_nv_pair_uint64("n", &u, kHuge / 8 + 2); }, "-----"},
+      {[](P* p) { return p->write_nv_pair_int64("n", &i, std::size_t{1} << 29); }, "-----"},
+      {[](P* p) { return p->write_nv_pair_double("n", &d, kHuge); }, "-----"},
+      {[](P* p) { return p->write_nv_pair("n", nullptr); }, "-0---"},
+      {[](P* p) { return p->write_nv_pair(nullptr, "v"); }, "-----"},
+      {[](P* p) { return p->write_nv_pairf("n", "%d", 1); }, "-0---"},
+      {[](P* p) { return p->write_nv_pairf(nullptr, "%d", 1); }, "-----"},
+      {[](P* p) { return p->write_data_binary(b, 3); }, "-33--"},
+      {[](P* p) { return p->write_data_binary(nullptr, 0); }, "00000"},
+      {[](P* p) { return p->write_data_binary(nullptr, 3); }, "-----"},
+      {[](P* p) { return p->write_data_binary(b, 262145); }, "-----"},
+      {[](P* p) { return p->write_end(); }, "-0000"},
+  };
+  const char* const names[] = {"None", "Header", "Data", "End", "?"};
+  for (const auto& row : rows) {
+    for (int state = P::write_state_none; state <= P::write_state_received; ++state) {
+      SCOPED_TRACE("row " + std::to_string(&row - rows) + " in " + names[state]);
+      const Packet p = state == 0 ? make_packet() : state < 3 ? begin_request() : ping_packet();
+      EXPECT_EQ(state == 2 ? 3 : 0, p->write_data_binary(b, state == 2 ? 3 : 0));
+      if (state == P::write_state_received) p->write_state = state;
+      EXPECT_STREQ(names[state], p->write_state_to_str());
+      const std::string before = bytes_of(p.get());
+      const int expected = row.results[state] == '-' ? -1 : row.results[state] - '0';
+      EXPECT_EQ((Outcome{expected, errno_before}), outcome([&] { return row.write(p.get()); }));
+      if (expected >= 0 && state < P::write_state_end) continue;
+      EXPECT_EQ(before, bytes_of(p.get()));
+      EXPECT_EQ(state, p->write_state);
+      EXPECT_EQ(0u, p->wr_argv.size() + p->wr_nv_pair.size());
+    }
+  }
+}
+
+TEST_F(PacketTest, BeginsWithRoomAsHinted) {
+  const std::size_t rows[][2] = {{0, 8192}, {1, 4096}, {4097, 4097}, {100000, 100000}};
+  for (const auto& [hint, alloc] : rows) {
+    const Packet p = make_packet();
+    const auto begin = [&p, size = hint] { return p->write_begin(nullptr, "", size); };
+    EXPECT_EQ(-1, failing(Call::malloc, EAGAIN, begin));
+    EXPECT_EQ(ENOMEM, errno);
+    EXPECT_EQ(0, begin());
+    EXPECT_EQ(alloc, p->buffer_alloc);
+    EXPECT_EQ(63u, p->buffer_length);
+    EXPECT_EQ(0u, header_of(p).command_offset + header_of(p).error_string_offset);
+  }
+}
+
+// Every text is cut at its limit; the buffer moves while it grows, with the header in it.
+TEST_F(PacketTest, CutsWhatIsTooLong) {
+  const std::string longest(70000, 'x');
+  for (const std::size_t over : {0u, 1u}) {
+    const Packet p = make_packet();
+    const auto text = [&](std::size_t n) { return longest.substr(0, n + over); };
+    ASSERT_EQ(0, p->write_begin(text(255).c_str(), text(4095).c_str(), 1));
+    EXPECT_EQ(0, p->write_argv(text(65535).c_str()));
+    EXPECT_EQ(over ? -1 : 0, p->write_argvf("%s", text(256).c_str()));
+    EXPECT_EQ(0, p->write_nv_pair(text(4095).c_str(), text(65535).c_str()));
+    EXPECT_EQ(0, p->write_nv_pairf("n", "%s", text(65535).c_str()));
+    EXPECT_EQ(0, p->write_end());
+    EXPECT_EQ(255u, std::strlen(p->command()));
+    EXPECT_EQ(4095u, std::strlen(p->error_string()));
+    EXPECT_EQ(65535u, std::strlen(p->argv_text(0)));
+    EXPECT_EQ(over ? 0u : 256u, std::strlen(p->argv_text(1)));
+    EXPECT_EQ(4095u, std::strlen(p->nv_pair_name(p->nv_entry(0))));
+    for (const std::size_t n : {0u, 1u}) {
+      EXPECT_EQ(65535u, std::strlen(p->nv_pair_value_text(p->nv_entry(n))));
+      EXPECT_EQ(65535u, p->nv_entry(n)->length());
+    }
+  }
+}
+
+TEST_F(PacketTest, FormatsFromAListOfArguments) {
+  const Packet p = begin_request();
+  const auto write = [&p](const char* format, ...) {
+    va_list args, again;
+    va_start(args, format);
+    va_copy(again, args);
+    EXPECT_EQ(0, p->write_argvf(format, args));
+    EXPECT_EQ(0, p->write_nv_pairf("n", format, again));
+    va_end(again);
+    va_end(args);
+  };
+  write("%d-%s", 7, "x");
+  EXPECT_EQ(0, failing(Call::vasprintf, ENOMEM, [&] { return p->write_nv_pairf("m", "%d", 1); }));
+  EXPECT_EQ(0u, p->argc() + p->nv_entries()) << "the tables are not written yet";
+  EXPECT_EQ(0, p->write_end());
+  EXPECT_STREQ("7-x", p->argv_text(0));
+  EXPECT_STREQ("7-x", p->nv_pair_value_text(p->nv_entry(0)));
+  EXPECT_EQ(0u, p->nv_entry(1)->length());
+}
+
+TEST_F(PacketTest, HoldsAsManyEntriesAsItsCountersCanCount) {
+  const Packet p = begin_request(), q = begin_request();
+  for (std::uint64_t n = 0; n < 255; ++n) EXPECT_EQ(0, p->write_argv_uint64(n));
+  const std::size_t before = p->buffer_write;
+  EXPECT_EQ(-1, p->write_argv("x"));
+  EXPECT_EQ(-1, p->write_argv_double(1));
+  EXPECT_EQ(0, p->write_argv(""));
+  EXPECT_EQ(before, p->buffer_write);
+  for (int n = 0; n < 4095; ++n) EXPECT_EQ(0, p->write_nv_pair_binary("n", bytes("v"), 1));
+  for (int n = 0; n < 4096; ++n) EXPECT_EQ(0, q->write_nv_pair_binary("n", bytes("v"), 1));
+  EXPECT_EQ(0, p->write_end());
+  EXPECT_EQ(0, q->write_end());
+  EXPECT_EQ(255u, p->argc());
+  EXPECT_EQ(254u, p->argv_uint64(254));
+  EXPECT_EQ(4095u, p->nv_entries());
+  EXPECT_EQ('v', p->nv_pair_value_raw(p->nv_entry(4094))[0]);
+  EXPECT_EQ(0u, q->nv_entries() + header_of(q).nv_pair_table_offset);
+}
+
+TEST_F(PacketTest, RefusesAnArgumentBeyondTwentyFourBits) {
+  const Packet p = begin_request(nullptr);
+  const std::string filler((1u << 24) - 1 - p->buffer_write - 2, 'x');
+  ASSERT_EQ(0, p->write_nv_pair_binary("f", bytes(filler), filler.size()));
+  ASSERT_EQ(0xFFFFFFu, p->buffer_write);
+  EXPECT_EQ(0, p->write_argv_int64(-7));
+  EXPECT_EQ(-1, p->write_argv_int64(-8));
+  EXPECT_EQ(-1, p->write_argv("x"));
+  EXPECT_EQ(0x1000007u, p->buffer_write);
+  EXPECT_EQ(0, p->write_nv_pair("k", "v"));
+  EXPECT_EQ(0, p->write_end());
+  EXPECT_EQ(1u, p->argc());
+  EXPECT_EQ(-7, p->argv_int64(0));
+  EXPECT_STREQ("v", p->nv_pair_value_text(p->nv_entry(1)));
+}
+
+// The write position is set by hand and growth fails, so no 4 GiB are needed: a write that fits
+// asks for memory, one that does not is refused before.
+TEST_F(PacketTest, RefusesToPassThirtyTwoBits) {
+  const struct {
+    int (*write)(comm_socket_v4_packet*);
+    std::size_t size;
+    unsigned growths;
+  } rows[] = {
+      {[](auto* p) { return p->write_nv_pair_raw("n", bytes("abc"), 3, 9); }, 2 + 3, 2},
+      {[](auto* p) { return p->write_nv_pair("n", "abc"); }, 2 + 4, 2},
+      {[](auto* p) { return p->write_data_binary(bytes("abc"), 3); }, 3, 1},
+      {[](auto* p) { return p->wr_nv_pair.emplace_back(), p->write_end(); }, 16, 1},
+  };
+  for (const auto& row : rows) {
+    for (const bool fits : {true, false}) {
+      const Packet p = begin_request();
+      p->buffer_write = UINT32_MAX - row.size + !fits;
+      Faults faults;
+      if (fits) faults.fail(Call::malloc, ENOMEM, 1, row.growths);
+      faults.during([&] { return row.write(p.get()); });
+      EXPECT_EQ(fits ? row.growths : 0u, faults.count(Call::malloc)) << &row - rows;
+    }
+  }
+}
+
+TEST_F(PacketTest, CollectsDataInOneBlock) {
+  const Packet p = begin_request();
+  const std::string data(262144, 'x');
+  EXPECT_EQ(0, p->write_argv("a"));
+  EXPECT_EQ(10, p->write_data_binary(bytes("0123456789"), 10));
+  EXPECT_EQ(1u, p->argc());
+  EXPECT_EQ(262144, p->write_data_binary(bytes(data), data.size()));
+  EXPECT_EQ(0, p->write_end());
+  ASSERT_EQ(262154u, p->data_length());
+  EXPECT_EQ("0123456789" + data, std::string(reinterpret_cast<const char*>(p->data()), 262154));
+}
+
+TEST_F(PacketTest, CompletesOnce) {
+  static int calls;
+  calls = 0;
+  const Packet p = begin_request();
+  p->set_complete_cb([](comm_socket_v4_packet* q) {
+    EXPECT_STREQ("End", q->write_state_to_str());
+    EXPECT_EQ(68u, q->buffer_length);
+    q->buffer_length = 66;
+    return -++calls;
+  });
+  EXPECT_EQ(0, p->write_end());
+  EXPECT_EQ(0, p->write_end());
+  EXPECT_EQ(1, calls);
+  EXPECT_STREQ("pin", p->command()) << "the terminator follows what the callback left";
+}
+
+// --- Memory runs out ----------------------------------------------------------------------------
+
+TEST_F(PacketTest, LeavesOutAValueForWhichThereIsNoMemory) {
+  const std::string text(9000, 'x');
+  const char* const big = text.c_str();
+  const Packet p = make_packet();
+  const auto no_growth = [](auto write) { return failing(Call::malloc, ENOMEM, write); };
+  ASSERT_EQ(0, p->resize_buffer(4096));
+  EXPECT_EQ(0, no_growth([&] { return p->write_begin("c", big, 4096); }));
+  const std::size_t before = p->buffer_write;
+  EXPECT_EQ(0, no_growth([&] { return p->write_argv(big); }));
+  EXPECT_EQ(0, no_growth([&] { return p->write_nv_pair("n", big); }));
+  EXPECT_EQ(0, no_growth([&] { return p->write_nv_pair(big, "v"); }));
+  EXPECT_EQ(before + 4, p->buffer_write) << "n and v and their terminators";
+  EXPECT_EQ(0, p->write_end());
+  EXPECT_STREQ("", p->error_string());
+  ASSERT_EQ(1u, p->argc());
+  EXPECT_FALSE(p->argv(0)->is_present());
+  EXPECT_STREQ("", p->argv_text(0));
+  EXPECT_EQ(0u, p->nv_entry(0)->value_offset + p->nv_entry(1)->name_offset);
+  EXPECT_STREQ("v", p->nv_pair_value_text(p->nv_entry(1)));
+}
+
+TEST_F(PacketTest, EndsInASecondAttemptWhenMemoryRanOut) {
+  for (const bool with_data : {false, true}) {
+    unsigned nth = 0, fired;
+    do {
+      const Packet p = make_packet();
+      ASSERT_EQ(0, p->write_begin("c", nullptr, 4096));
+      for (int n = 0; n < 200; ++n) EXPECT_EQ(0, p->write_argv_uint64(5));
+      const std::string filler(p->buffer_alloc - p->buffer_write - 20, 'f');  // no room for tables
+      ASSERT_EQ(0, p->write_nv_pair_binary("f", bytes(filler), filler.size()));
+      const int expected = with_data ? 9000 : 0;
+      const std::string data(9000, 'd');
+      const auto write = [&] {
+        return with_data ? p->write_data_binary(bytes(data), data.size()) : p->write_end();
+      };
+      Faults faults;
+      faults.fail_any(++nth);
+      const int result = faults.during(write);
+      fired = faults.fired();
+      EXPECT_EQ(fired ? -1 : expected, result);
+      EXPECT_EQ(fired || with_data, p->write_state < p->write_state_end);
+      if (fired) {
+        EXPECT_EQ(expected, write());
+      }
+      EXPECT_EQ(0, p->write_end());
+      EXPECT_EQ(200u, p->argc());
+      EXPECT_EQ(5u, p->argv_uint64(199));
+      EXPECT_EQ(1u, p->nv_entries());
+      EXPECT_EQ(static_cast<std::size_t>(expected), p->data_length());
+    } while (fired);
+    EXPECT_GT(nth, 1u);
+  }
+}
+
+TEST_F(PacketTest, StaysAsItWasWhenAnEntryCannotBeAdded) {
+  const Packet p = begin_request();
+  const std::function<int()> writes[] = {[&] { return p->write_argv("a"); },
+                                         [&] { return p->write_argv_uint64(1); },
+                                         [&] { return p->write_nv_pair("k", "v"); },
+                                         [&] { return p->write_nv_pairf("k", "%s", "v"); }};
+  for (const auto& write : writes)
+    EXPECT_THROW(failing(Call::operator_new, ENOMEM, write), std::bad_alloc);
+  EXPECT_EQ(0, writes[0]());
+  EXPECT_EQ(0, writes[2]());
+  EXPECT_EQ(0, p->write_end());
+  EXPECT_EQ(kPing, bytes_of(p.get()));
+}
+
+}  // namespace

@@ -1,0 +1,197 @@
+// The gate between the bytes of a peer and the readers: every rule, its line, and their order.
+#include <cstring>
+
+#include "support.h"
+
+namespace {
+
+using ValidationTest = CommTest;
+
+// A packet with all parts. Its data, the last 16 bytes, can be taken for four arguments or a pair.
+constexpr std::uint32_t L = 170, kArgv = 106, kPairs = 122, kMax = UINT32_MAX;
+std::string good_bytes() {
+  const auto* const data =
+      reinterpret_cast<const unsigned char*>("\1\0\0\0\1\0\0\0\1\0\0\0\1\0\0\0");
+  const Packet p = make_packet();
+  EXPECT_EQ(0, p->write_begin("cmd", "err", 0));
+  EXPECT_EQ(0, p->write_argv("t"));
+  EXPECT_EQ(0, p->write_argv_uint64(1));
+  EXPECT_EQ(0, p->write_argv_int64(-1));
+  EXPECT_EQ(0, p->write_argv_double(0.5));
+  EXPECT_EQ(0, p->write_nv_pair("n", "v"));
+  EXPECT_EQ(0, p->write_nv_pair_binary("b", data, 3));
+  EXPECT_EQ(16, p->write_data_binary(data, 16));
+  EXPECT_EQ(0, p->write_end());
+  EXPECT_EQ(L, p->buffer_length);
+  return bytes_of(p.get());
+}
+
+using Header = comm_socket_v4_packet_header;
+
+// The fields of the good packet, to be damaged in place.
+struct Form {
+  Header& h;
+  comm_socket_v4_packet_argv* argument;
+  comm_socket_v4_packet_nv_pair* pair;
+
+  explicit Form(std::string& bytes)
+      : h(*reinterpret_cast<Header*>(bytes.data())),
+        argument(reinterpret_cast<comm_socket_v4_packet_argv*>(bytes.data() + kArgv)),
+        pair(reinterpret_cast<comm_socket_v4_packet_nv_pair*>(bytes.data() + kPairs)) {}
+  void argv(std::uint8_t count, std::uint32_t offset) {
+    h.argv_count = count;
+    h.argv_offset = offset;
+  }
+  void pairs(std::uint16_t count, std::uint32_t offset) {
+    h.nv_pair_table_count = count;
+    h.nv_pair_table_offset = offset;
+  }
+  void data(std::uint32_t offset, std::uint32_t length) {
+    h.data_offset = offset;
+    h.data_length = length;
+  }
+  void set_argument(std::size_t i, std::uint8_t type, std::uint32_t offset) {
+    std::memcpy(argument[i].value_offset, &offset, 3);
+    argument[i].type_code = type;
+  }
+  void set_pair(std::size_t i, std::uint32_t name, std::uint32_t value, std::uint32_t length,
+                std::uint32_t type = comm_v4_type_text) {
+    pair[i] = {name, value, length, type};
+  }
+};
+
+const char* const kAccepted = nullptr;
+const struct Row {
+  const char* line;
+  void (*damage)(Form& f);
+} kRows[] = {
+    {kAccepted, [](Form&) {}},
+    {kAccepted, [](Form& f) { f.h.header_length = f.h.flags = kMax; }},
+    {"sighdr wrong", [](Form& f) { f.h.sighdr = 0xABCD0200; }},
+    {"sighdr wrong", [](Form& f) { f.h.sighdr = 0x2BCD0201; }},
+    {"nv_pair_table_count >= 4096", [](Form& f) { f.h.nv_pair_table_count = 4096; }},
+    {"argv_offset out of bounds", [](Form& f) { f.h.argv_offset = L; }},
+    {"nv_pair_table_offset out of bounds", [](Form& f) { f.h.nv_pair_table_offset = L; }},
+    {"argv invalid: count != 0 offset == 0", [](Form& f) { f.argv(1, 0); }},
+    {"argv invalid: count == 0 offset != 0", [](Form& f) { f.argv(0, 1); }},
+    {kAccepted, [](Form& f) { f.argv(0, 0); }},
+    {"nv_pair_table invalid: count != 0 offset == 0", [](Form& f) { f.pairs(1, 0); }},
+    {"nv_pair_table invalid: count == 0 offset != 0", [](Form& f) { f.pairs(0, 1); }},
+    {kAccepted, [](Form& f) { f.pairs(0, 0); }},
+    {kAccepted, [](Form& f) { f.h.argv_offset = L - 16; }},
+    {"argv invalid: offset+count > buffer_length", [](Form& f) { f.argv(4, L - 15); }},
+    {"argv invalid: offset+count > buffer_length", [](Form& f) { f.argv(255, 1); }},
+    {kAccepted, [](Form& f) { f.pairs(1, L - 16); }},
+    {"nv_pair_table invalid: offset+count > buffer_length", [](Form& f) { f.pairs(1, L - 15); }},
+    {"nv_pair_table invalid: offset+count > buffer_length", [](Form& f) { f.pairs(4095, 1); }},
+    {kAccepted, [](Form& f) { f.h.error_string_offset = 0; }},
+    {kAccepted, [](Form& f) { f.h.error_string_offset = L - 1; }},
+    {"error string out of bounds", [](Form& f) { f.h.error_string_offset = L; }},
+    {kAccepted, [](Form& f) { f.h.command_offset = 1; }},
+    {kAccepted, [](Form& f) { f.h.command_offset = L - 1; }},
+    {"command string out of bounds or missing (0)", [](Form& f) { f.h.command_offset = 0; }},
+    {"command string out of bounds or missing (170)", [](Form& f) { f.h.command_offset = L; }},
+    {"binary data: offset != 0 length == 0", [](Form& f) { f.data(L, 0); }},
+    {"binary data: offset+length > buffer_length", [](Form& f) { f.data(L, 1); }},
+    {"binary data: offset+length > buffer_length", [](Form& f) { f.data(1, kMax); }},
+    {"binary data: offset == 0 length != 0", [](Form& f) { f.data(0, 1); }},
+    {kAccepted, [](Form& f) { f.data(0, 0); }},
+    {kAccepted, [](Form& f) { f.data(L - 1, 1); }},
+    {"binary data: offset+length > buffer_length", [](Form& f) { f.data(L - 1, 2); }},
+    {"binary data: offset+length > buffer_length", [](Form& f) { f.data(1, L); }},
+    {"argv[0] unsupported type 1", [](Form& f) { f.set_argument(0, 1, L); }},
+    {"argv[0] unsupported type 255", [](Form& f) { f.set_argument(0, 255, 1); }},
+    {kAccepted, [](Form& f) { f.set_argument(0, 0, L - 1); }},
+    {kAccepted, [](Form& f) { f.set_argument(0, 0, 0); }},
+    {"argv[0] out of bounds (170)", [](Form& f) { f.set_argument(0, 0, L); }},
+    {"argv[0] out of bounds (16777215)", [](Form& f) { f.set_argument(0, 2, 0xFFFFFF); }},
+    {"argv[1] unsupported type 4", [](Form& f) { f.set_argument(1, 4, 1); }},
+    {kAccepted, [](Form& f) { f.set_argument(1, 2, L - 8); }},
+    {"argv[1] out of bounds (163)", [](Form& f) { f.set_argument(1, 2, L - 7); }},
+    {kAccepted, [](Form& f) { f.set_argument(2, 3, L - 8); }},
+    {"argv[2] out of bounds (163)", [](Form& f) { f.set_argument(2, 3, L - 7); }},
+    {kAccepted, [](Form& f) { f.set_argument(3, 5, L - 8); }},
+    {"argv[3] out of bounds (163)", [](Form& f) { f.set_argument(3, 5, L - 7); }},
+    {kAccepted, [](Form& f) { f.set_pair(0, L - 1, L - 1, 0); }},
+    {kAccepted, [](Form& f) { f.set_pair(0, 1, L - 1, 1); }},
+    {kAccepted, [](Form& f) { f.set_pair(0, 1, 1, L - 1, kMax); }},
+    {kAccepted, [](Form& f) { f.set_pair(0, 1, 1, 7, comm_v4_type_double); }},
+    {"nv_pair[0] name missing or out of bounds (0)", [](Form& f) { f.set_pair(0, 0, 0, kMax); }},
+    {"nv_pair[0] name missing or out of bounds (170)", [](Form& f) { f.set_pair(0, L, 0, kMax); }},
+    {"nv_pair[0] value missing or out of bounds (0)", [](Form& f) { f.set_pair(0, 1, 0, kMax); }},
+    {"nv_pair[0] value missing or out of bounds (170)", [](Form& f) { f.set_pair(0, 1, L, 0); }},
+    {"nv_pair[0] value+length > buffer_length", [](Form& f) { f.set_pair(0, 1, L - 1, 2); }},
+    {"nv_pair[0] value+length > buffer_length", [](Form& f) { f.set_pair(0, 1, 1, L); }},
+    {"nv_pair[0] value+length > buffer_length", [](Form& f) { f.set_pair(0, 1, 1, kMax); }},
+    {"nv_pair[1] name missing or out of bounds (170)", [](Form& f) { f.set_pair(1, L, 1, 1); }},
+};
+
+// Reads the ends of all that an accepted packet offers, under the eyes of the address sanitizer.
+std::size_t read_all(const Packet& p) {
+  const auto last = [](const unsigned char* data, std::size_t n) {
+    return n != 0 ? data[n - 1] : 0u;
+  };
+  std::size_t sum = std::strlen(p->command()) + std::strlen(p->error_string()) +
+                    last(p->data(), p->data_length());
+  for (std::size_t i = 0; i < p->argc(); ++i)
+    sum += std::strlen(p->argv_text(i)) + p->argv_uint64(i) + (p->argv_int64(i) > 0) +
+           (p->argv_double(i) > 0);
+  for (std::size_t i = 0; i < p->nv_entries(); ++i) {
+    const auto* pair = p->nv_entry(i);
+    sum += std::strlen(p->nv_pair_name(pair)) + std::strlen(p->nv_pair_value_text(pair)) +
+           last(p->nv_pair_value_raw(pair), pair->length());
+  }
+  return sum;
+}
+
+// Validates bytes; `line` is what is printed then, null when they are to be accepted.
+void expect_verdict(const std::string& bytes, const char* line, StderrCapture& captured) {
+  const Endpoint endpoint = make_endpoint();
+  comm_socket_v4_debug_logging(endpoint.get());
+  const Packet p = exact_packet(bytes);
+  captured.clear();
+  auto* const header = reinterpret_cast<Header*>(p->buffer);
+  const Outcome verdict = outcome(
+      [&] { return comm_socket_v4_validate_packet_contents(endpoint.get(), p.get(), header); });
+  EXPECT_EQ((Outcome{line != nullptr ? -1 : 0, errno_before}), verdict);
+  Lines expected;
+  if (line != nullptr) expected.push_back(std::string("DEBUG: packet validation failed. ") + line);
+  EXPECT_EQ(expected, captured.lines(endpoint.get()));
+  EXPECT_EQ(expected, captured.lines());
+  EXPECT_EQ(bytes, bytes_of(p.get()));
+  if (line == kAccepted && verdict.first == 0) {
+    EXPECT_GT(read_all(p), 0u);
+  }
+}
+
+TEST_F(ValidationTest, AcceptsTheLastByteThatFitsAndNamesTheRuleThatTheNextOneBreaks) {
+  StderrCapture captured;
+  for (const Row& row : kRows) {
+    SCOPED_TRACE(testing::Message() << "row " << &row - kRows);
+    std::string bytes = good_bytes();
+    Form form(bytes);
+    row.damage(form);
+    expect_verdict(bytes, row.line, captured);
+  }
+  expect_verdict(bytes_of(rich_packet().get()), kAccepted, captured);
+  expect_verdict(bytes_of(ping_packet().get()), kAccepted, captured);
+}
+
+// The rows stand in the order of the rules: of two damages the earlier one is named.
+TEST_F(ValidationTest, NamesTheFirstOfTwoBrokenRules) {
+  StderrCapture captured;
+  const std::string good = good_bytes();
+  for (const Row& first : kRows) {
+    for (const Row* second = &first + 1; second != std::end(kRows); ++second) {
+      if (first.line == kAccepted || second->line == kAccepted) continue;
+      SCOPED_TRACE(testing::Message() << "rows " << &first - kRows << ", " << second - kRows);
+      std::string bytes = good;
+      Form form(bytes);
+      second->damage(form);
+      first.damage(form);
+      expect_verdict(bytes, first.line, captured);
+    }
+  }
+}
+
+}  // namespace
