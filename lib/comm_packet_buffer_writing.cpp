@@ -54,11 +54,13 @@ bool is_terminated(std::uint32_t type) {
   return type == comm_v4_type_text || type == comm_v4_type_json;
 }
 
-// Copies bytes for which there is room to the write position.
+// Copies bytes to the write position. There is room for them and for a NUL behind them, so that a
+// packet can be dumped while it is being written.
 void append(comm_socket_v4_packet& p, const void* bytes, std::size_t length) {
   if (length != 0) std::memcpy(p.buffer + p.buffer_write, bytes, length);
   p.buffer_write += length;
   p.buffer_length = p.buffer_write;
+  p.buffer[p.buffer_write] = 0;
 }
 
 // Appends pending entries as a table and empties the array; *offset is where the table starts, 0
