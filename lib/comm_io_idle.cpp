@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "lib/packet_receive.h"
+#include "lib/quiet_clients.h"
 
 namespace {
 
@@ -45,12 +46,14 @@ class ClientSide final : public ReceiveSide {
 // Half of the table, so that the cost of a call is bounded by it and two calls reach every client.
 void idle_clients(comm_socket_v4* s) {
   const std::size_t visits = (s->client.size() + 1) / 2;
+  QuietClients quiet(s);
   for (std::size_t i = 0; i < visits; ++i) {
     if (s->client_idlescan >= s->client.size()) s->client_idlescan = 0;
     // A receive callback may have closed the server.
     if (s->client.empty()) return;
     comm_socket_v4_client* const client = &s->client[s->client_idlescan];
-    if (client->client_is_open()) comm_socket_v4_client_idle(client);
+    if (client->client_is_open() && !quiet.is_quiet(s->client_idlescan, visits - i))
+      comm_socket_v4_client_idle(client);
     if (++s->client_idlescan >= s->client.size()) s->client_idlescan = 0;
   }
 }

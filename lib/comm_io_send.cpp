@@ -9,6 +9,7 @@
 
 #include "lib/client_slot.h"
 #include "lib/fatal_assert.h"
+#include "lib/quiet_clients.h"
 
 // --- Sending ------------------------------------------------------------------------------------
 
@@ -151,14 +152,16 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* s,
                                                         comm_socket_v4_client** from) {
   if (from != nullptr) *from = nullptr;
   const std::size_t slots = s->client.size();
+  QuietClients quiet(s);
   for (std::size_t tries = 0; tries < slots; ++tries) {
     if (s->client_getpktscan >= s->client.size()) s->client_getpktscan = 0;
     // A receive callback may have closed the server.
     if (s->client.empty()) return nullptr;
     const std::uint64_t index = s->client_getpktscan;
-    comm_socket_v4_packet* const packet = s->client[index].client_is_open()
-                                              ? comm_socket_v4_client_get_packet(&s->client[index])
-                                              : nullptr;
+    comm_socket_v4_client* const client = &s->client[index];
+    comm_socket_v4_packet* packet = nullptr;
+    if (client->client_is_open() && !quiet.is_quiet(index, slots - tries))
+      packet = comm_socket_v4_client_get_packet(client);
     s->client_getpktscan = index + 1 < s->client.size() ? index + 1 : 0;
     if (packet == nullptr) continue;
     if (from != nullptr) *from = &s->client[index];

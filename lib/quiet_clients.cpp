@@ -1,0 +1,54 @@
+#include "lib/quiet_clients.h"
+
+#include <poll.h>
+
+#include <algorithm>
+
+namespace {
+
+// Whether a visit of the client reads; without that it costs nothing.
+bool would_read(const comm_socket_v4_client& client) {
+  return client.client_is_open() && client.halt == 0 && client.next_packet == nullptr;
+}
+
+}  // namespace
+
+std::size_t QuietClients::position(std::size_t slot) const noexcept {
+  return slot >= first_ ? slot - first_ : slot + server_->client.size() - first_;
+}
+
+bool QuietClients::in_window(std::size_t slot) const noexcept { return position(slot) < count_; }
+
+bool QuietClients::is_quiet(std::size_t slot, std::size_t ahead) noexcept {
+  const comm_socket_v4_client& client = server_->client[slot];
+  if (!would_read(client)) return false;
+  if (!in_window(slot)) {
+    if (reads_ < reads_before_asking) {
+      ++reads_;
+      return false;
+    }
+    ask(slot, ahead);
+  }
+  return quiet_fd_[position(slot)] == client.client_fd;
+}
+
+void QuietClients::ask(std::size_t slot, std::size_t ahead) noexcept {
+  const std::size_t slots = server_->client.size();
+  first_ = slot;
+  count_ = std::min({window_size, ahead, slots});
+  std::fill_n(quiet_fd_, count_, -1);
+
+  struct pollfd asked[window_size];
+  std::size_t position_of[window_size];
+  std::size_t asked_count = 0;
+  for (std::size_t i = 0; i < count_; ++i) {
+    const comm_socket_v4_client& client = server_->client[(slot + i) % slots];
+    if (!would_read(client)) continue;
+    asked[asked_count] = {client.client_fd, POLLIN, 0};
+    position_of[asked_count++] = i;
+  }
+  // A failed poll leaves every client to be read.
+  if (asked_count < 2 || ::poll(asked, asked_count, 0) < 0) return;
+  for (std::size_t i = 0; i < asked_count; ++i)
+    if (asked[i].revents == 0) quiet_fd_[position_of[i]] = asked[i].fd;
+}

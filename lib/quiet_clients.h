@@ -1,0 +1,38 @@
+// Which clients of a server have nothing to read: asked with one poll(2) for many of them, so that
+// a pass over a large table does not pay a failing read for each.
+#ifndef TARN_LIB_QUIET_CLIENTS_H
+#define TARN_LIB_QUIET_CLIENTS_H
+
+#include <tarn_utils_v4/comm.h>
+
+#include <cstddef>
+#include <cstdint>
+
+// Serves one pass over the table.
+class QuietClients {
+ public:
+  explicit QuietClients(const comm_socket_v4* server) noexcept : server_(server) {}
+
+  // Whether a read from the client in `slot`, which is open, would find nothing. Where that is not
+  // known the answer is no. `ahead` is how many slots the pass may still visit, this one included.
+  bool is_quiet(std::size_t slot, std::size_t ahead) noexcept;
+
+ private:
+  static constexpr std::size_t window_size = 64;
+  // So many clients are read without asking: with few of them that is cheaper.
+  static constexpr unsigned reads_before_asking = 2;
+
+  bool in_window(std::size_t slot) const noexcept;
+  std::size_t position(std::size_t slot) const noexcept;
+  void ask(std::size_t slot, std::size_t ahead) noexcept;
+
+  const comm_socket_v4* server_;
+  unsigned reads_ = 0;
+  std::size_t first_ = 0;  // slot of the window
+  std::size_t count_ = 0;
+  // The descriptor that is quiet, -1 where none is. It is compared, since a callback may have put
+  // another connection into the slot after the question.
+  std::int32_t quiet_fd_[window_size];
+};
+
+#endif
