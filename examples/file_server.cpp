@@ -1,0 +1,215 @@
+// Opens files for other processes.
+//
+//   file_server [--show] SOCKET      --show lists every packet; SIGTERM ends it
+//
+// A request "open" with a path is answered with the attributes as pairs, the first bytes as data
+// and the open descriptor; or with an errno and its text.
+//
+// The loop is made for thousands of clients: epoll tells which are ready, no others are touched.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+
+#include <unordered_map>
+#include <vector>
+
+#include "common.h"
+
+namespace {
+
+// --- Answers ------------------------------------------------------------------------------------
+
+struct File {
+  Descriptor fd;
+  struct stat about = {};
+  std::vector<unsigned char> start;
+};
+
+// Does what the request asks for; 0 or an errno.
+int open_file(const comm_socket_v4_packet& request, File& file) {
+  if (std::strcmp(request.command(), "open") != 0) return ENOSYS;
+  // O_NONBLOCK: a FIFO must not make everybody wait.
+  file.fd = Descriptor{::open(request.argv_text(0), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
+  if (!file.fd.is_open() || ::fstat(file.fd.get(), &file.about) != 0) return errno;
+  if (!S_ISREG(file.about.st_mode)) return S_ISDIR(file.about.st_mode) ? EISDIR : EINVAL;
+  file.start.resize(16384);
+  const ssize_t count = ::pread(file.fd.get(), file.start.data(), file.start.size(), 0);
+  if (count < 0) return errno;
+  file.start.resize(static_cast<std::size_t>(count));
+  return 0;
+}
+
+bool write_file(comm_socket_v4_packet& answer, const File& file) {
+  const auto size = static_cast<std::uint64_t>(file.about.st_size);
+  const std::uint64_t mode = file.about.st_mode & 07777;
+  const std::int64_t times[] = {file.about.st_atime, file.about.st_mtime, file.about.st_ctime};
+  return answer.attach_fd_to_send(file.fd.get()) &&
+         answer.write_nv_pair_uint64("size", &size, 1) == 0 &&
+         answer.write_nv_pair_uint64("mode", &mode, 1) == 0 &&
+         answer.write_nv_pair_int64("times", times, std::size(times)) == 0 &&
+         answer.write_data_binary(file.start.data(), file.start.size()) >= 0;
+}
+
+// Null when it cannot be written.
+Packet answer_to(const comm_socket_v4_packet& request) {
+  File file;
+  const int error = open_file(request, file);
+  Packet answer = begin_answer(request, error);
+  if (!answer || (error == 0 && !write_file(*answer, file))) return nullptr;
+  return answer->write_end() == 0 ? std::move(answer) : nullptr;
+}
+
+// --- Server -------------------------------------------------------------------------------------
+
+// Packets that may wait for one client. At that many the server reads no more of its requests.
+constexpr std::uint64_t LONGEST_QUEUE = 32;
+// Requests of one client in a row, so that no client keeps the others waiting.
+constexpr int FAIR_SHARE = 16;
+
+// The data of an event is the index of a slot, since the address of a record does not last.
+constexpr std::uint64_t LISTENER = COMM_V4_NO_INDEX;
+constexpr std::uint64_t STOP = COMM_V4_NO_INDEX - 1;
+
+class FileServer {
+ public:
+  FileServer(const char* path, bool shows) : shows_(shows) {
+    sigset_t stop;
+    ::sigemptyset(&stop);
+    ::sigaddset(&stop, SIGTERM);
+    ::sigaddset(&stop, SIGINT);
+    if (::sigprocmask(SIG_BLOCK, &stop, nullptr) != 0) fail("sigprocmask");
+    signals_ = Descriptor{::signalfd(-1, &stop, SFD_CLOEXEC)};
+    if (!endpoint_) fail("no memory");
+    if (comm_socket_v4_create_server(endpoint_.get(), path) != 0) fail(path);
+    if (!watch(EPOLL_CTL_ADD, endpoint_->get_socket_fd(), LISTENER, EPOLLIN) ||
+        !watch(EPOLL_CTL_ADD, signals_.get(), STOP, EPOLLIN))
+      fail("epoll_ctl");
+  }
+
+  void run() {
+    for (;;) {
+      struct epoll_event ready[64];
+      const int count = ::epoll_wait(epoll_.get(), ready, std::size(ready), -1);
+      if (count < 0 && errno != EINTR) fail("epoll_wait");
+      for (int i = 0; i < count; ++i) {
+        const std::uint64_t index = ready[i].data.u64;
+        if (index == STOP) return;
+        index == LISTENER ? accept_clients() : serve(index, ready[i].events);
+      }
+      release_clients();
+    }
+  }
+
+ private:
+  struct Connection {  // by the index of the client's slot
+    CommLargePacketQueue queue;
+    std::uint32_t events = EPOLLIN;  // that epoll watches
+    std::uint64_t answers = 0;
+  };
+
+  bool watch(int operation, int fd, std::uint64_t index, std::uint32_t events) {
+    struct epoll_event event = {.events = events, .data = {.u64 = index}};
+    return ::epoll_ctl(epoll_.get(), operation, fd, &event) == 0;
+  }
+
+  // An accept that finds no free descriptor closes the server. One is held in reserve for it, and a
+  // client after which there is none left to hold is turned away.
+  void accept_clients() {
+    for (;;) {
+      reserve_ = Descriptor{};
+      comm_socket_v4_client* const client = comm_socket_v4_accept_connection(endpoint_.get());
+      if (!comm_socket_v4_is_open(endpoint_.get())) fail("cannot accept");
+      reserve_ = Descriptor{::open("/dev/null", O_RDONLY | O_CLOEXEC)};
+      if (client == nullptr) return;
+      if (!reserve_.is_open() || !welcome(*client)) comm_socket_v4_free_client(client);
+    }
+  }
+
+  // Anybody may connect to the socket file: what the kernel says of the peer decides.
+  bool welcome(comm_socket_v4_client& client) {
+    const unsigned long index = comm_socket_v4_client_ptr2index(&client);
+    const bool trusted = client.cred.uid == ::geteuid() || client.cred.uid == 0;
+    std::printf("client %lu: pid %d, uid %u, gid %u%s\n", index, client.cred.pid, client.cred.uid,
+                client.cred.gid, trusted ? "" : ", turned away");
+    return trusted && watch(EPOLL_CTL_ADD, client.get_client_fd(), index, EPOLLIN) &&
+           connections_.try_emplace(index).second;
+  }
+
+  void serve(unsigned long index, std::uint32_t events) {
+    comm_socket_v4_client& client = *comm_socket_v4_index2client(endpoint_.get(), index);
+    Connection& connection = connections_.at(index);
+    if (events & (EPOLLHUP | EPOLLERR)) {  // Nobody is left to read answers.
+      comm_socket_v4_disconnect_client(&client);
+      return;
+    }
+    if (events & EPOLLOUT) {
+      const std::uint64_t before = connection.queue.queued_count;
+      connection.queue.flush_queued_packet(&client);
+      // There is room: a packet that does not go now never will.
+      if (connection.queue.queued_count == before) comm_socket_v4_disconnect_client(&client);
+    }
+    if (events & EPOLLIN) answer_requests(client, index, connection);
+    update_events(client, index, connection);
+  }
+
+  // Retrieval takes the packet in the slot, or reads one. As nothing here fills the slot ahead,
+  // what is left after a fair share is in the socket, and epoll reports it again.
+  void answer_requests(comm_socket_v4_client& client, unsigned long index, Connection& connection) {
+    for (int i = 0; i < FAIR_SHARE && connection.queue.queued_count < LONGEST_QUEUE; ++i) {
+      const Packet request{comm_socket_v4_client_get_packet(&client)};
+      if (!request) return;
+      if (shows_) show(*request, "from client", index);
+      const Packet answer = answer_to(*request);
+      if (answer && shows_) show(*answer, "to client", index);
+      if (answer && connection.queue.send_packet(&client, answer.get()) > 0)
+        ++connection.answers;
+      else
+        comm_socket_v4_disconnect_client(&client);  // Nothing more is retrieved from it then.
+    }
+  }
+
+  // Room to send is watched only while packets wait for it: nearly always there is some.
+  void update_events(comm_socket_v4_client& client, unsigned long index, Connection& connection) {
+    const std::uint64_t waiting = connection.queue.queued_count;
+    const std::uint32_t events =
+        (waiting < LONGEST_QUEUE ? EPOLLIN : 0u) | (waiting > 0 ? EPOLLOUT : 0u);
+    if (events == connection.events) return;
+    if ((events ^ connection.events) & EPOLLOUT)
+      std::printf("client %lu %s\n", index,
+                  waiting > 0 ? "reads slowly, answers wait for it" : "has caught up");
+    connection.events = events;
+    if (!watch(EPOLL_CTL_MOD, client.get_client_fd(), index, events))
+      comm_socket_v4_disconnect_client(&client);
+  }
+
+  // After each round, so that none of its events meets a slot with another client in it. Closing
+  // the descriptor takes it out of epoll.
+  void release_clients() {
+    while (auto* const client = comm_socket_v4_get_disconnected_client(endpoint_.get())) {
+      const auto entry = connections_.find(comm_socket_v4_client_ptr2index(client));
+      std::printf("client %lu has left, %lu answers\n", entry->first, entry->second.answers);
+      connections_.erase(entry);
+      comm_socket_v4_free_client(client);
+    }
+  }
+
+  const bool shows_;
+  Endpoint endpoint_{comm_socket_v4_create()};
+  Descriptor epoll_{::epoll_create1(EPOLL_CLOEXEC)};
+  Descriptor signals_;
+  Descriptor reserve_;
+  std::unordered_map<unsigned long, Connection> connections_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const bool shows = argc == 3 && std::strcmp(argv[1], "--show") == 0;
+  if (argc != (shows ? 3 : 2)) fail("usage", "file_server [--show] SOCKET");
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  FileServer server{argv[argc - 1], shows};
+  std::printf("listens on %s\n", argv[argc - 1]);
+  server.run();
+}
