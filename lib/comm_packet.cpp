@@ -1,5 +1,5 @@
 // The packet object: its lifetime, its buffer, its descriptors and header values, and the readers
-// that look into its bytes in place.
+// as functions.
 #include <tarn_utils_v4/comm.h>
 #include <unistd.h>
 
@@ -11,11 +11,8 @@
 #include <new>
 
 #include "lib/errno_guard.h"
-#include "lib/packet_layout.h"
 
 namespace {
-
-using packet_layout::header;
 
 constexpr std::size_t min_buffer_size = 32;
 // Kept behind the packet when surplus memory is given back; it has room for the NUL.
@@ -75,9 +72,10 @@ int comm_socket_v4_packet::resize_buffer(std::size_t size) {
   const std::size_t target = std::max(size, min_buffer_size);
   if (buffer != nullptr && buffer_alloc >= target) return 0;
 
-  // realloc of a null pointer allocates.
-  void* const grown = target <= PTRDIFF_MAX ? std::realloc(buffer, target) : nullptr;
   if (buffer == nullptr) buffer_alloc = buffer_length = buffer_write = 0;
+  // Beyond PTRDIFF_MAX no allocation succeeds.
+  if (target > PTRDIFF_MAX) return -1;
+  void* const grown = buffer != nullptr ? std::realloc(buffer, target) : std::malloc(target);
   if (grown == nullptr) return -1;
   buffer = static_cast<unsigned char*>(grown);
   buffer_alloc = target;
@@ -170,126 +168,7 @@ void comm_socket_v4_packet_make_response(comm_socket_v4_packet* p) { p->make_res
 void comm_socket_v4_packet_set_request(comm_socket_v4_packet* p, int v) { p->set_request(v > 0); }
 void comm_socket_v4_packet_set_async(comm_socket_v4_packet* p, int v) { p->set_async(v > 0); }
 
-// --- Readers. Validation has checked what they follow, so they check nothing again. -------------
-
-bool comm_socket_v4_packet::has_header() const {
-  return buffer != nullptr && buffer_length >= COMM_V4_HEADER_LENGTH;
-}
-
-const char* comm_socket_v4_packet::command() const {
-  const comm_v4_offset_t offset = has_header() ? header(buffer)->command_offset : 0;
-  return offset != 0 ? reinterpret_cast<const char*>(buffer + offset) : "";
-}
-
-const char* comm_socket_v4_packet::error_string() const {
-  const comm_v4_offset_t offset = has_header() ? header(buffer)->error_string_offset : 0;
-  return offset != 0 ? reinterpret_cast<const char*>(buffer + offset) : "";
-}
-
-const unsigned char* comm_socket_v4_packet::data() const {
-  const comm_v4_offset_t offset = has_header() ? header(buffer)->data_offset : 0;
-  return offset != 0 ? buffer + offset : nullptr;
-}
-
-std::size_t comm_socket_v4_packet::data_length() const {
-  return data() != nullptr ? header(buffer)->data_length : 0;
-}
-
-std::size_t comm_socket_v4_packet::argc() const {
-  return has_header() ? header(buffer)->argv_count : 0;
-}
-
-std::size_t comm_socket_v4_packet::nv_entries() const {
-  return has_header() ? header(buffer)->nv_pair_table_count : 0;
-}
-
-const comm_socket_v4_packet_argv* comm_socket_v4_packet::argv(std::size_t index) const {
-  if (index >= argc()) return nullptr;
-  return reinterpret_cast<const comm_socket_v4_packet_argv*>(buffer + header(buffer)->argv_offset) +
-         index;
-}
-
-namespace {
-
-// The bytes of an argument's value; null when it is missing or of another type.
-const unsigned char* argv_value(const unsigned char* buffer,
-                                const comm_socket_v4_packet_argv* entry, std::uint32_t type) {
-  if (entry == nullptr || entry->type() != type || !entry->is_present()) return nullptr;
-  return buffer + packet_layout::value_offset(*entry);
-}
-
-template <class Number>
-Number argv_number(const unsigned char* buffer, const comm_socket_v4_packet_argv* entry,
-                   std::uint32_t type) {
-  Number number{};
-  if (const unsigned char* value = argv_value(buffer, entry, type))
-    std::memcpy(&number, value, sizeof(number));
-  return number;
-}
-
-}  // namespace
-
-const char* comm_socket_v4_packet::argv_text(const comm_socket_v4_packet_argv* entry) const {
-  const unsigned char* const value = argv_value(buffer, entry, comm_v4_type_text);
-  return value != nullptr ? reinterpret_cast<const char*>(value) : "";
-}
-
-std::uint64_t comm_socket_v4_packet::argv_uint64(const comm_socket_v4_packet_argv* entry) const {
-  return argv_number<std::uint64_t>(buffer, entry, comm_v4_type_uint64);
-}
-
-std::int64_t comm_socket_v4_packet::argv_int64(const comm_socket_v4_packet_argv* entry) const {
-  return argv_number<std::int64_t>(buffer, entry, comm_v4_type_int64);
-}
-
-double comm_socket_v4_packet::argv_double(const comm_socket_v4_packet_argv* entry) const {
-  return argv_number<double>(buffer, entry, comm_v4_type_double);
-}
-
-const comm_socket_v4_packet_nv_pair* comm_socket_v4_packet::nv_entry(std::size_t index) const {
-  if (index >= nv_entries()) return nullptr;
-  return reinterpret_cast<const comm_socket_v4_packet_nv_pair*>(
-             buffer + header(buffer)->nv_pair_table_offset) +
-         index;
-}
-
-const char* comm_socket_v4_packet::nv_pair_name(const comm_socket_v4_packet_nv_pair* entry) const {
-  return reinterpret_cast<const char*>(buffer + entry->name_offset);
-}
-
-const unsigned char* comm_socket_v4_packet::nv_pair_value_raw(
-    const comm_socket_v4_packet_nv_pair* entry) const {
-  return buffer + entry->value_offset;
-}
-
-const unsigned char* comm_socket_v4_packet::nv_pair_value_binary(
-    const comm_socket_v4_packet_nv_pair* entry) const {
-  return nv_pair_value_raw(entry);
-}
-
-const char* comm_socket_v4_packet::nv_pair_value_text(
-    const comm_socket_v4_packet_nv_pair* entry) const {
-  const bool is_text = entry->type() == comm_v4_type_text || entry->type() == comm_v4_type_json;
-  return is_text ? reinterpret_cast<const char*>(nv_pair_value_raw(entry)) : "";
-}
-
-const comm_v4_unaligned_uint64_t* comm_socket_v4_packet::nv_pair_value_uint64(
-    const comm_socket_v4_packet_nv_pair* entry) const {
-  if (entry->type() != comm_v4_type_uint64) return nullptr;
-  return reinterpret_cast<const comm_v4_unaligned_uint64_t*>(nv_pair_value_raw(entry));
-}
-
-const comm_v4_unaligned_int64_t* comm_socket_v4_packet::nv_pair_value_int64(
-    const comm_socket_v4_packet_nv_pair* entry) const {
-  if (entry->type() != comm_v4_type_int64) return nullptr;
-  return reinterpret_cast<const comm_v4_unaligned_int64_t*>(nv_pair_value_raw(entry));
-}
-
-const comm_v4_unaligned_double_t* comm_socket_v4_packet::nv_pair_value_double(
-    const comm_socket_v4_packet_nv_pair* entry) const {
-  if (entry->type() != comm_v4_type_double) return nullptr;
-  return reinterpret_cast<const comm_v4_unaligned_double_t*>(nv_pair_value_raw(entry));
-}
+// --- Readers, which the header defines, as functions --------------------------------------------
 
 std::size_t comm_socket_v4_packet_get_argc(const comm_socket_v4_packet* p) { return p->argc(); }
 std::size_t comm_socket_v4_packet_nv_entries(const comm_socket_v4_packet* p) {

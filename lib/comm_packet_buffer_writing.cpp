@@ -28,6 +28,10 @@ constexpr std::size_t max_text = 65535;
 constexpr std::size_t max_formatted_argv = 256;
 constexpr std::size_t max_data_per_call = 262144;
 
+// Most packets have no more of them, and so grow their arrays of entries once.
+constexpr std::size_t usual_argv_entries = 16;
+constexpr std::size_t usual_nv_pair_entries = 8;
+
 constexpr std::size_t default_buffer_size = 8192;
 constexpr std::size_t min_buffer_size = 4096;
 constexpr std::size_t growth = 8192;      // room beyond what a copy needs
@@ -54,13 +58,24 @@ bool is_terminated(std::uint32_t type) {
   return type == comm_v4_type_text || type == comm_v4_type_json;
 }
 
-// Copies bytes to the write position. There is room for them and for a NUL behind them, so that a
-// packet can be dumped while it is being written.
-void append(comm_socket_v4_packet& p, const void* bytes, std::size_t length) {
-  if (length != 0) std::memcpy(p.buffer + p.buffer_write, bytes, length);
-  p.buffer_write += length;
+// Copies bytes, and a NUL that counts if wished, to the write position. There is room for them and
+// for the NUL behind them, which lets a packet be dumped while it is being written.
+void append(comm_socket_v4_packet& p, const void* bytes, std::size_t length,
+            bool terminate = false) {
+  unsigned char* const at = p.buffer + p.buffer_write;
+  if (length != 0) std::memcpy(at, bytes, length);
+  at[length] = 0;
+  const std::size_t size = length + (terminate ? 1 : 0);
+  at[size] = 0;
+  p.buffer_write += size;
   p.buffer_length = p.buffer_write;
-  p.buffer[p.buffer_write] = 0;
+}
+
+// Adds a zero-filled entry. When memory runs out nothing has changed.
+template <class Entry>
+Entry* add_entry(std::vector<Entry>& pending, std::size_t usual_entries) {
+  if (pending.empty()) pending.reserve(usual_entries);
+  return &pending.emplace_back();
 }
 
 // Appends pending entries as a table and empties the array; *offset is where the table starts, 0
@@ -95,23 +110,23 @@ int comm_socket_v4_packet::write_begin(const char* command, const char* error_st
     return -1;
   }
 
-  comm_socket_v4_packet_header first{};
-  first.sighdr = COMM_V4_SIGHDR;
-  first.header_length = COMM_V4_HEADER_LENGTH;
-  first.stream_id = stream_id;
-  first.message_id = message_id;
-  first.error_code = error_code;
-  first.flags = flags;
-  buffer_write = 0;
-  append(*this, &first, sizeof(first));
+  std::memset(buffer, 0, COMM_V4_HEADER_LENGTH + 1);
+  comm_socket_v4_packet_header* const first = header(buffer);
+  first->sighdr = COMM_V4_SIGHDR;
+  first->header_length = COMM_V4_HEADER_LENGTH;
+  first->stream_id = stream_id;
+  first->message_id = message_id;
+  first->error_code = error_code;
+  first->flags = flags;
+  buffer_write = buffer_length = COMM_V4_HEADER_LENGTH;
 
   // The header is looked up after each copy, which may move the buffer.
   if (command != nullptr && *command != '\0') {
-    const comm_v4_offset_t offset = int_write_string(command, max_command, nullptr);
+    const comm_v4_offset_t offset = int_write_string(command, max_command);
     header(buffer)->command_offset = offset;
   }
   if (error_string != nullptr && *error_string != '\0') {
-    const comm_v4_offset_t offset = int_write_string(error_string, max_error_string, nullptr);
+    const comm_v4_offset_t offset = int_write_string(error_string, max_error_string);
     header(buffer)->error_string_offset = offset;
   }
   write_state = write_state_header;
@@ -126,31 +141,27 @@ comm_v4_offset_t comm_socket_v4_packet::int_copy_data(const unsigned char* data,
   const std::size_t start = buffer_write;
   if (start + length + copy_spare >= buffer_alloc && resize_buffer(start + length + growth) != 0)
     return 0;
-  append(*this, data, length);
-  if (terminate) append(*this, "", 1);
+  append(*this, data, length, terminate);
   check_write_position(*this, __func__);
   return static_cast<comm_v4_offset_t>(start);
 }
 
-comm_v4_offset_t comm_socket_v4_packet::int_write_string(const char* text, std::size_t max,
-                                                         std::uint32_t* out_length) {
-  const std::size_t length = text != nullptr ? strnlen(text, max) : 0;
-  if (out_length != nullptr) *out_length = static_cast<std::uint32_t>(length);
-  return int_copy_data(reinterpret_cast<const unsigned char*>(text), length, true);
+comm_v4_offset_t comm_socket_v4_packet::int_write_string(const char* text, std::size_t max) {
+  return int_copy_data(reinterpret_cast<const unsigned char*>(text), strnlen(text, max), true);
 }
 
 comm_socket_v4_packet_argv* comm_socket_v4_packet::alloc_argv() {
   const std::size_t idx = wr_argv.size();
-  wr_argv.emplace_back();
+  comm_socket_v4_packet_argv* const entry = add_entry(wr_argv, usual_argv_entries);
   fatal_assert(wr_argv.size() == (idx + 1u), "wr_argv.size() == (idx+1u)", source, __func__);
-  return &wr_argv[idx];
+  return entry;
 }
 
 comm_socket_v4_packet_nv_pair* comm_socket_v4_packet::alloc_nv_pair() {
   const std::size_t idx = wr_nv_pair.size();
-  wr_nv_pair.emplace_back();
+  comm_socket_v4_packet_nv_pair* const entry = add_entry(wr_nv_pair, usual_nv_pair_entries);
   fatal_assert(wr_nv_pair.size() == (idx + 1u), "wr_nv_pair.size() == (idx+1u)", source, __func__);
-  return &wr_nv_pair[idx];
+  return entry;
 }
 
 // --- Arguments ----------------------------------------------------------------------------------
@@ -161,7 +172,7 @@ int comm_socket_v4_packet::write_argv(const char* text) {
   if (!may_add_argv(*this)) return -1;
   comm_socket_v4_packet_argv* const entry = alloc_argv();
   entry->type_code = comm_v4_type_text;
-  packet_layout::set_value_offset(*entry, int_write_string(text, max_text, nullptr));
+  packet_layout::set_value_offset(*entry, int_write_string(text, max_text));
   return 0;
 }
 
@@ -211,15 +222,16 @@ int comm_socket_v4_packet::write_nv_pair_raw(const char* name, const unsigned ch
   if (value == nullptr && length != 0) return -1;
   // A length near the largest one is out before anything is added to it.
   if (length > max_packet_length) return -1;
-  const std::size_t name_size = strnlen(name, max_name) + 1;
-  const std::size_t value_size = length + (is_terminated(type) ? 1 : 0);
-  if (!fits_packet(*this, name_size + value_size)) return -1;
+  const std::size_t name_length = strnlen(name, max_name);
+  const bool terminated = is_terminated(type);
+  if (!fits_packet(*this, name_length + 1 + length + (terminated ? 1 : 0))) return -1;
 
   comm_socket_v4_packet_nv_pair* const entry = alloc_nv_pair();
   entry->type_code = type;
   entry->value_length = static_cast<std::uint32_t>(length);
-  entry->name_offset = int_write_string(name, max_name, nullptr);
-  entry->value_offset = int_copy_data(value, length, is_terminated(type));
+  entry->name_offset =
+      int_copy_data(reinterpret_cast<const unsigned char*>(name), name_length, true);
+  entry->value_offset = int_copy_data(value, length, terminated);
   return 0;
 }
 

@@ -155,7 +155,7 @@ void dump_strings(std::FILE* out, const View& view) {
 }
 
 void dump_argument(std::FILE* out, const View& view, std::size_t i, const Argument& argument) {
-  const unsigned long offset = packet_layout::value_offset(argument);
+  const unsigned long offset = argument.offset();
   switch (argument.type()) {
     case comm_v4_type_text:
       std::fprintf(out, "   argv[%lu]@%lu: '%s'\n", i, offset, view.text(offset));
@@ -274,7 +274,7 @@ void list_strings(std::FILE* out, const View& view) {
 }
 
 void list_argument(std::FILE* out, const View& view, std::size_t i, const Argument& argument) {
-  const std::uint64_t offset = packet_layout::value_offset(argument);
+  const std::uint64_t offset = argument.offset();
   switch (argument.type()) {
     case comm_v4_type_text:
       std::fprintf(out, "*Argv[%lu]:    %s\n", i, view.text(offset));

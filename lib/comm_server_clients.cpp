@@ -490,7 +490,7 @@ class Validation {
       if (type != comm_v4_type_text && type != comm_v4_type_uint64 && type != comm_v4_type_double &&
           type != comm_v4_type_int64)
         return refuse("packet validation failed. argv[%zu] unsupported type %u", i, type);
-      const comm_v4_offset_t offset = packet_layout::value_offset(table[i]);
+      const comm_v4_offset_t offset = table[i].offset();
       if (beyond_end(offset, type == comm_v4_type_text ? 1 : 8))
         return refuse("packet validation failed. argv[%zu] out of bounds (%u)", i, offset);
     }

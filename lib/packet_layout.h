@@ -53,10 +53,6 @@ inline const comm_socket_v4_packet_header* header(const unsigned char* packet) {
   return reinterpret_cast<const comm_socket_v4_packet_header*>(packet);
 }
 
-inline comm_v4_offset_t value_offset(const comm_socket_v4_packet_argv& entry) {
-  return comm_v4_offset_t{entry.value_offset[0]} | comm_v4_offset_t{entry.value_offset[1]} << 8 |
-         comm_v4_offset_t{entry.value_offset[2]} << 16;
-}
 inline void set_value_offset(comm_socket_v4_packet_argv& entry, comm_v4_offset_t offset) {
   entry.value_offset[0] = static_cast<std::uint8_t>(offset);
   entry.value_offset[1] = static_cast<std::uint8_t>(offset >> 8);

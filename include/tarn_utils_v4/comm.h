@@ -55,6 +55,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <deque>
 #include <list>
 #include <string>
@@ -130,9 +131,11 @@ struct __attribute__((packed)) comm_socket_v4_packet_argv {
   std::uint8_t type_code;
 
   std::uint8_t type() const { return type_code; }
-  bool is_present() const {
-    return value_offset[0] != 0 || value_offset[1] != 0 || value_offset[2] != 0;
+  comm_v4_offset_t offset() const {
+    return static_cast<comm_v4_offset_t>(value_offset[0] | value_offset[1] << 8 |
+                                         value_offset[2] << 16);
   }
+  bool is_present() const { return offset() != 0; }
 };
 
 // One name/value pair. length() is in bytes and leaves out the NUL after a text.
@@ -358,11 +361,16 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   int vwrite_argvf(const char* format, va_list args) COMM_V4_PRINTF(2, 0);
   int vwrite_nv_pairf(const char* name, const char* format, va_list args) COMM_V4_PRINTF(3, 0);
 
-  COMM_V4_INTERNAL bool has_header() const;
+  const comm_socket_v4_packet_header* header_or_null() const;
+  const char* text_at(comm_v4_offset_t offset) const;
+  const unsigned char* argv_value(const comm_socket_v4_packet_argv* entry,
+                                  std::uint32_t type) const;
+  template <class Number>
+  Number argv_number(const comm_socket_v4_packet_argv* entry, std::uint32_t type) const;
+
   COMM_V4_INTERNAL comm_v4_offset_t int_copy_data(const unsigned char* data, std::size_t length,
                                                   bool terminate);
-  COMM_V4_INTERNAL comm_v4_offset_t int_write_string(const char* text, std::size_t max,
-                                                     std::uint32_t* out_length);
+  COMM_V4_INTERNAL comm_v4_offset_t int_write_string(const char* text, std::size_t max);
   COMM_V4_INTERNAL comm_socket_v4_packet_argv* alloc_argv();
   COMM_V4_INTERNAL comm_socket_v4_packet_nv_pair* alloc_nv_pair();
   COMM_V4_INTERNAL int write_argv_number(std::uint8_t type, const void* value);
@@ -821,5 +829,139 @@ COMM_V4_EXPORT void comm_socket_v4_packet_dump_body(const comm_socket_v4_packet*
 // structure. At most 108 characters: more is a broken invariant and aborts.
 COMM_V4_EXPORT void comm_socket_path_to_sockaddr_un(struct sockaddr_un& sun, std::size_t& len,
                                                     const std::string& path);
+
+// ------------------------------------------------------------------------------------------------
+// The readers, inline: they cost as much as reading a struct. Validation has checked what they
+// follow, so they check nothing again. Nothing below says more than the declarations above.
+
+// Null without a whole header.
+inline const comm_socket_v4_packet_header* comm_socket_v4_packet::header_or_null() const {
+  return buffer != nullptr && buffer_length >= COMM_V4_HEADER_LENGTH
+             ? reinterpret_cast<const comm_socket_v4_packet_header*>(buffer)
+             : nullptr;
+}
+
+inline const char* comm_socket_v4_packet::text_at(comm_v4_offset_t offset) const {
+  return offset != 0 ? reinterpret_cast<const char*>(buffer + offset) : "";
+}
+
+inline const char* comm_socket_v4_packet::command() const {
+  return text_at(header_or_null() != nullptr ? header_or_null()->command_offset : 0);
+}
+
+inline const char* comm_socket_v4_packet::error_string() const {
+  return text_at(header_or_null() != nullptr ? header_or_null()->error_string_offset : 0);
+}
+
+inline const unsigned char* comm_socket_v4_packet::data() const {
+  return header_or_null() != nullptr && header_or_null()->data_offset != 0
+             ? buffer + header_or_null()->data_offset
+             : nullptr;
+}
+
+inline std::size_t comm_socket_v4_packet::data_length() const {
+  return data() != nullptr ? header_or_null()->data_length : 0;
+}
+
+inline std::size_t comm_socket_v4_packet::argc() const {
+  return header_or_null() != nullptr ? header_or_null()->argv_count : 0;
+}
+
+inline std::size_t comm_socket_v4_packet::nv_entries() const {
+  return header_or_null() != nullptr ? header_or_null()->nv_pair_table_count : 0;
+}
+
+inline const comm_socket_v4_packet_argv* comm_socket_v4_packet::argv(std::size_t index) const {
+  if (index >= argc()) return nullptr;
+  return reinterpret_cast<const comm_socket_v4_packet_argv*>(buffer +
+                                                             header_or_null()->argv_offset) +
+         index;
+}
+
+// The bytes of an argument's value; null when it is missing or of another type.
+inline const unsigned char* comm_socket_v4_packet::argv_value(
+    const comm_socket_v4_packet_argv* entry, std::uint32_t type) const {
+  return entry != nullptr && entry->type() == type && entry->is_present() ? buffer + entry->offset()
+                                                                          : nullptr;
+}
+
+template <class Number>
+Number comm_socket_v4_packet::argv_number(const comm_socket_v4_packet_argv* entry,
+                                          std::uint32_t type) const {
+  Number number = 0;
+  if (const unsigned char* value = argv_value(entry, type))
+    std::memcpy(&number, value, sizeof(number));
+  return number;
+}
+
+inline const char* comm_socket_v4_packet::argv_text(const comm_socket_v4_packet_argv* entry) const {
+  const unsigned char* const value = argv_value(entry, comm_v4_type_text);
+  return value != nullptr ? reinterpret_cast<const char*>(value) : "";
+}
+
+inline std::uint64_t comm_socket_v4_packet::argv_uint64(
+    const comm_socket_v4_packet_argv* entry) const {
+  return argv_number<std::uint64_t>(entry, comm_v4_type_uint64);
+}
+
+inline std::int64_t comm_socket_v4_packet::argv_int64(
+    const comm_socket_v4_packet_argv* entry) const {
+  return argv_number<std::int64_t>(entry, comm_v4_type_int64);
+}
+
+inline double comm_socket_v4_packet::argv_double(const comm_socket_v4_packet_argv* entry) const {
+  return argv_number<double>(entry, comm_v4_type_double);
+}
+
+inline const comm_socket_v4_packet_nv_pair* comm_socket_v4_packet::nv_entry(
+    std::size_t index) const {
+  if (index >= nv_entries()) return nullptr;
+  return reinterpret_cast<const comm_socket_v4_packet_nv_pair*>(
+             buffer + header_or_null()->nv_pair_table_offset) +
+         index;
+}
+
+inline const char* comm_socket_v4_packet::nv_pair_name(
+    const comm_socket_v4_packet_nv_pair* entry) const {
+  return reinterpret_cast<const char*>(buffer + entry->name_offset);
+}
+
+inline const unsigned char* comm_socket_v4_packet::nv_pair_value_raw(
+    const comm_socket_v4_packet_nv_pair* entry) const {
+  return buffer + entry->value_offset;
+}
+
+inline const unsigned char* comm_socket_v4_packet::nv_pair_value_binary(
+    const comm_socket_v4_packet_nv_pair* entry) const {
+  return nv_pair_value_raw(entry);
+}
+
+inline const char* comm_socket_v4_packet::nv_pair_value_text(
+    const comm_socket_v4_packet_nv_pair* entry) const {
+  return entry->type() == comm_v4_type_text || entry->type() == comm_v4_type_json
+             ? reinterpret_cast<const char*>(nv_pair_value_raw(entry))
+             : "";
+}
+
+inline const comm_v4_unaligned_uint64_t* comm_socket_v4_packet::nv_pair_value_uint64(
+    const comm_socket_v4_packet_nv_pair* entry) const {
+  return entry->type() == comm_v4_type_uint64
+             ? reinterpret_cast<const comm_v4_unaligned_uint64_t*>(nv_pair_value_raw(entry))
+             : nullptr;
+}
+
+inline const comm_v4_unaligned_int64_t* comm_socket_v4_packet::nv_pair_value_int64(
+    const comm_socket_v4_packet_nv_pair* entry) const {
+  return entry->type() == comm_v4_type_int64
+             ? reinterpret_cast<const comm_v4_unaligned_int64_t*>(nv_pair_value_raw(entry))
+             : nullptr;
+}
+
+inline const comm_v4_unaligned_double_t* comm_socket_v4_packet::nv_pair_value_double(
+    const comm_socket_v4_packet_nv_pair* entry) const {
+  return entry->type() == comm_v4_type_double
+             ? reinterpret_cast<const comm_v4_unaligned_double_t*>(nv_pair_value_raw(entry))
+             : nullptr;
+}
 
 #endif
