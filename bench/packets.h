@@ -1,0 +1,46 @@
+// The packets that the benchmarks build and read, and the same bytes without the library.
+#ifndef BENCH_PACKETS_H
+#define BENCH_PACKETS_H
+
+#include <tarn_utils_v4/comm.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+struct ReleasePacket {
+  void operator()(comm_socket_v4_packet* p) const { comm_socket_v4_packet_release(p); }
+};
+using Packet = std::unique_ptr<comm_socket_v4_packet, ReleasePacket>;
+
+constexpr std::size_t small_packet_size = 94;
+
+// A command, one argument and one pair: 94 bytes. Larger sizes are filled up with binary data.
+inline Packet build_packet(std::size_t size) {
+  static const std::string filler(262144, 'x');
+  Packet p(comm_socket_v4_packet_create());
+  p->make_request();
+  p->write_begin("ping", nullptr, size > small_packet_size ? size + 16384 : 0);
+  p->write_argv("a");
+  p->write_nv_pair("k", "v");
+  for (std::size_t left = size - small_packet_size; left > 0;) {
+    const std::size_t part = left < filler.size() ? left : filler.size();
+    p->write_data_binary(reinterpret_cast<const unsigned char*>(filler.data()), part);
+    left -= part;
+  }
+  p->write_end();
+  return p;
+}
+
+// What a server looks at; the sum keeps the compiler from leaving it out.
+inline std::uint64_t read_packet(const comm_socket_v4_packet* p) {
+  std::uint64_t sum = p->stream_id + static_cast<unsigned char>(p->command()[0]) +
+                      static_cast<unsigned char>(p->argv_text(0)[0]);
+  if (const comm_socket_v4_packet_nv_pair* pair = p->nv_entry(0))
+    sum += static_cast<unsigned char>(p->nv_pair_value_text(pair)[0]);
+  if (const unsigned char* data = p->data()) sum += data[p->data_length() - 1];
+  return sum;
+}
+
+#endif
