@@ -1,0 +1,91 @@
+// A server with clients in one process, packets that carry descriptors, and their limit.
+#ifndef COMM_TESTS_CONNECTIONS_H
+#define COMM_TESTS_CONNECTIONS_H
+
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <regex>
+
+#include "support.h"
+
+using Numbers = std::vector<unsigned long>;
+
+class ServerTest : public CommTest {
+ protected:
+  ServerTest() {
+    comm_socket_v4_debug_logging(&s);
+    open_server();
+  }
+
+  StderrCapture captured;
+  const Endpoint server = make_endpoint();
+  comm_socket_v4& s = *server;
+  std::vector<Endpoint> peers;
+
+  // Without clients.
+  void open_server() {
+    peers.clear();
+    EXPECT_EQ(0, comm_socket_v4_create_server(&s, abstract_name().c_str()));
+  }
+  // Connects one more client; its slot.
+  unsigned long join() {
+    auto [peer, index] = ::join(&s);
+    peers.push_back(std::move(peer));
+    return index;
+  }
+  void join(std::size_t until) {
+    while (peers.size() < until) join();
+  }
+  comm_socket_v4_client* accept() { return comm_socket_v4_accept_connection(&s); }
+  void release(unsigned long index) { comm_socket_v4_free_client(&s.client[index]); }
+  // What was printed since the last call, without the addresses of endpoints.
+  std::string log() {
+    static const std::regex prefix("comm_socket_v4 ([A-Z]+) \\[0x[0-9a-f]+\\]");
+    const std::string text = std::regex_replace(captured.text(), prefix, "$1");
+    captured.clear();
+    return text;
+  }
+};
+
+// "-1 EAGAIN", or the number.
+inline std::string answered(long answer) {
+  return answer >= 0 ? std::to_string(answer) : std::string("-1 ") + strerrorname_np(errno);
+}
+
+// "ping" with the descriptors of so many new files.
+inline Packet carrier(std::size_t files) {
+  Packet p = ping_packet();
+  for (; files > 0; --files) p->attached_fd.push_back(memfd_create("file", MFD_CLOEXEC));
+  return p;
+}
+// What is attached, by inodes; 0 where a slot is empty.
+inline Numbers files_of(const Packet& p) {
+  Numbers files;
+  struct stat file;
+  for (const int fd : p->attached_fd) files.push_back(fstat(fd, &file) == 0 ? file.st_ino : 0);
+  return files;
+}
+
+inline rlim_t lowest_free_descriptor() {
+  const int fd = dup(0);
+  close(fd);
+  return static_cast<rlim_t>(fd);
+}
+// The answer of `body` while descriptors have to stay below `limit`.
+template <class Body>
+auto with_descriptor_limit(rlim_t limit, Body&& body) {
+  rlimit before;
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit now = {limit, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &now);
+  const auto answer = body();
+  setrlimit(RLIMIT_NOFILE, &before);
+  return answer;
+}
+
+#endif

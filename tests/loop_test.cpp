@@ -1,0 +1,304 @@
+// The application's loop: idle, retrieval and waits, and conversations between processes.
+#include <fcntl.h>
+#include <signal.h>
+#include <time.h>
+
+#include <climits>
+
+#include "connections.h"
+#include "faults.h"
+
+namespace {
+
+// At the server and its first client.
+enum Wait { server_reads, client_reads, client_writes, server_writes };
+constexpr Wait kWaits[] = {server_reads, client_reads, client_writes, server_writes};
+
+class LoopTest : public ServerTest {
+ protected:
+  comm_socket_v4* client() { return peers[0].get(); }
+  int wait(Wait which, unsigned long deadline = ULONG_MAX) {
+    if (which == server_reads) return comm_socket_v4_server_from_client_readable(&s, deadline);
+    if (which == server_writes)
+      return comm_socket_v4_wait_for_server_to_client_writeable(&s.client[0], deadline);
+    return which == client_reads
+               ? comm_socket_v4_client_from_server_readable(client(), deadline)
+               : comm_socket_v4_wait_for_client_to_server_writeable(client(), deadline);
+  }
+  int send_from(std::size_t peer) {
+    return comm_socket_v4_packet_send_to_server(peers[peer].get(), ping_packet().get());
+  }
+  int send_to(unsigned long slot) {
+    return comm_socket_v4_packet_send_to_client(&s.client[slot], ping_packet().get());
+  }
+  void fill(Wait which) {
+    while ((which == client_writes ? send_from(0) : send_to(0)) > 0) {
+    }
+  }
+  // The slot that the next packet comes from.
+  unsigned long next_sender() {
+    comm_socket_v4_client* from = &s.client[0];
+    const Packet p(comm_socket_v4_server_get_packet(&s, &from));
+    EXPECT_EQ(p == nullptr, from == nullptr);
+    return comm_socket_v4_client_ptr2index(from);
+  }
+};
+
+// --- Idle and retrieval -------------------------------------------------------------------------
+
+TEST_F(LoopTest, AnIdlePassReadsFromHalfOfTheSlotsInRotation) {
+  const std::pair<std::size_t, Numbers> rows[] = {
+      {16, {0, 8, 0}}, {200, {0, 100}}, {5, {0, 3, 1, 4, 2, 0}}};
+  for (const auto& [slots, cursors] : rows) {
+    open_server();
+    s.client.resize(slots);
+    join(slots);
+    for (const unsigned long cursor : cursors) {
+      EXPECT_EQ(cursor, s.client_idlescan);
+      for (std::size_t i = 0; i < slots; ++i) send_from(i);
+      EXPECT_EQ(0, comm_socket_v4_idle(&s));
+      for (std::size_t i = 0; i < slots; ++i) {
+        const Packet p(std::exchange(s.client[i].next_packet, nullptr));
+        EXPECT_EQ((i + slots - cursor) % slots < (slots + 1) / 2, p != nullptr) << i;
+      }
+    }
+  }
+  s.flags.idle_enabled = client()->flags.idle_enabled = 0;
+  send_to(0);
+  EXPECT_EQ(0, comm_socket_v4_idle(&s) + comm_socket_v4_idle(client()));
+  EXPECT_TRUE(s.client_idlescan == 3 && client()->next_packet == nullptr);
+}
+
+TEST_F(LoopTest, NoClientStarvesTheOthersAndNoneIsOverlooked) {
+  join(200);
+  for (const std::size_t i : {150, 2, 1, 0, 0, 0}) send_from(i);
+  peers[170].reset();
+  for (const unsigned long i : {0, 1, 2, 150, 0, 0}) EXPECT_EQ(i, next_sender());
+  EXPECT_EQ(COMM_V4_NO_INDEX, next_sender());
+  EXPECT_EQ(&s.client[170], comm_socket_v4_get_disconnected_client(&s));
+  s.client_getpktscan = 999;
+  send_from(1);
+  EXPECT_NE(nullptr, Packet(comm_socket_v4_server_get_packet(&s, nullptr)));
+  EXPECT_EQ(2u, s.client_getpktscan);
+}
+
+TEST_F(LoopTest, AHaltedClientIsLeftAloneAndAPendingResponseHoldsPacketsBack) {
+  join();
+  comm_socket_v4_client& record = s.client[0];
+  send_from(0);
+  record.halt = 1;
+  EXPECT_EQ(COMM_V4_NO_INDEX, next_sender());
+  EXPECT_EQ(nullptr, record.next_packet);
+  record.halt = 0;
+  record.pending_response_packet = comm_socket_v4_packet_create();
+  EXPECT_EQ(COMM_V4_NO_INDEX, next_sender());
+  EXPECT_NE(nullptr, record.next_packet) << "is read all the same";
+  record.pending_response_packet = comm_socket_v4_packet_release(record.pending_response_packet);
+  record.halt = 1;
+  EXPECT_EQ(COMM_V4_NO_INDEX, next_sender());
+  record.halt = 0;
+  EXPECT_EQ(0u, next_sender());
+}
+
+TEST_F(LoopTest, IdleTellsWhatIsClosedAndHow) {
+  join();
+  comm_socket_v4_client stray = s.client[0];
+  stray.status.error = 1;
+  EXPECT_EQ("-1 EINVAL", answered(comm_socket_v4_client_idle(&stray)));
+  stray.status.disconnected = 1;
+  EXPECT_EQ("-1 ENOTCONN", answered(comm_socket_v4_client_idle(&stray)));
+  stray.client_fd = -1;
+  EXPECT_EQ("-1 EBADF", answered(comm_socket_v4_client_idle(&stray)));
+  release(0);
+  EXPECT_EQ(nullptr, comm_socket_v4_client_get_packet_from_server(client()));
+  EXPECT_EQ("-1 ENOTCONN", answered(comm_socket_v4_idle(client())));
+  EXPECT_EQ("-1 EBADF", answered(comm_socket_v4_idle_clientside(client())));
+  EXPECT_EQ("-1 ENOTCONN", answered(comm_socket_v4_idle(nullptr)));
+  EXPECT_EQ(nullptr, comm_socket_v4_client_get_packet_from_server(nullptr));
+  EXPECT_EQ("BUG: client_idle() while closed\nBUG: idle_clientside() while closed\n", log());
+}
+
+// --- Waits --------------------------------------------------------------------------------------
+
+TEST_F(LoopTest, AWaitOnWhatIsClosedOrOfTheWrongKindSaysNothing) {
+  join();
+  errno = 0;
+  EXPECT_EQ(-1, comm_socket_v4_client_from_server_readable(&s, ULONG_MAX));
+  comm_socket_v4_close(client());
+  s.client[0].status.disconnected = 1;
+  for (const Wait which : {client_reads, client_writes, server_writes}) EXPECT_EQ(-1, wait(which));
+  comm_socket_v4_close(&s);
+  EXPECT_EQ(-1, wait(server_reads));
+  peers[0].reset();
+  for (const Wait which : {client_reads, client_writes}) EXPECT_EQ(-1, wait(which));
+  EXPECT_EQ(-1, comm_socket_v4_server_from_client_readable(nullptr, ULONG_MAX));
+  EXPECT_EQ(-1, comm_socket_v4_wait_for_server_to_client_writeable(nullptr, ULONG_MAX));
+  EXPECT_EQ(0, errno);
+  EXPECT_EQ("", log());
+}
+
+TEST_F(LoopTest, TheDeadlineComesBeforeAWaitingPacketAtTheServerAndBehindItAtTheClient) {
+  join();
+  for (const Wait which : kWaits) EXPECT_EQ(0, wait(which, 0));
+  for (const Wait which : {server_reads, client_reads}) {
+    const unsigned long deadline = in_ms(20);
+    EXPECT_EQ(0, wait(which, deadline));
+    EXPECT_LE(deadline, in_ms(0));
+  }
+  EXPECT_EQ(188, send_from(0) + send_to(0));
+  for (const Wait which : kWaits) {
+    EXPECT_EQ(which == client_reads, wait(which, 0));
+    EXPECT_EQ(1, wait(which));
+  }
+  EXPECT_EQ(0u, next_sender());
+  Endpoint late = make_endpoint();
+  EXPECT_EQ(0, comm_socket_v4_connect_to(late.get(), s.socket_path.c_str()));
+  EXPECT_EQ(1, wait(server_reads));
+  EXPECT_EQ(-1, s.client[1].client_fd) << "no wait accepts";
+  EXPECT_EQ(&s.client[1], accept());
+}
+
+TEST_F(LoopTest, ASignalEndsAWaitAndAnotherFailureOfSelectIsReported) {
+  join();
+  signal(SIGUSR1, [](int) {});
+  timer_t timer;
+  sigevent event = {};
+  event.sigev_signo = SIGUSR1;
+  event.sigev_notify = SIGEV_SIGNAL;
+  ASSERT_EQ(0, timer_create(CLOCK_MONOTONIC, &event, &timer));
+  const itimerspec often = {{0, 5000000}, {0, 5000000}}, never = {};
+  for (const Wait which : kWaits) {
+    EXPECT_EQ(-1, failing(Call::select, ENOMEM, [&] { return wait(which); }));
+    if (which >= client_writes) fill(which);
+    timer_settime(timer, 0, &often, nullptr);
+    EXPECT_TRUE(wait(which) == 0 && errno == EINTR);
+    timer_settime(timer, 0, &never, nullptr);
+  }
+  timer_delete(timer);
+  EXPECT_EQ(R"(ERROR: server_from_client_readable() select() error Cannot allocate memory
+
+ERROR: client_from_server_readable() select() error Cannot allocate memory
+
+ERROR: wait_for_client_to_server_writeable() select() error Cannot allocate memory
+
+ERROR: wait_for_server_to_client_writeable() select() error Cannot allocate memory
+
+)",
+            log());
+}
+
+TEST_F(LoopTest, AnIdleThatFailsOrClosesEndsTheWait) {
+  for (const Wait which : {client_reads, client_writes}) {
+    open_server();
+    join(2);
+    release(0);
+    EXPECT_EQ("-1 ENOTCONN", answered(wait(which)));
+    peers[0].swap(peers[1]);
+    client()->set_recv_cb([](comm_socket_v4* c, auto*) { return comm_socket_v4_close(c); });
+    send_to(1);
+    EXPECT_EQ(-1, wait(which));
+  }
+  EXPECT_EQ(
+      R"(BUG: wait_for_client_to_server_readable() idle() did not signal error but socket was closed----known to cause a crash
+
+BUG: wait_for_client_to_server_writeable() idle() did not signal error but socket was closed----known to cause a crash
+
+)",
+      log());
+}
+
+TEST_F(LoopTest, DescriptorsFrom1024OnWorkAndLowerOnesNeedNoMemory) {
+  join();
+  s.flags.idle_enabled = client()->flags.idle_enabled = 0;
+  std::string ready;
+  const auto wait_for_all = [&] {
+    ready.clear();
+    for (const Wait which : kWaits) ready += wait(which, in_ms(2)) == 1 ? '1' : '0';
+  };
+  Faults counted;
+  counted.during(wait_for_all);
+  EXPECT_EQ("0011", ready);
+  EXPECT_EQ(0u, counted.count(Call::malloc) + counted.count(Call::operator_new));
+  with_descriptor_limit(4000, [&] {
+    int number = 1100;
+    for (int* const fd : {&client()->socket_fd, &s.client[0].client_fd, &s.socket_fd}) {
+      close(std::exchange(*fd, fcntl(*fd, F_DUPFD_CLOEXEC, number += 900)));
+      EXPECT_EQ(number, *fd);
+    }
+    return 0;
+  });
+  wait_for_all();
+  EXPECT_EQ("0011", ready);
+  for (const Wait which : kWaits)
+    EXPECT_EQ(-1, failing(Call::malloc, EIO, [&] { return wait(which, in_ms(2)); }));
+  fill(server_writes);
+  wait_for_all();
+  EXPECT_EQ("0110", ready);
+  fill(client_writes);
+  wait_for_all();
+  EXPECT_EQ("1100", ready);
+}
+
+// --- Between processes --------------------------------------------------------------------------
+
+TEST_F(LoopTest, ThreeProcessesAreServedByOne) {
+  const auto converse = [this](std::uint64_t number) {
+    const Endpoint c = make_endpoint();
+    EXPECT_EQ(0, comm_socket_v4_connect_to(c.get(), s.socket_path.c_str()));
+    for (std::uint64_t id = number; id < number + 20; ++id) {
+      const Packet request = carrier(1);
+      const Numbers file = files_of(request);
+      const std::string text = std::to_string(id);
+      EXPECT_LT(0, write(request->attached_fd[0], text.data(), text.size()));
+      EXPECT_LT(0, comm_socket_v4_packet_send_to_server(c.get(), request.get()));
+      EXPECT_EQ(1, comm_socket_v4_client_from_server_readable(c.get(), in_ms(5000)));
+      const Packet response(comm_socket_v4_client_get_packet_from_server(c.get()));
+      ASSERT_NE(nullptr, response);
+      EXPECT_EQ(text, response->argv_text(0));
+      EXPECT_EQ(file, files_of(response));
+    }
+  };
+  Peer one([&] { converse(100); }), two([&] { converse(200); }), three([&] { converse(300); });
+  for (int left = 3; left > 0;) {
+    ASSERT_EQ(1, comm_socket_v4_server_from_client_readable(&s, in_ms(5000)));
+    while (accept()) {
+    }
+    comm_socket_v4_client* from;
+    while (const Packet request{comm_socket_v4_server_get_packet(&s, &from)}) {
+      char text[16] = {};
+      EXPECT_EQ(3, pread(request->attached_fd[0], text, sizeof text, 0));
+      const Packet response = begin_request();
+      EXPECT_EQ(0, response->write_argv(text) + response->write_end());
+      response->attached_fd.swap(request->attached_fd);
+      EXPECT_LT(0, comm_socket_v4_packet_send_to_client(from, response.get()));
+    }
+    for (; comm_socket_v4_client* const gone = comm_socket_v4_get_disconnected_client(&s); --left)
+      comm_socket_v4_free_client(gone);
+  }
+}
+
+TEST_F(LoopTest, AParentTalksToItsChildOverASocketPair) {
+  const Endpoint parent = make_endpoint();
+  EXPECT_EQ(0, comm_socket_v4_connect_new_socketpair(parent.get()));
+  const int fd = comm_socket_v4_socketpair_get_remote_end(parent.get());
+  Peer child([fd] {
+    const Endpoint c = make_endpoint();
+    EXPECT_EQ(0, comm_socket_v4_connect_use_socketpair(c.get(), fd));
+    EXPECT_EQ(1, comm_socket_v4_client_from_server_readable(c.get(), in_ms(5000)));
+    const Packet p(comm_socket_v4_client_get_packet_from_server(c.get()));
+    EXPECT_EQ(94, comm_socket_v4_packet_send_to_server(c.get(), p.get()));
+  });
+  close(fd);
+  const Packet sent = carrier(2);
+  const Numbers files = files_of(sent);
+  EXPECT_EQ(94, comm_socket_v4_packet_send_to_server(parent.get(), sent.get()));
+  EXPECT_EQ(1, comm_socket_v4_client_from_server_readable(parent.get(), in_ms(5000)));
+  const Packet echo(comm_socket_v4_client_get_packet_from_server(parent.get()));
+  EXPECT_EQ(bytes_of(sent.get()), bytes_of(echo.get()));
+  EXPECT_EQ(files, files_of(echo));
+  EXPECT_EQ(0, child.wait());
+  EXPECT_EQ("-1 ENOTCONN",
+            answered(comm_socket_v4_client_from_server_readable(parent.get(), ULONG_MAX)));
+}
+
+}  // namespace
