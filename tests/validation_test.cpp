@@ -7,23 +7,10 @@ namespace {
 
 using ValidationTest = CommTest;
 
-// A packet with all parts. Its data, the last 16 bytes, can be taken for four arguments or a pair.
-constexpr std::uint32_t L = 170, kArgv = 106, kPairs = 122, kMax = UINT32_MAX;
+// Every part a packet can have, and 16 bytes behind it that can be taken for 4 arguments or a pair.
+constexpr std::uint32_t L = 378, kArgv = 224, kPairs = 240, kMax = UINT32_MAX;
 std::string good_bytes() {
-  const auto* const data =
-      reinterpret_cast<const unsigned char*>("\1\0\0\0\1\0\0\0\1\0\0\0\1\0\0\0");
-  const Packet p = make_packet();
-  EXPECT_EQ(0, p->write_begin("cmd", "err", 0));
-  EXPECT_EQ(0, p->write_argv("t"));
-  EXPECT_EQ(0, p->write_argv_uint64(1));
-  EXPECT_EQ(0, p->write_argv_int64(-1));
-  EXPECT_EQ(0, p->write_argv_double(0.5));
-  EXPECT_EQ(0, p->write_nv_pair("n", "v"));
-  EXPECT_EQ(0, p->write_nv_pair_binary("b", data, 3));
-  EXPECT_EQ(16, p->write_data_binary(data, 16));
-  EXPECT_EQ(0, p->write_end());
-  EXPECT_EQ(L, p->buffer_length);
-  return bytes_of(p.get());
+  return bytes_of(rich_packet().get()) + std::string("\1\0\0\0\1\0\0\0\1\0\0\0\1\0\0\0", 16);
 }
 
 using Header = comm_socket_v4_packet_header;
@@ -90,7 +77,7 @@ const struct Row {
     {kAccepted, [](Form& f) { f.h.command_offset = 1; }},
     {kAccepted, [](Form& f) { f.h.command_offset = L - 1; }},
     {"command string out of bounds or missing (0)", [](Form& f) { f.h.command_offset = 0; }},
-    {"command string out of bounds or missing (170)", [](Form& f) { f.h.command_offset = L; }},
+    {"command string out of bounds or missing (378)", [](Form& f) { f.h.command_offset = L; }},
     {"binary data: offset != 0 length == 0", [](Form& f) { f.data(L, 0); }},
     {"binary data: offset+length > buffer_length", [](Form& f) { f.data(L, 1); }},
     {"binary data: offset+length > buffer_length", [](Form& f) { f.data(1, kMax); }},
@@ -103,46 +90,28 @@ const struct Row {
     {"argv[0] unsupported type 255", [](Form& f) { f.set_argument(0, 255, 1); }},
     {kAccepted, [](Form& f) { f.set_argument(0, 0, L - 1); }},
     {kAccepted, [](Form& f) { f.set_argument(0, 0, 0); }},
-    {"argv[0] out of bounds (170)", [](Form& f) { f.set_argument(0, 0, L); }},
+    {"argv[0] out of bounds (378)", [](Form& f) { f.set_argument(0, 0, L); }},
     {"argv[0] out of bounds (16777215)", [](Form& f) { f.set_argument(0, 2, 0xFFFFFF); }},
     {"argv[1] unsupported type 4", [](Form& f) { f.set_argument(1, 4, 1); }},
     {kAccepted, [](Form& f) { f.set_argument(1, 2, L - 8); }},
-    {"argv[1] out of bounds (163)", [](Form& f) { f.set_argument(1, 2, L - 7); }},
+    {"argv[1] out of bounds (371)", [](Form& f) { f.set_argument(1, 2, L - 7); }},
     {kAccepted, [](Form& f) { f.set_argument(2, 3, L - 8); }},
-    {"argv[2] out of bounds (163)", [](Form& f) { f.set_argument(2, 3, L - 7); }},
+    {"argv[2] out of bounds (371)", [](Form& f) { f.set_argument(2, 3, L - 7); }},
     {kAccepted, [](Form& f) { f.set_argument(3, 5, L - 8); }},
-    {"argv[3] out of bounds (163)", [](Form& f) { f.set_argument(3, 5, L - 7); }},
+    {"argv[3] out of bounds (371)", [](Form& f) { f.set_argument(3, 5, L - 7); }},
     {kAccepted, [](Form& f) { f.set_pair(0, L - 1, L - 1, 0); }},
     {kAccepted, [](Form& f) { f.set_pair(0, 1, L - 1, 1); }},
     {kAccepted, [](Form& f) { f.set_pair(0, 1, 1, L - 1, kMax); }},
     {kAccepted, [](Form& f) { f.set_pair(0, 1, 1, 7, comm_v4_type_double); }},
     {"nv_pair[0] name missing or out of bounds (0)", [](Form& f) { f.set_pair(0, 0, 0, kMax); }},
-    {"nv_pair[0] name missing or out of bounds (170)", [](Form& f) { f.set_pair(0, L, 0, kMax); }},
+    {"nv_pair[0] name missing or out of bounds (378)", [](Form& f) { f.set_pair(0, L, 0, kMax); }},
     {"nv_pair[0] value missing or out of bounds (0)", [](Form& f) { f.set_pair(0, 1, 0, kMax); }},
-    {"nv_pair[0] value missing or out of bounds (170)", [](Form& f) { f.set_pair(0, 1, L, 0); }},
+    {"nv_pair[0] value missing or out of bounds (378)", [](Form& f) { f.set_pair(0, 1, L, 0); }},
     {"nv_pair[0] value+length > buffer_length", [](Form& f) { f.set_pair(0, 1, L - 1, 2); }},
     {"nv_pair[0] value+length > buffer_length", [](Form& f) { f.set_pair(0, 1, 1, L); }},
     {"nv_pair[0] value+length > buffer_length", [](Form& f) { f.set_pair(0, 1, 1, kMax); }},
-    {"nv_pair[1] name missing or out of bounds (170)", [](Form& f) { f.set_pair(1, L, 1, 1); }},
+    {"nv_pair[1] name missing or out of bounds (378)", [](Form& f) { f.set_pair(1, L, 1, 1); }},
 };
-
-// Reads the ends of all that an accepted packet offers, under the eyes of the address sanitizer.
-std::size_t read_all(const Packet& p) {
-  const auto last = [](const unsigned char* data, std::size_t n) {
-    return n != 0 ? data[n - 1] : 0u;
-  };
-  std::size_t sum = std::strlen(p->command()) + std::strlen(p->error_string()) +
-                    last(p->data(), p->data_length());
-  for (std::size_t i = 0; i < p->argc(); ++i)
-    sum += std::strlen(p->argv_text(i)) + p->argv_uint64(i) + (p->argv_int64(i) > 0) +
-           (p->argv_double(i) > 0);
-  for (std::size_t i = 0; i < p->nv_entries(); ++i) {
-    const auto* pair = p->nv_entry(i);
-    sum += std::strlen(p->nv_pair_name(pair)) + std::strlen(p->nv_pair_value_text(pair)) +
-           last(p->nv_pair_value_raw(pair), pair->length());
-  }
-  return sum;
-}
 
 // Validates bytes; `line` is what is printed then, null when they are to be accepted.
 void expect_verdict(const std::string& bytes, const char* line, StderrCapture& captured) {
@@ -159,9 +128,6 @@ void expect_verdict(const std::string& bytes, const char* line, StderrCapture& c
   EXPECT_EQ(expected, captured.lines(endpoint.get()));
   EXPECT_EQ(expected, captured.lines());
   EXPECT_EQ(bytes, bytes_of(p.get()));
-  if (line == kAccepted && verdict.first == 0) {
-    EXPECT_GT(read_all(p), 0u);
-  }
 }
 
 TEST_F(ValidationTest, AcceptsTheLastByteThatFitsAndNamesTheRuleThatTheNextOneBreaks) {
