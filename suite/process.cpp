@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -101,11 +102,9 @@ bool serves(const std::string& process, const std::vector<BoundSocket>& sockets,
   return false;
 }
 
-}  // namespace
-
-int get_socket_server_pid(const char* path, unsigned int) {
+// The first process that serves the file; 0 when none is seen to.
+int find_server(const char* path) {
   struct stat file;
-  if (ask(path) == Answer::nobody) return -1;
   if (::lstat(path, &file) != 0) return 0;
   const std::vector<BoundSocket> sockets = bound_sockets();
   for (const std::string& name : entries_of("/proc")) {
@@ -113,4 +112,15 @@ int get_socket_server_pid(const char* path, unsigned int) {
     if (pid > 0 && serves("/proc/" + name, sockets, file)) return pid;
   }
   return 0;
+}
+
+}  // namespace
+
+int get_socket_server_pid(const char* path, unsigned int) {
+  if (ask(path) == Answer::nobody) return -1;
+  try {
+    return find_server(path);
+  } catch (const std::bad_alloc&) {
+    return 0;
+  }
 }
