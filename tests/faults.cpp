@@ -1,6 +1,7 @@
 #include "faults.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -58,8 +59,9 @@ Faults& Faults::fail(Call call, int error, unsigned nth, unsigned times) {
   return *this;
 }
 
-Faults& Faults::fail_any(unsigned kth) {
+Faults& Faults::fail_any(unsigned kth, int (*error_of)(Call)) {
   any_left_ = kth;
+  any_error_ = error_of;
   return *this;
 }
 
@@ -71,11 +73,23 @@ Faults& Faults::replace(Call call, Hook hook) {
 int Faults::next(Call call) {
   Plan& plan = at(call);
   ++plan.count;
-  const bool any = any_left_ != 0 && --any_left_ == 0;
+  const int error =
+      any_error_ != nullptr ? any_error_(call) : kKinds[static_cast<std::size_t>(call)].error;
+  const bool any = any_left_ != 0 && error != 0 && --any_left_ == 0;
   const bool planned = plan.count >= plan.from && plan.count < plan.until;
   if (!any && !planned) return 0;
   ++fired_;
-  return planned ? plan.error : kKinds[static_cast<std::size_t>(call)].error;
+  failed_ = call;
+  return error_ = planned ? plan.error : error;
+}
+
+std::string Faults::calls() const {
+  std::string list;
+  for (std::size_t i = 0; i < plans_.size(); ++i)
+    if (plans_[i].count != 0)
+      list += (list.empty() ? "" : ", ") + std::string(kKinds[i].name) + " " +
+              std::to_string(plans_[i].count);
+  return list;
 }
 
 Faults::~Faults() {
@@ -111,6 +125,7 @@ WRAP_CALL(ssize_t, recv, data, (int fd, void* data, std::size_t n, int flags), (
 WRAP_CALL(int, ioctl, argument, (int fd, unsigned long request, void* argument),
           (fd, request, argument))
 WRAP_CALL(int, select, r, (int n, fd_set* r, fd_set* w, fd_set* e, timeval* t), (n, r, w, e, t))
+WRAP_CALL(int, poll, fds, (struct pollfd * fds, nfds_t n, int timeout), (fds, n, timeout))
 WRAP_CALL(int, fcntl, nullptr, (int fd, int command, long argument), (fd, command, argument))
 WRAP_CALL(int, dup, nullptr, (int fd), (fd))
 WRAP_CALL(int, close, nullptr, (int fd), (fd))

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <functional>
+#include <string>
 
 // Each kind with the errno that fail_any gives it. malloc stands for realloc too, operator_new for
 // its form that does not throw.
@@ -23,7 +24,8 @@
   CALL(socket, EMFILE) CALL(socketpair, EMFILE) CALL(bind, EACCES) CALL(listen, EOPNOTSUPP)  \
   CALL(accept4, EMFILE) CALL(connect, ENOMEM) CALL(getsockopt, ENOBUFS)                      \
   CALL(sendmsg, ENOBUFS) CALL(recvmsg, ENOBUFS) CALL(recv, ENOBUFS)                          \
-  CALL(ioctl, EIO) CALL(select, ENOMEM) CALL(fcntl, EIO) CALL(dup, EMFILE) CALL(close, EIO)  \
+  CALL(ioctl, EIO) CALL(select, ENOMEM) CALL(poll, ENOMEM)                                   \
+  CALL(fcntl, EIO) CALL(dup, EMFILE) CALL(close, EIO)                                        \
   CALL(lstat, EACCES) CALL(fstat, EIO) CALL(readlink, EACCES) CALL(unlink, EACCES)           \
   CALL(chmod, EPERM) CALL(usleep, EINTR)                                                     \
   CALL(malloc, ENOMEM) CALL(vasprintf, ENOMEM) CALL(operator_new, ENOMEM)
@@ -50,8 +52,9 @@ class Faults {
   // The nth call of this kind from now on, and the `times` - 1 behind it, fail. A close that fails
   // has closed, as in the kernel.
   Faults& fail(Call call, int error, unsigned nth = 1, unsigned times = 1);
-  // The kth call of any kind fails. For loops that end when fired() is 0.
-  Faults& fail_any(unsigned kth);
+  // The kth call of any kind fails. For loops that end when fired() is 0. `error_of` chooses the
+  // errno of each kind and leaves out those that it gives 0.
+  Faults& fail_any(unsigned kth, int (*error_of)(Call) = nullptr);
   Faults& replace(Call call, Hook hook);
 
   template <class Body>
@@ -61,7 +64,12 @@ class Faults {
   }
 
   unsigned count(Call call) const { return at(call).count; }
+  // "ioctl 1, malloc 2": every kind that was called, in the order of the table above.
+  std::string calls() const;
   unsigned fired() const { return fired_; }
+  // What failed last, and with what.
+  Call failed() const { return failed_; }
+  int error() const { return error_; }
 
   // For the wrappers: the errno with which this call has to fail, or 0.
   int next(Call call);
@@ -88,7 +96,10 @@ class Faults {
   const Plan& at(Call call) const { return plans_[static_cast<std::size_t>(call)]; }
 
   std::array<Plan, static_cast<std::size_t>(Call::kinds)> plans_;
+  int (*any_error_)(Call) = nullptr;
   unsigned any_left_ = 0, fired_ = 0;
+  Call failed_ = Call::kinds;
+  int error_ = 0;
 };
 
 // The answer of `body` when its nth call of this kind fails.
