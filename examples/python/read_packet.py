@@ -20,9 +20,9 @@ class Packet:
         if len(packet) < 64:
             raise Refused("too short")
         self.packet = packet
-        (self.sighdr, _, self.stream_id, self.message_id, self.error_code, self.flags, self.error_at,
-         self.command_at, self.argc, self.argv_at, self.pair_count, self.pairs_at, self.data_at,
-         self.data_length) = HEADER.unpack_from(packet)
+        (self.sighdr, _, self.stream_id, self.message_id, self.error_code, self.flags,
+         self.error_at, self.command_at, self.argc, self.argv_at, self.pair_count, self.pairs_at,
+         self.data_at, self.data_length) = HEADER.unpack_from(packet)
         self.check_header()
         self.entries = struct.unpack_from(f"<{self.argc}I", packet, self.argv_at)
         self.pair_entries = [struct.unpack_from("<IIII", packet, self.pairs_at + 16 * i)
