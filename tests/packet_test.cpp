@@ -454,7 +454,7 @@ TEST_F(PacketTest, LeavesOutAValueForWhichThereIsNoMemory) {
   EXPECT_EQ(0, no_growth([&] { return p->write_argv(big); }));
   EXPECT_EQ(0, no_growth([&] { return p->write_nv_pair("n", big); }));
   EXPECT_EQ(0, no_growth([&] { return p->write_nv_pair(big, "v"); }));
-  EXPECT_EQ(before + 4, p->buffer_write) << "n and v and their terminators";
+  EXPECT_EQ(before + 4, p->buffer_length) << "n and v and their terminators";
   EXPECT_EQ(0, failing(Call::vasprintf, ENOMEM, [&] { return p->write_nv_pairf("m", "%d", 1); }));
   EXPECT_EQ(0, p->write_end());
   EXPECT_STREQ("", p->error_string());
@@ -480,6 +480,7 @@ TEST_F(PacketTest, GoesOnWhereMemoryRanOut) {
   EXPECT_STREQ("Header", p->write_state_to_str());
   EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, add_data, 2));
   EXPECT_EQ(9000, add_data());
+  EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, add_data));
   EXPECT_EQ(0, end());
   ASSERT_TRUE(p->argc() == 200 && p->nv_entries() == 1 && p->data_length() == 9000);
   EXPECT_EQ(5u, p->argv_uint64(199));
