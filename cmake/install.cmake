@@ -1,11 +1,14 @@
 # What `cmake --install` lays down: the header, both libraries, a CMake package that gives
-# tarn_utils_v4::comm (shared) and tarn_utils_v4::comm_static, and a pkg-config file. All of it may
-# be moved to another prefix afterwards.
+# tarn_utils_v4::comm (shared) and tarn_utils_v4::comm_static, a pkg-config file, and the documents.
+# All of it may be moved to another prefix afterwards. Programs need the component `runtime` to run,
+# and `development` to be built.
 include(CMakePackageConfigHelpers)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME})
 install(TARGETS tarn_utils_v4_comm tarn_utils_v4_comm_static
   EXPORT ${PROJECT_NAME}
+  LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
   FILE_SET HEADERS)
 install(EXPORT ${PROJECT_NAME}
   NAMESPACE tarn_utils_v4::
@@ -24,3 +27,6 @@ list(JOIN private_libs " " private_libs)
 configure_file(cmake/libtarn_utils_v4_comm.pc.in libtarn_utils_v4_comm.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libtarn_utils_v4_comm.pc
   DESTINATION ${pkgconfig_dir})
+
+install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES docs/guide.md docs/wire-format.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs)
