@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <tuple>
 
 #include "lib/errno_guard.h"
 
@@ -46,6 +47,7 @@ comm_socket_v4_packet::~comm_socket_v4_packet() {
 int comm_socket_v4_packet::addref() { return ++refcount; }
 
 int comm_socket_v4_packet::release() {
+  ErrnoGuard keep_errno;
   const std::int32_t count = --refcount;
   if (count > 0 || count < -1) return count;
   if (count == -1) std::fputs("comm socket v4 packet error: result released below zero!\n", stderr);
@@ -168,7 +170,25 @@ void comm_socket_v4_packet_make_response(comm_socket_v4_packet* p) { p->make_res
 void comm_socket_v4_packet_set_request(comm_socket_v4_packet* p, int v) { p->set_request(v > 0); }
 void comm_socket_v4_packet_set_async(comm_socket_v4_packet* p, int v) { p->set_async(v > 0); }
 
-// --- Readers, which the header defines, as functions --------------------------------------------
+// --- Readers ------------------------------------------------------------------------------------
+
+namespace {
+
+// The header defines the readers inline. Their addresses make the shared library export them as
+// well, whatever the compiler makes of the calls.
+using Packet = comm_socket_v4_packet;
+template <class Result>
+using ArgvReader = Result (Packet::*)(const comm_socket_v4_packet_argv*) const;
+
+[[gnu::used]] const auto exported_readers = std::make_tuple(
+    &Packet::command, &Packet::error_string, &Packet::data, &Packet::data_length, &Packet::argc,
+    &Packet::nv_entries, &Packet::argv, ArgvReader<const char*>(&Packet::argv_text),
+    ArgvReader<std::uint64_t>(&Packet::argv_uint64), ArgvReader<std::int64_t>(&Packet::argv_int64),
+    ArgvReader<double>(&Packet::argv_double), &Packet::nv_entry, &Packet::nv_pair_name,
+    &Packet::nv_pair_value_raw, &Packet::nv_pair_value_binary, &Packet::nv_pair_value_text,
+    &Packet::nv_pair_value_uint64, &Packet::nv_pair_value_int64, &Packet::nv_pair_value_double);
+
+}  // namespace
 
 std::size_t comm_socket_v4_packet_get_argc(const comm_socket_v4_packet* p) { return p->argc(); }
 std::size_t comm_socket_v4_packet_nv_entries(const comm_socket_v4_packet* p) {

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "lib/errno_guard.h"
 #include "lib/fatal_assert.h"
 #include "lib/packet_layout.h"
 
@@ -39,10 +40,6 @@ constexpr std::size_t copy_spare = 16;    // a copy that leaves no more than thi
 constexpr std::size_t table_spare = 64;   // likewise for a table
 constexpr std::size_t data_spare = 8192;  // likewise for data
 
-void check_write_position(const comm_socket_v4_packet& p, const char* function) {
-  fatal_assert(p.buffer_write <= p.buffer_alloc, "buffer_write <= buffer_alloc", source, function);
-}
-
 // Whether `length` more bytes keep every offset and length of the packet within 32 bits. Written
 // so that no sum can wrap.
 bool fits_packet(const comm_socket_v4_packet& p, std::size_t length) {
@@ -58,9 +55,15 @@ bool is_terminated(std::uint32_t type) {
   return type == comm_v4_type_text || type == comm_v4_type_json;
 }
 
+// Only write_begin sets errno, so a buffer that cannot grow leaves it alone.
+bool make_room(comm_socket_v4_packet& p, std::size_t size) {
+  ErrnoGuard keep_errno;
+  return p.resize_buffer(size) == 0;
+}
+
 // Copies bytes, and a NUL that counts if wished, to the write position. There is room for them and
 // for the NUL behind them, which lets a packet be dumped while it is being written.
-void append(comm_socket_v4_packet& p, const void* bytes, std::size_t length,
+void append(comm_socket_v4_packet& p, const void* bytes, std::size_t length, const char* function,
             bool terminate = false) {
   unsigned char* const at = p.buffer + p.buffer_write;
   if (length != 0) std::memcpy(at, bytes, length);
@@ -69,6 +72,7 @@ void append(comm_socket_v4_packet& p, const void* bytes, std::size_t length,
   at[size] = 0;
   p.buffer_write += size;
   p.buffer_length = p.buffer_write;
+  fatal_assert(p.buffer_write <= p.buffer_alloc, "buffer_write <= buffer_alloc", source, function);
 }
 
 // Adds a zero-filled entry. When memory runs out nothing has changed.
@@ -78,21 +82,19 @@ Entry* add_entry(std::vector<Entry>& pending, std::size_t usual_entries) {
   return &pending.emplace_back();
 }
 
-// Appends pending entries as a table and empties the array; *offset is where the table starts, 0
-// without one. More entries than `most` go nowhere: the packet is then sent without that table.
+// Appends pending entries as a table; *offset is where it starts, 0 without one. More entries than
+// `most` go nowhere: the packet is then sent without that table.
 template <class Entry>
-int append_table(comm_socket_v4_packet& p, std::vector<Entry>& pending, std::size_t most,
+int append_table(comm_socket_v4_packet& p, const std::vector<Entry>& pending, std::size_t most,
                  const char* function, comm_v4_offset_t* offset) {
   *offset = 0;
   if (pending.empty() || pending.size() > most) return 0;
   const std::size_t size = pending.size() * sizeof(Entry);
   if (p.buffer == nullptr || !fits_packet(p, size)) return -1;
   const std::size_t needed = p.buffer_write + size + table_spare;
-  if (needed > p.buffer_alloc && p.resize_buffer(needed) != 0) return -1;
-
+  if (needed > p.buffer_alloc && !make_room(p, needed)) return -1;
   *offset = static_cast<comm_v4_offset_t>(p.buffer_write);
-  append(p, pending.data(), size);
-  check_write_position(p, function);
+  append(p, pending.data(), size, function);
   return 0;
 }
 
@@ -139,10 +141,9 @@ comm_v4_offset_t comm_socket_v4_packet::int_copy_data(const unsigned char* data,
                                                       bool terminate) {
   // The callers refuse what a packet cannot hold, so no sum here wraps.
   const std::size_t start = buffer_write;
-  if (start + length + copy_spare >= buffer_alloc && resize_buffer(start + length + growth) != 0)
+  if (start + length + copy_spare >= buffer_alloc && !make_room(*this, start + length + growth))
     return 0;
-  append(*this, data, length, terminate);
-  check_write_position(*this, __func__);
+  append(*this, data, length, __func__, terminate);
   return static_cast<comm_v4_offset_t>(start);
 }
 
@@ -198,6 +199,7 @@ int comm_socket_v4_packet::write_argv_double(double value) {
 
 int comm_socket_v4_packet::vwrite_argvf(const char* format, va_list args) {
   if (write_state != write_state_header) return -1;
+  ErrnoGuard keep_errno;
   char text[max_formatted_argv + 1];
   const int length = std::vsnprintf(text, sizeof(text), format, args);
   if (length < 0 || static_cast<std::size_t>(length) > max_formatted_argv) return -1;
@@ -232,6 +234,8 @@ int comm_socket_v4_packet::write_nv_pair_raw(const char* name, const unsigned ch
   entry->name_offset =
       int_copy_data(reinterpret_cast<const unsigned char*>(name), name_length, true);
   entry->value_offset = int_copy_data(value, length, terminated);
+  // A value that found no memory is absent, and so has no length.
+  if (entry->value_offset == 0) entry->value_length = 0;
   return 0;
 }
 
@@ -278,6 +282,7 @@ int comm_socket_v4_packet::write_nv_pair(const char* name, const char* text) {
 
 int comm_socket_v4_packet::vwrite_nv_pairf(const char* name, const char* format, va_list args) {
   if (name == nullptr || write_state != write_state_header) return -1;
+  ErrnoGuard keep_errno;
   struct Formatted {
     char* text = nullptr;
     ~Formatted() { std::free(text); }
@@ -304,7 +309,6 @@ int comm_socket_v4_packet::write_int_append_argv_table() {
   if (offset == 0) return 0;
   header(buffer)->argv_offset = offset;
   header(buffer)->argv_count = static_cast<std::uint8_t>(wr_argv.size());
-  wr_argv.clear();
   return 0;
 }
 
@@ -315,6 +319,22 @@ int comm_socket_v4_packet::write_int_append_nv_pair_table() {
   if (offset == 0) return 0;
   header(buffer)->nv_pair_table_offset = offset;
   header(buffer)->nv_pair_table_count = static_cast<std::uint16_t>(wr_nv_pair.size());
+  return 0;
+}
+
+// Both or none: entries that could be added between a first and a second try need one table.
+int comm_socket_v4_packet::write_int_append_tables() {
+  const std::size_t start = buffer_write;
+  if (write_int_append_argv_table() != 0) return -1;
+  if (write_int_append_nv_pair_table() != 0) {
+    if (buffer_write == start) return -1;
+    header(buffer)->argv_offset = 0;
+    header(buffer)->argv_count = 0;
+    buffer_write = buffer_length = start;
+    buffer[start] = 0;
+    return -1;
+  }
+  wr_argv.clear();
   wr_nv_pair.clear();
   return 0;
 }
@@ -323,17 +343,17 @@ int comm_socket_v4_packet::write_data_binary(const unsigned char* data, std::siz
   if (length == 0) return 0;
   if (data == nullptr || length > max_data_per_call) return -1;
   if (write_state == write_state_header) {
-    if (write_int_append_argv_table() != 0 || write_int_append_nv_pair_table() != 0) return -1;
+    if (write_int_append_tables() != 0) return -1;
     write_state = write_state_data;
   }
   if (write_state != write_state_data) return -1;
 
   if (buffer == nullptr || !fits_packet(*this, length)) return -1;
   const std::size_t needed = buffer_write + length + data_spare;
-  if (needed > buffer_alloc && resize_buffer(needed) != 0) return -1;
+  if (needed > buffer_alloc && !make_room(*this, needed)) return -1;
   if (header(buffer)->data_offset == 0)
     header(buffer)->data_offset = static_cast<comm_v4_offset_t>(buffer_write);
-  append(*this, data, length);
+  append(*this, data, length, __func__);
   header(buffer)->data_length =
       static_cast<std::uint32_t>(buffer_write) - header(buffer)->data_offset;
   return static_cast<int>(length);
@@ -342,7 +362,7 @@ int comm_socket_v4_packet::write_data_binary(const unsigned char* data, std::siz
 int comm_socket_v4_packet::write_end() {
   if (write_state == write_state_none) return -1;
   if (write_state != write_state_header && write_state != write_state_data) return 0;
-  if (write_int_append_argv_table() != 0 || write_int_append_nv_pair_table() != 0) return -1;
+  if (write_int_append_tables() != 0) return -1;
   buffer_length = buffer_write;
   write_state = write_state_end;
   if (complete_cb != nullptr) complete_cb(this);

@@ -254,6 +254,7 @@ void comm_socket_v4_client_disconnect_list_clear(comm_socket_v4* c) { c->disconn
 
 comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* c) {
   if (c == nullptr) {
+    ErrnoGuard keep_errno;
     std::fputs("WARNING: get_disconnected_client() with nullptr object\n", stderr);
     return nullptr;
   }

@@ -451,6 +451,10 @@ TEST_F(PacketTest, LeavesOutAValueForWhichThereIsNoMemory) {
   EXPECT_FALSE(p->argv(0)->is_present());
   EXPECT_STREQ("", p->argv_text(0));
   EXPECT_EQ(0u, p->nv_entry(0)->value_offset + p->nv_entry(1)->name_offset);
+  EXPECT_EQ(nullptr, p->nv_pair_value_raw(p->nv_entry(0)));
+  EXPECT_EQ(0u, p->nv_entry(0)->length());
+  EXPECT_STREQ("", p->nv_pair_value_text(p->nv_entry(0)));
+  EXPECT_STREQ("", p->nv_pair_name(p->nv_entry(1)));
   EXPECT_STREQ("v", p->nv_pair_value_text(p->nv_entry(1)));
   EXPECT_STREQ("", p->nv_pair_value_text(p->nv_entry(2)));
 }
@@ -460,13 +464,24 @@ TEST_F(PacketTest, GoesOnWhereMemoryRanOut) {
   ASSERT_EQ(0, p->write_begin("c", nullptr, 4096));
   for (int n = 0; n < 200; ++n) EXPECT_EQ(0, p->write_argv_uint64(5));
   const std::string filler(p->buffer_alloc - p->buffer_write - 20, 'f');  // no room for the tables
-  ASSERT_EQ(0, p->write_nv_pair_binary("f", bytes(filler), filler.size()));
+  ASSERT_EQ(0,
+            comm_socket_v4_packet_write_nv_pair_binary(p.get(), "f", bytes(filler), filler.size()));
   const std::string data(9000, 'd');
   const auto add_data = [&] { return p->write_data_binary(bytes(data), data.size()); };
   const auto end = [&] { return p->write_end(); };
   EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, end));
   EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, add_data));
   EXPECT_STREQ("Header", p->write_state_to_str());
+  const Packet full = begin_request();
+  EXPECT_EQ(0, full->write_argv_uint64(5));
+  const std::string rest(full->buffer_alloc - full->buffer_write - 80, 'f');
+  ASSERT_EQ(0, full->write_nv_pair_binary("f", bytes(rest), rest.size()));
+  EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, [&] { return full->write_end(); }));
+  EXPECT_EQ(0u, full->argc()) << "one table fits, but both are written or none";
+  EXPECT_EQ(0, full->write_argv_uint64(6));
+  EXPECT_EQ(0, full->write_end());
+  ASSERT_EQ(2u, full->argc());
+  EXPECT_EQ(5u + 6u, full->argv_uint64(0) + full->argv_uint64(1));
   EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, add_data, 2));
   EXPECT_EQ(9000, add_data());
   EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, add_data));

@@ -167,8 +167,8 @@ Packet begin_request(const char* command) {
 
 Packet ping_packet() {
   Packet p = begin_request();
-  EXPECT_EQ(0, p->write_argv("a"));
-  EXPECT_EQ(0, p->write_nv_pair("k", "v"));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_argv(p.get(), "a"));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair(p.get(), "k", "v"));
   EXPECT_EQ(0, p->write_end());
   return p;
 }
@@ -195,7 +195,7 @@ Packet rich_packet() {
   EXPECT_EQ(0, comm_socket_v4_packet_write_argv_int64(p, -5));
   EXPECT_EQ(0, comm_socket_v4_packet_write_argv_double(p, 2.5));
   EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_json(p, "json", "{\"a\":1}", 7));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_binary(p, "binary", raw, sizeof raw));
+  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_raw(p, "binary", raw, sizeof raw, 1));
   EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_uint64(p, "uint64", u, 2));
   EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_int64(p, "int64", i, 3));
   EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_double(p, "double", d, 2));

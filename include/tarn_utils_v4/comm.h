@@ -315,19 +315,23 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   std::int64_t argv_int64(const comm_socket_v4_packet_argv* entry) const;
   double argv_double(const comm_socket_v4_packet_argv* entry) const;
   // The same by index. Templates, so that a literal 0 is an index and not a null entry.
-  template <class Index, class = typename std::enable_if<std::is_integral<Index>::value>::type>
+  template <class Index,
+            class = typename std::enable_if<std::is_convertible<Index, std::size_t>::value>::type>
   const char* argv_text(Index index) const {
     return argv_text(argv(static_cast<std::size_t>(index)));
   }
-  template <class Index, class = typename std::enable_if<std::is_integral<Index>::value>::type>
+  template <class Index,
+            class = typename std::enable_if<std::is_convertible<Index, std::size_t>::value>::type>
   std::uint64_t argv_uint64(Index index) const {
     return argv_uint64(argv(static_cast<std::size_t>(index)));
   }
-  template <class Index, class = typename std::enable_if<std::is_integral<Index>::value>::type>
+  template <class Index,
+            class = typename std::enable_if<std::is_convertible<Index, std::size_t>::value>::type>
   std::int64_t argv_int64(Index index) const {
     return argv_int64(argv(static_cast<std::size_t>(index)));
   }
-  template <class Index, class = typename std::enable_if<std::is_integral<Index>::value>::type>
+  template <class Index,
+            class = typename std::enable_if<std::is_convertible<Index, std::size_t>::value>::type>
   double argv_double(Index index) const {
     return argv_double(argv(static_cast<std::size_t>(index)));
   }
@@ -361,12 +365,13 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   int vwrite_argvf(const char* format, va_list args) COMM_V4_PRINTF(2, 0);
   int vwrite_nv_pairf(const char* name, const char* format, va_list args) COMM_V4_PRINTF(3, 0);
 
-  const comm_socket_v4_packet_header* header_or_null() const;
-  const char* text_at(comm_v4_offset_t offset) const;
-  const unsigned char* argv_value(const comm_socket_v4_packet_argv* entry,
-                                  std::uint32_t type) const;
+  COMM_V4_INTERNAL const comm_socket_v4_packet_header* header_or_null() const;
+  COMM_V4_INTERNAL const char* text_at(comm_v4_offset_t offset) const;
+  COMM_V4_INTERNAL const unsigned char* argv_value(const comm_socket_v4_packet_argv* entry,
+                                                   std::uint32_t type) const;
   template <class Number>
-  Number argv_number(const comm_socket_v4_packet_argv* entry, std::uint32_t type) const;
+  COMM_V4_INTERNAL Number argv_number(const comm_socket_v4_packet_argv* entry,
+                                      std::uint32_t type) const;
 
   COMM_V4_INTERNAL comm_v4_offset_t int_copy_data(const unsigned char* data, std::size_t length,
                                                   bool terminate);
@@ -378,6 +383,7 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
                                           std::uint32_t type);
   COMM_V4_INTERNAL int write_int_append_argv_table();
   COMM_V4_INTERNAL int write_int_append_nv_pair_table();
+  COMM_V4_INTERNAL int write_int_append_tables();
 };
 
 // ------------------------------------------------------------------------------------------------
@@ -923,12 +929,12 @@ inline const comm_socket_v4_packet_nv_pair* comm_socket_v4_packet::nv_entry(
 
 inline const char* comm_socket_v4_packet::nv_pair_name(
     const comm_socket_v4_packet_nv_pair* entry) const {
-  return reinterpret_cast<const char*>(buffer + entry->name_offset);
+  return text_at(entry->name_offset);
 }
 
 inline const unsigned char* comm_socket_v4_packet::nv_pair_value_raw(
     const comm_socket_v4_packet_nv_pair* entry) const {
-  return buffer + entry->value_offset;
+  return entry->value_offset != 0 ? buffer + entry->value_offset : nullptr;
 }
 
 inline const unsigned char* comm_socket_v4_packet::nv_pair_value_binary(
@@ -939,7 +945,7 @@ inline const unsigned char* comm_socket_v4_packet::nv_pair_value_binary(
 inline const char* comm_socket_v4_packet::nv_pair_value_text(
     const comm_socket_v4_packet_nv_pair* entry) const {
   return entry->type() == comm_v4_type_text || entry->type() == comm_v4_type_json
-             ? reinterpret_cast<const char*>(nv_pair_value_raw(entry))
+             ? text_at(entry->value_offset)
              : "";
 }
 
