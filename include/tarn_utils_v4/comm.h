@@ -15,18 +15,20 @@
 //  4. Ownership. The application owns the endpoints that it creates and one reference to every
 //     packet that it creates or retrieves. An endpoint owns its sockets, its client records and the
 //     packet in its slot. A packet owns its bytes and its attached descriptors. A returned text or
-//     array points into the packet and lives as long as the packet's buffer is not resized.
+//     array points into the packet and lives until the packet is destroyed or its buffer is
+//     resized, which any write may do; an empty text is static.
 //  5. Blocking. Only the four waits, comm_socket_v4_connect_to and
-//     comm_socket_v4_connect_wait_for_completion ever block. No signal raises SIGPIPE through a
-//     send; EINTR never reaches the caller as a failure.
+//     comm_socket_v4_connect_wait_for_completion ever block. No send raises SIGPIPE; EINTR never
+//     reaches the caller as a failure.
 //  6. Threads. None inside. One thread at a time uses an endpoint, its client records and its
 //     queues, and callbacks run on that thread. A packet may be referenced from several threads
 //     (addref and release are atomic), but is written or read by one thread at a time.
 //  7. Null. A pointer argument must not be null unless the function says what null does.
 //  8. Memory. Running out of memory for packets and their buffers is answered by null or -1, and
-//     ENOMEM where the function says so. Where a std::vector, std::deque, std::list or std::string
-//     must grow, std::bad_alloc propagates and the object stays as it was, except where a function
-//     says that it answers -1. Broken internal invariants print what broke and where, then abort.
+//     ENOMEM where the function says so; the writers of a packet answer as they say. Where a
+//     std::vector, std::deque, std::list or std::string must grow, std::bad_alloc propagates and
+//     the object stays as it was, except where a function says that it answers -1. Broken internal
+//     invariants print what broke and where, then abort.
 //  9. Trust. A packet that reached a slot has passed comm_socket_v4_validate_packet_contents: every
 //     accessor may be used on it. What the values mean is still the peer's word. The ids of the
 //     peer's process, user and group come from the kernel (SO_PEERCRED, unix(7)) and are not.
@@ -34,8 +36,10 @@
 // Limits
 //
 //     arguments in a packet                  255, values below byte 2^24 of the packet
-//     name/value pairs in a packet           4095
-//     command; error string, name; text      255; 4095; 65,535 bytes, longer ones are cut
+//     name/value pairs in a packet           4095; with more of them the packet goes out without
+//     any command; error string, name; text      255; 4095; 65,535 bytes, longer ones are cut, in
+//     the
+//                                            middle of a multi-byte character too
 //     binary data in one write call          262,144 bytes
 //     a packet that is received              64 to 65,551 bytes; longer ones can be sent, and are
 //                                            dropped by the receiver
@@ -211,8 +215,8 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
 
   // Buffer. resize_buffer gives the packet at least `size` bytes, never fewer than 32, and never
   // shrinks it; contents stay. enlarge_buffer does so only for a packet that has a buffer.
-  // shrinkfit_buffer cuts a buffer of which less than half is used to buffer_length + 32 bytes.
-  // -1 when memory runs out: the buffer is then as before.
+  // shrinkfit_buffer makes a buffer of which less than half is used buffer_length + 32 bytes long.
+  // 0, also when there is nothing to do; -1 when memory runs out: the buffer is then as before.
   int resize_buffer(std::size_t size);
   int enlarge_buffer(std::size_t size);
   int shrinkfit_buffer();
@@ -222,14 +226,16 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   // already, emptied ones counted, or dup fails (errno is then dup's). A successful send closes
   // what was attached. get_attached_fd hands slot `index` over to the caller, who closes it: -1
   // when there is no such slot or it was emptied before. Received descriptors are not
-  // close-on-exec. attached_fd_count counts emptied slots too.
+  // close-on-exec. attached_fd_count counts emptied slots too. close_attached_fd closes what is
+  // still attached and leaves every slot empty.
   bool attach_fd_to_send(int fd);
   std::size_t attached_fd_count() const;
   int get_attached_fd(std::size_t index);
   void close_attached_fd();
 
-  // Header values. Set before write_begin, which copies them. message_id, error_code and the
-  // multipart bits have no setters: set the fields.
+  // Header values. write_begin copies them; a later change does not reach the packet. make_request
+  // sets flag_request, make_response clears it; no setter touches another bit. message_id,
+  // error_code and the multipart bits have no setters: set the fields.
   void make_request();
   void make_response();
   void set_request(bool request);
@@ -241,18 +247,22 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   // The first four bytes of a packet that has them; 0, or nothing done, without.
   std::uint32_t get_sighdr() const;
   void set_sighdr(std::uint32_t signature);
-  // write_end calls `cb` once, with the finished packet; its result is ignored. Null removes it.
+  // write_end calls `cb` once with the finished packet, also when a send ends the packet; its
+  // result is ignored. It may still change the packet, buffer and buffer_length included, and must
+  // not release the caller's reference. Null removes it.
   void set_complete_cb(int (*cb)(comm_socket_v4_packet*));
 
   // Writing: write_begin, then arguments and pairs in any mix, then data, then write_end. Each
-  // returns 0, or -1 with nothing added: in the wrong state, for a null name, past a limit.
-  // A packet is written once and a received one never. When memory runs out while a string or a
-  // value is copied the write still returns 0, and the value is absent from the packet; the
-  // receiver refuses a packet without a command or with such a pair.
+  // returns 0 (write_data_binary the length), or -1 with nothing added: in the wrong state, for a
+  // null name, past a limit. A packet is written once and a received one never. Only write_begin
+  // touches errno. When memory runs out while a string or a value is copied the write still returns
+  // 0, and the value is absent from the packet; the receiver refuses a packet without a command or
+  // with such a pair. Pairs are not counted: with more than 4095 every write returns 0, and the
+  // packet goes out without any of them.
   //
   // write_begin: null or empty strings are left out. `size_hint` is the expected size of the whole
-  // packet, 0 when unknown; it is raised to 4096. ENOMEM when there is no memory for the buffer;
-  // otherwise errno is not touched.
+  // packet in bytes; 0 means 8192, anything else is raised to 4096. -1 with ENOMEM when there is no
+  // memory for the buffer, with errno untouched when the packet was begun before.
   int write_begin(const char* command, const char* error_string, std::size_t size_hint);
   // A null or empty text adds nothing and returns 0.
   int write_argv(const char* text);
@@ -270,7 +280,8 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   // Does nothing; the table of arguments is written with the first data or at the end.
   int write_argv_end();
   // `length` is in bytes, `count` in values. A null value is empty, and refused with a length.
-  // Text and JSON are followed by a NUL that the length leaves out.
+  // Text and JSON are followed by a NUL that the length leaves out. Only write_nv_pair and
+  // write_nv_pairf cut their text.
   int write_nv_pair_raw(const char* name, const unsigned char* value, std::size_t length,
                         std::uint32_t type);
   int write_nv_pair_fourcc(std::uint32_t fourcc, const char* name, const unsigned char* value,
@@ -289,10 +300,12 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
     return vwrite_nv_pairf(name, format, args);
   }
   // Appends to the packet's one block of data and returns `length`. A length of 0 returns 0 in any
-  // state; null data or more than 262,144 bytes give -1. No argument or pair can follow.
+  // state; null data or more than 262,144 bytes give -1, and so does running out of memory: offer
+  // the same data again. No argument or pair can follow.
   int write_data_binary(const unsigned char* data, std::size_t length);
   // Completes the packet and runs the completion callback; 0 at once when it is complete or was
-  // received. -1 before write_begin, or when memory for the tables runs out: call it again then.
+  // received. -1 before write_begin; when memory for the tables runs out: call it again then; and
+  // when they would end beyond byte 2^32 - 1.
   int write_end();
   // "None", "Header", "Data", "End", and "?" for any other state. The text is static.
   static const char* write_state_to_str(int state);
@@ -342,7 +355,9 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   // The bytes of the value, whatever the type; entry->length() of them. Both do the same.
   const unsigned char* nv_pair_value_raw(const comm_socket_v4_packet_nv_pair* entry) const;
   const unsigned char* nv_pair_value_binary(const comm_socket_v4_packet_nv_pair* entry) const;
-  // Text and JSON; "" for any other type.
+  // Text and JSON; "" for any other type. In a packet that was received the text ends at its first
+  // NUL, which a peer may have put before entry->length() or behind it, at the latest behind the
+  // last byte of the packet: use one of the two lengths, not one as the bound of the other.
   const char* nv_pair_value_text(const comm_socket_v4_packet_nv_pair* entry) const;
   // The first of entry->length() / 8 values, at any alignment; null for any other type.
   const comm_v4_unaligned_uint64_t* nv_pair_value_uint64(
@@ -353,7 +368,9 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
       const comm_socket_v4_packet_nv_pair* entry) const;
 
   // Printing, for debugging; null means standard error. They never fail and never change the
-  // packet, and any packet may be printed, half-written and hand-made ones included. dump shows
+  // packet, and any packet may be printed, half-written and hand-made ones included, but not while
+  // another thread writes it. Texts are printed as they are, control characters of a peer included.
+  // Errors of the stream are ignored; errno may change. dump shows
   // raw header bytes, offsets and types; dump_header_user_friendly a readable listing;
   // dump_user_friendly that and then the raw data; dump_body the raw data only.
   void dump(std::FILE* out) const;
@@ -483,7 +500,10 @@ constexpr unsigned long COMM_V4_NO_INDEX = ~0ul;
 // record is released, before the slot is used again. It holds no pointer to the record in between.
 //
 // A queue on a dead connection does not report it: it fills up and then refuses. The end of a
-// connection shows in the disconnect list.
+// connection shows in the disconnect list. A packet that can never be sent (null, never written,
+// larger than the socket's buffer, its descriptors closed by an earlier send) is refused with -1
+// while nothing is queued; behind other packets it is queued, stays at the head when its turn has
+// come and holds everything back until dump_queued_packets.
 class COMM_V4_EXPORT CommLargePacketQueue {
  public:
   enum : std::uint64_t { LARGE_PACKET_QUEUE_MAX = 4096 };
@@ -538,8 +558,10 @@ COMM_V4_EXPORT int comm_socket_v4_set_socket_path(comm_socket_v4* c, const char*
 COMM_V4_EXPORT void comm_socket_v4_normal_logging(comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_debug_logging(comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_shut_up(comm_socket_v4* c);
-// A line "comm_socket_v4 LEVEL [address]: message" if log_mask allows; a newline is added always.
-// They leave errno alone. A line is three writes, so lines of several threads may mix.
+// A line "comm_socket_v4 LEVEL [address]: message" if the function's bit of log_mask is set: 1 for
+// errors, 2 for warnings and bug reports, 8 for debug. Otherwise the format is not looked at. A
+// newline is added to every message, also to one that ends in one. They leave errno alone. A line
+// is three writes, so lines of several threads may mix.
 COMM_V4_EXPORT void comm_socket_v4_error(comm_socket_v4* c, const char* format, ...)
     COMM_V4_PRINTF(2, 3);
 COMM_V4_EXPORT void comm_socket_v4_warning(comm_socket_v4* c, const char* format, ...)
@@ -710,18 +732,22 @@ COMM_V4_EXPORT int comm_socket_v4_packet_send_to_server(comm_socket_v4* s,
 // -1 when the connection ends (ENOTCONN) or fails: the endpoint is closed then. -1 with ENOMEM:
 // nothing was read, and nothing is lost.
 COMM_V4_EXPORT int comm_socket_v4_idle_clientside_read(comm_socket_v4* s);
-// Accepts the received bytes of `p`, or answers -1: checks length and terminator, validates, and
-// copies the header's values into the packet.
+// Accepts the received bytes of `p` and copies the header's values into the packet, or answers -1:
+// without a line for null, no buffer, fewer than 64 bytes or no NUL behind them, otherwise with the
+// line of the validation. Flips bits first when comm_socket_v4_recv_corrupt_debug is set. Leaves
+// errno and the references alone.
 COMM_V4_EXPORT int comm_socket_v4_client_on_recv_packet(comm_socket_v4* s,
                                                         comm_socket_v4_packet* p);
 // 0 when every offset, count and length in `p` stays inside it, so that accessors need no checks of
 // their own; else -1 and one debug line that names the first broken rule. `header` is the start of
-// p->buffer; p has at least 64 bytes and a NUL behind them. Leaves errno alone.
+// p->buffer; p has at least 64 bytes and a NUL behind them. Not checked: header_length, flags, ids,
+// types of pairs, overlaps, where a text ends, whether the length of a list is a multiple of 8.
+// Only reads; leaves errno alone.
 COMM_V4_EXPORT int comm_socket_v4_validate_packet_contents(comm_socket_v4* c,
                                                            comm_socket_v4_packet* p,
                                                            comm_socket_v4_packet_header* header);
 
-// --- Packet: the members as functions -----------------------------------------------------------
+// --- Packet: the members as functions. Null is taken only where it is mentioned. ----------------
 
 // A packet with one reference; null when there is no memory for it.
 COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_packet_create(void);
@@ -733,6 +759,7 @@ COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_packet_release(comm_socket_
 COMM_V4_EXPORT int comm_socket_v4_packet_resize_buffer(comm_socket_v4_packet* p, std::size_t size);
 COMM_V4_EXPORT int comm_socket_v4_packet_enlarge_buffer(comm_socket_v4_packet* p, std::size_t size);
 COMM_V4_EXPORT int comm_socket_v4_packet_shrinkfit_buffer(comm_socket_v4_packet* p);
+
 COMM_V4_EXPORT void comm_socket_v4_packet_make_request(comm_socket_v4_packet* p);
 COMM_V4_EXPORT void comm_socket_v4_packet_make_response(comm_socket_v4_packet* p);
 // Set when v is above 0, cleared otherwise.
