@@ -1,0 +1,17 @@
+// A client's connection to a server, used with a limit of time.
+#ifndef TOOL_CONNECTION_H
+#define TOOL_CONNECTION_H
+
+#include <cstdint>
+#include <string>
+
+#include "tool/handles.h"
+
+std::uint64_t now_us();  // the clock of the library's deadlines
+
+// `timeout_us` is not 0. It throws Failure when no server answers in time.
+EndpointPtr connect_to_server(const std::string& path, std::uint64_t timeout_us, bool verbose);
+void send_in_time(comm_socket_v4& endpoint, comm_socket_v4_packet& packet,
+                  std::uint64_t deadline_us);
+
+#endif

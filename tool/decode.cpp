@@ -1,0 +1,57 @@
+// tarn-comm decode: is this a packet, and what does it say?
+#include <tarn_utils_v4/comm.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tool/files.h"
+#include "tool/packet_check.h"
+#include "tool/packet_print.h"
+#include "tool/packet_spec.h"
+
+namespace {
+
+constexpr char help[] =
+    "usage: tarn-comm decode [OPTION...] [FILE]\n"
+    "Checks the bytes of one packet, from FILE or from standard input, as a receiver does, and\n"
+    "prints the packet. If they break a rule it says which one, and where.\n\n" FORMAT_OPTION_HELP
+    "  -h, --help                this text\n\n"
+    "Exit status: 0 for a packet, 1 for anything else, 2 for wrong usage.\n";
+
+constexpr std::size_t max_file = 16 * 1024 * 1024;
+
+PacketPtr packet_of(const std::string& bytes) {
+  PacketPtr packet = new_packet();
+  if (packet->resize_buffer(bytes.size() + 1) != 0) throw std::bad_alloc();
+  std::memcpy(packet->buffer, bytes.data(), bytes.size());
+  packet->buffer[bytes.size()] = 0;
+  packet->buffer_length = bytes.size();
+  return packet;
+}
+
+int run(int argc, char** argv) {
+  Format format = Format::readable;
+  const std::vector<std::string> words =
+      parse_options(decode_subcommand, argc, argv, {format_option(format)}, {}, 1);
+  const std::string file = words.empty() ? "-" : words[0];
+  const std::string what = file == "-" ? "standard input" : in_quotes(file);
+
+  const PacketPtr packet = packet_of(read_file(file, max_file));
+  const std::string rule = broken_rule(*packet);
+  if (!rule.empty()) throw Failure(what + " is no valid packet: " + rule);
+  const EndpointPtr receiver = new_endpoint(false);
+  if (comm_socket_v4_client_on_recv_packet(receiver.get(), packet.get()) != 0)
+    throw Failure(what + " is no valid packet");
+  print_packet(*packet, format);
+  if (packet->buffer_length > max_packet_length)
+    throw Failure(what + " has " + std::to_string(packet->buffer_length) +
+                  " bytes; receivers drop a packet of more than " +
+                  std::to_string(max_packet_length));
+  return exit_ok;
+}
+
+}  // namespace
+
+const Subcommand decode_subcommand = {"decode", "check and print the bytes of a packet", help, run};

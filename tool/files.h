@@ -1,0 +1,20 @@
+// Files and folders that the command line names.
+#ifndef TOOL_FILES_H
+#define TOOL_FILES_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "tool/handles.h"
+
+OwnedFd open_file(const std::string& path, int flags);
+// The whole of a file, of standard input for "-". A longer one than `max` bytes is a failure.
+std::string read_file(const std::string& path, std::size_t max);
+
+// Creates the folder unless it is there. It must be empty: what is saved replaces nothing.
+void make_empty_folder(const std::string& path);
+OwnedFd create_file(const std::string& folder, const std::string& name);
+void write_all(int fd, std::string_view bytes, const std::string& what);
+
+#endif

@@ -1,0 +1,85 @@
+// The command-line tool: finds the subcommand, and turns what it throws into a message and an exit
+// status.
+#include <fcntl.h>
+#include <tarn_utils_v4/comm.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <string>
+
+#include "tool/arguments.h"
+#include "tool/subcommand.h"
+
+namespace {
+
+const Subcommand* const subcommands[] = {&call_subcommand, &serve_subcommand, &ping_subcommand,
+                                         &proxy_subcommand, &decode_subcommand};
+
+void print_help(std::FILE* out) {
+  std::fputs(
+      "usage: tarn-comm COMMAND [OPTION...] [ARGUMENT...]\n"
+      "Talks to servers that listen on a socket path, or stands in for one.\n\n",
+      out);
+  for (const Subcommand* s : subcommands) std::fprintf(out, "  %-8s %s\n", s->name, s->summary);
+  std::fputs(
+      "\n"
+      "  -h, --help     this text; after a command, all about that command\n"
+      "  -V, --version  the version\n\n"
+      "A PATH names a socket file, or with a leading @ an abstract socket.\n"
+      "Exit status: 0 done, 1 failed or answered with an error, 2 wrong usage.\n",
+      out);
+}
+
+// A socket or a packet's descriptor must not become 0, 1 or 2, where others read and write.
+void open_standard_descriptors() {
+  int fd = 0;
+  while (fd >= 0 && fd <= STDERR_FILENO) fd = ::open("/dev/null", O_RDWR);
+  if (fd > STDERR_FILENO) ::close(fd);
+}
+
+int report(const std::string& title, const char* text, int status) {
+  if (*text != '\0') std::fprintf(stderr, "%s: %s\n", title.c_str(), text);
+  if (status == exit_usage)
+    std::fprintf(stderr, "Try '%s --help' for more information.\n", title.c_str());
+  return status;
+}
+
+int run(const Subcommand& subcommand, int argc, char** argv) {
+  std::string title = std::string("tarn-comm ") + subcommand.name;
+  argv[0] = title.data();  // getopt begins its messages with it.
+  try {
+    const int status = subcommand.run(argc, argv);
+    if (std::fflush(stdout) != 0) throw system_failure("cannot write standard output");
+    return status;
+  } catch (const UsageError& error) {
+    return report(title, error.what(), exit_usage);
+  } catch (const std::bad_alloc&) {
+    return report(title, "out of memory", exit_failed);
+  } catch (const std::exception& error) {
+    std::fflush(stdout);
+    return report(title, error.what(), exit_failed);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  open_standard_descriptors();
+  const std::string word = argc > 1 ? argv[1] : "";
+  for (const Subcommand* s : subcommands)
+    if (word == s->name) return run(*s, argc - 1, argv + 1);
+  if (argc < 2) {
+    print_help(stderr);
+    return exit_usage;
+  }
+  if (word == "-h" || word == "--help")
+    print_help(stdout);
+  else if (word == "-V" || word == "--version")
+    std::puts("tarn-comm " TARN_COMM_VERSION);
+  else
+    return report("tarn-comm", ("unknown command " + in_quotes(word)).c_str(), exit_usage);
+  return std::fflush(stdout) == 0 ? exit_ok : exit_failed;
+}

@@ -1,0 +1,121 @@
+#include "tool/packet_check.h"
+
+#include <fcntl.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+#include "tool/captured_log.h"
+#include "tool/packet_spec.h"
+
+namespace {
+
+using Header = comm_socket_v4_packet_header;
+using Argument = comm_socket_v4_packet_argv;
+using Pair = comm_socket_v4_packet_nv_pair;
+
+// The part of the packet that a message of the validation is about.
+struct Field {
+  const char* message;  // how the message begins, behind the entry's index if it is about an entry
+  const char* name;
+  std::size_t offset;
+  std::size_t width;
+};
+
+#define FIELD(message, type, name) \
+  { message, #name, offsetof(type, name), sizeof(type::name) }
+constexpr Field header_fields[] = {FIELD("sighdr", Header, sighdr),
+                                   FIELD("nv_pair_table_count", Header, nv_pair_table_count),
+                                   FIELD("argv_offset", Header, argv_offset),
+                                   FIELD("nv_pair_table_offset", Header, nv_pair_table_offset),
+                                   FIELD("argv invalid", Header, argv_count),
+                                   FIELD("argv invalid", Header, argv_offset),
+                                   FIELD("nv_pair_table invalid", Header, nv_pair_table_count),
+                                   FIELD("nv_pair_table invalid", Header, nv_pair_table_offset),
+                                   FIELD("error string", Header, error_string_offset),
+                                   FIELD("command string", Header, command_offset),
+                                   FIELD("binary data", Header, data_offset),
+                                   FIELD("binary data", Header, data_length)};
+constexpr Field argument_fields[] = {FIELD("unsupported type", Argument, type_code),
+                                     FIELD("out of bounds", Argument, value_offset)};
+constexpr Field pair_fields[] = {
+    FIELD("name", Pair, name_offset), FIELD("value missing", Pair, value_offset),
+    FIELD("value+length", Pair, value_offset), FIELD("value+length", Pair, value_length)};
+#undef FIELD
+
+const Header* header_of(const comm_socket_v4_packet& packet) {
+  return reinterpret_cast<const Header*>(packet.buffer);
+}
+
+// "NAME at byte OFFSET is VALUE; " for each field of the structure at `base` that the message
+// names.
+template <std::size_t count>
+std::string places(const comm_socket_v4_packet& packet, const Field (&fields)[count],
+                   const std::string& message, const std::string& owner, std::size_t base) {
+  std::string text;
+  for (const Field& field : fields) {
+    if (!message.starts_with(field.message)) continue;
+    const std::size_t at = base + field.offset;
+    std::uint64_t value = 0;
+    for (std::size_t i = field.width; i-- > 0;) value = value << 8 | packet.buffer[at + i];
+    text += owner + field.name + " at byte " + std::to_string(at) + " is " + std::to_string(value) +
+            "; ";
+  }
+  return text;
+}
+
+// `message` as the library words it, "argv[3] unsupported type 9" for instance.
+std::string places_in(const comm_socket_v4_packet& packet, const std::string& message) {
+  const std::size_t bracket = message.find("] ");
+  std::size_t index = 0;
+  if (bracket == std::string::npos) return places(packet, header_fields, message, "", 0);
+  const std::string owner = message.substr(0, bracket + 1) + ".";
+  const std::string rest = message.substr(bracket + 2);
+  if (std::sscanf(message.c_str(), "argv[%zu]", &index) == 1)
+    return places(packet, argument_fields, rest, owner,
+                  header_of(packet)->argv_offset + index * sizeof(Argument));
+  if (std::sscanf(message.c_str(), "nv_pair[%zu]", &index) == 1)
+    return places(packet, pair_fields, rest, owner,
+                  header_of(packet)->nv_pair_table_offset + index * sizeof(Pair));
+  return std::string();
+}
+
+}  // namespace
+
+std::string broken_rule(comm_socket_v4_packet& packet) {
+  const std::string length = "the packet has " + std::to_string(packet.buffer_length) + " bytes";
+  if (packet.buffer_length < min_packet_length)
+    return "too short: " + length + ", at least " + std::to_string(min_packet_length) +
+           " are needed";
+
+  static const EndpointPtr checker = new_endpoint(false);
+  auto* const header = reinterpret_cast<Header*>(packet.buffer);
+  comm_socket_v4_shut_up(checker.get());
+  if (comm_socket_v4_validate_packet_contents(checker.get(), &packet, header) == 0) return "";
+
+  // Again, for its words.
+  comm_socket_v4_debug_logging(checker.get());
+  const CapturedLog log;
+  comm_socket_v4_validate_packet_contents(checker.get(), &packet, header);
+  std::string message = log.first_message();
+  const std::string prefix = "packet validation failed. ";
+  if (message.starts_with(prefix)) message.erase(0, prefix.size());
+  return message + " (" + places_in(packet, message) + length + ")";
+}
+
+int keep_if_refused(std::vector<Refused>& refused, comm_socket_v4_packet& packet) {
+  for (const int fd : packet.attached_fd) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+  std::string rule = broken_rule(packet);
+  if (rule.empty()) return 0;
+  packet.addref();
+  refused.push_back({PacketPtr(&packet), std::move(rule)});
+  return -1;
+}
+
+void keep_refused(comm_socket_v4& endpoint, std::vector<Refused>& refused) {
+  endpoint.set_tag(reinterpret_cast<std::uintptr_t>(&refused));
+  endpoint.set_recv_cb([](comm_socket_v4* receiver, comm_socket_v4_packet* packet) {
+    return keep_if_refused(*reinterpret_cast<std::vector<Refused>*>(receiver->get_tag()), *packet);
+  });
+}

@@ -1,0 +1,42 @@
+// Packets and what they carry, for people and for files. Texts come from strangers: what a terminal
+// would take for a command is shown as an escape.
+#ifndef TOOL_PACKET_PRINT_H
+#define TOOL_PACKET_PRINT_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "tool/arguments.h"
+#include "tool/handles.h"
+
+enum class Format { readable, full, data, none };
+
+#define FORMAT_OPTION_HELP \
+  "  -f, --format FORMAT       how packets are printed: readable, full, data or none\n"
+
+Option format_option(Format& target);
+
+// On one line, or on its lines.
+std::string visible(std::string_view text, bool keep_lines);
+// To standard output. The data format is the bytes of the data, as they are, and nothing else.
+void print_packet(const comm_socket_v4_packet& packet, Format format);
+// One line with the time of day before it, flushed.
+void print_event(std::string_view text);
+// "'ping', 94 bytes, 1 descriptor"
+std::string summary(const comm_socket_v4_packet& packet);
+std::string count_of(std::size_t count, const char* thing);
+
+// Writes what the received descriptors refer to into files of a folder.
+class DescriptorFolder {
+ public:
+  explicit DescriptorFolder(std::string path) : path_(std::move(path)) {}
+  // Takes them out of the packet. A pipe that has not ended at the deadline is a failure.
+  void save(comm_socket_v4_packet& packet, std::uint64_t deadline_us);
+
+ private:
+  const std::string path_;
+  unsigned next_ = 0;
+};
+
+#endif

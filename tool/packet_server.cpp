@@ -1,0 +1,183 @@
+#include "tool/packet_server.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "tool/captured_log.h"
+
+namespace {
+
+constexpr std::size_t max_server_path = 106;
+
+// An accept without a descriptor left would close the server. Some more are kept for what a client
+// needs besides its connection.
+bool descriptors_to_spare() {
+  constexpr rlim_t reserve = 16;
+  struct rlimit limit;
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return true;
+  const OwnedFd next(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+  return next.valid() && static_cast<rlim_t>(next.get()) + reserve <= limit.rlim_cur;
+}
+
+EndpointPtr create_server(const std::string& path, bool verbose) {
+  if (path.size() > max_server_path)
+    throw UsageError("the path has " + std::to_string(path.size()) +
+                     " characters, a server's has at most " + std::to_string(max_server_path));
+  EndpointPtr server = new_endpoint(verbose);
+  const unsigned mask = server->log_mask;
+  std::string reason;
+  int result;
+  {
+    // The library's error line says more than errno.
+    const CapturedLog log;
+    server->log_mask = 1;
+    result = comm_socket_v4_create_server(server.get(), path.c_str());
+    reason = log.first_message();
+  }
+  if (result != 0) throw Failure("cannot listen on " + in_quotes(path) + ": " + reason);
+  server->log_mask = mask & 15;
+  return server;
+}
+
+}  // namespace
+
+std::string Peer::name() const {
+  return "client " + std::to_string(number) + " (pid " + std::to_string(cred.pid) + ", uid " +
+         std::to_string(cred.uid) + ", gid " + std::to_string(cred.gid) + ")";
+}
+
+std::vector<Option> ServerSettings::options(std::vector<Option> own) {
+  std::vector<Option> all = {format_option(format), flag_option("quiet", 'q', quiet),
+                             flag_option("verbose", 'v', verbose)};
+  all.insert(all.end(), own.begin(), own.end());
+  return all;
+}
+
+PacketServer::PacketServer(const ServerSettings& settings)
+    : settings_(settings), server_(create_server(settings.path, settings.verbose)) {
+  server_->set_tag(reinterpret_cast<std::uintptr_t>(this));
+}
+
+void PacketServer::run() {
+  loop_.watch(signals_.fd(), EPOLLIN, [this](std::uint32_t) { loop_.stop(); });
+  listen();
+  say("listening on " + in_quotes(server_->socket_path));
+  loop_.run([this] {
+    release_ended();
+    if (std::ferror(stdout) != 0) throw Failure("cannot write standard output");
+  });
+}
+
+void PacketServer::say(const std::string& text) const {
+  if (!settings_.quiet) print_event(text);
+}
+
+void PacketServer::say(const std::string& text, const comm_socket_v4_packet& packet) const {
+  say(text);
+  if (!settings_.quiet) print_packet(packet, settings_.format);
+}
+
+// --- Clients come and go ------------------------------------------------------------------------
+
+void PacketServer::listen() {
+  loop_.watch(server_->get_socket_fd(), EPOLLIN, [this](std::uint32_t) { accept_client(); });
+}
+
+void PacketServer::accept_client() {
+  if (!descriptors_to_spare()) {
+    say("no descriptors left; further clients wait until one has gone");
+    return loop_.forget(server_->get_socket_fd());
+  }
+  comm_socket_v4_client* const client = comm_socket_v4_accept_connection(server_.get());
+  if (client == nullptr) {
+    if (!server_->socket_open()) throw system_failure("cannot accept connections any more");
+    return;
+  }
+  client->set_recv_cb(on_receive);
+  std::unique_ptr<Peer> made = make_peer();
+  Peer& peer = *made;
+  peer.index = comm_socket_v4_client_ptr2index(client);
+  peer.number = ++connections_;
+  peer.cred = client->cred;
+  peers_[peer.index] = std::move(made);
+  say(peer.name() + " connected");
+  on_connect(peer);
+  update(peer);
+}
+
+void PacketServer::release_ended() {
+  while (comm_socket_v4_client* const client =
+             comm_socket_v4_get_disconnected_client(server_.get())) {
+    auto ended = peers_.extract(comm_socket_v4_client_ptr2index(client));
+    loop_.forget(client->get_client_fd());
+    comm_socket_v4_free_client(client);
+    say(ended.mapped()->name() + " disconnected");
+    on_end(std::move(ended.mapped()));
+    listen();
+  }
+}
+
+// --- Packets from and to a client ---------------------------------------------------------------
+
+int PacketServer::on_receive(comm_socket_v4_client* client, comm_socket_v4_packet* packet) {
+  auto* const server = reinterpret_cast<PacketServer*>(client->get_server()->get_tag());
+  return keep_if_refused(server->refused_, *packet);
+}
+
+void PacketServer::on_refused(Peer& peer, const Refused& refused) {
+  say(peer.name() + ": dropped a packet that is not valid: " + refused.rule);
+}
+
+void PacketServer::on_client_event(Peer& peer, std::uint32_t events) {
+  const bool hung_up = (events & (EPOLLHUP | EPOLLERR)) != 0;
+  if (hung_up && !peer.queue.queued_packets.empty())
+    give_up_sending(peer, "it has gone");
+  else if ((events & EPOLLOUT) != 0)
+    flush(peer);
+  const bool readable = hung_up || (events & EPOLLIN) != 0;
+  if (readable && !peer.paused && !peer.closing) {
+    PacketPtr packet(comm_socket_v4_client_get_packet(record(peer)));
+    for (const Refused& refused : std::exchange(refused_, {})) on_refused(peer, refused);
+    if (packet != nullptr) on_packet(peer, std::move(packet));
+  }
+  update(peer);
+}
+
+void PacketServer::send(Peer& peer, comm_socket_v4_packet& packet) {
+  if (peer.deaf) return;
+  const int sent = peer.queue.send_packet(record(peer), &packet);
+  if (sent <= 0) give_up_sending(peer, sent < 0 ? std::strerror(errno) : "its queue is full");
+}
+
+// A writeable socket that refuses the oldest packet for any other reason than its size at this
+// moment refuses it for ever.
+void PacketServer::flush(Peer& peer) {
+  const std::uint64_t before = peer.queue.queued_count;
+  errno = 0;
+  peer.queue.flush_queued_packet(record(peer));
+  const bool stuck = peer.queue.queued_count == before && errno != EAGAIN && errno != EINTR;
+  if (stuck && before > 0) give_up_sending(peer, std::strerror(errno));
+}
+
+void PacketServer::give_up_sending(Peer& peer, const std::string& why) {
+  say(peer.name() + " takes no more packets: " + why);
+  peer.deaf = true;
+  peer.queue.dump_queued_packets();
+}
+
+void PacketServer::update(Peer& peer) {
+  comm_socket_v4_client* const client = record(peer);
+  const bool queued = !peer.queue.queued_packets.empty();
+  if (peer.closing && !queued) comm_socket_v4_disconnect_client(client);
+  const std::uint32_t in = !peer.paused && !peer.closing ? EPOLLIN : 0u;
+  const std::uint32_t out = queued ? EPOLLOUT : 0u;
+  loop_.watch(client->get_client_fd(), in | out, [this, index = peer.index](std::uint32_t events) {
+    on_client_event(*peers_.at(index), events);
+  });
+}

@@ -1,0 +1,244 @@
+#include "tool/packet_spec.h"
+
+#include <fcntl.h>
+
+#include <charconv>
+#include <cstring>
+
+#include "tool/files.h"
+
+namespace {
+
+constexpr std::size_t max_command = 255;
+constexpr std::size_t max_error_string = 4095;
+constexpr std::size_t max_name = 4095;
+constexpr std::size_t max_arguments = 255;
+constexpr std::size_t max_pairs = 4095;
+constexpr std::size_t max_descriptors = 8;
+
+// The writer cuts what is longer; what goes out is what was asked for, or nothing.
+const std::string& bounded(const std::string& text, std::size_t max, const std::string& what) {
+  if (text.size() > max)
+    throw UsageError(what + " has " + std::to_string(text.size()) + " bytes, at most " +
+                     std::to_string(max) + " can be sent");
+  return text;
+}
+
+// "TYPE:REST" with one of the types; the type is empty for any other text.
+std::pair<std::string, std::string> split_type(const std::string& text) {
+  const std::size_t colon = text.find(':');
+  if (colon == std::string::npos) return {"", text};
+  const std::string type = text.substr(0, colon);
+  for (const char* known : {"text", "uint64", "int64", "double", "json", "binary", "fourcc"})
+    if (type == known) return {type, text.substr(colon + 1)};
+  return {"", text};
+}
+
+// Numbers with commas between them, or nothing.
+template <class Parse>
+auto parse_list(const std::string& text, Parse parse) {
+  std::vector<decltype(parse(text))> numbers;
+  for (std::size_t start = 0; !text.empty();) {
+    const std::size_t comma = text.find(',', start);
+    numbers.push_back(parse(text.substr(start, comma - start)));
+    if (comma == std::string::npos) break;
+    start = comma + 1;
+  }
+  return numbers;
+}
+
+std::string parse_hex(const std::string& text, const std::string& what) {
+  std::string bytes;
+  for (std::size_t i = 0; i < text.size(); i += 2) {
+    unsigned char byte = 0;
+    const char* const end = text.data() + std::min(i + 2, text.size());
+    const auto [stop, error] = std::from_chars(text.data() + i, end, byte, 16);
+    if (error != std::errc() || stop != text.data() + i + 2)
+      throw UsageError(what + ": " + in_quotes(text) +
+                       " is not made of pairs of hexadecimal digits");
+    bytes += static_cast<char>(byte);
+  }
+  return bytes;
+}
+
+std::uint32_t parse_code(const std::string& text, const std::string& what) {
+  std::uint32_t code = 0;
+  if (text.size() == sizeof(code))
+    std::memcpy(&code, text.data(), sizeof(code));
+  else
+    code = static_cast<std::uint32_t>(parse_uint64(text, what, 0, UINT32_MAX));
+  if (code <= comm_v4_type_int64)
+    throw UsageError(what + ": " + in_quotes(text) + " is the code of a type of its own");
+  return code;
+}
+
+bool names_file(const std::string& value) { return value.starts_with('@'); }
+std::string named_file(const std::string& value) {
+  return read_file(value.substr(1), max_packet_length);
+}
+
+}  // namespace
+
+// --- From the command line ----------------------------------------------------------------------
+
+std::vector<Option> PacketSpec::options(std::vector<Option> own) {
+  std::vector<Option> all = {
+      {"pair", 'p', true, [this](auto& text, auto&) { add_pair(text); }},
+      {"data", 'd', true, [this](auto& text, auto&) { data_ = text; }},
+      {"data-file", 'D', true,
+       [this](auto& file, auto&) { data_ = read_file(file, max_packet_length); }},
+      {"fd", 0, true, [this](auto& file, auto&) { attach(file, O_RDONLY); }},
+      {"fd-rw", 0, true, [this](auto& file, auto&) { attach(file, O_RDWR | O_CREAT); }},
+      flag_option("async", 0, async_),
+      {"multipart", 0, true, [this](auto& part, auto& what) { set_multipart(part, what); }},
+      number_option("stream-id", 0, stream_id_),
+      number_option("message-id", 0, message_id_),
+      number_option("error-code", 0, error_code_),
+      {"error-string", 0, true,
+       [this](auto& text, auto& what) { error_string_ = bounded(text, max_error_string, what); }}};
+  for (Option& option : all)
+    option.set = [this, set = option.set](auto& value, auto& what) {
+      given_ = true;
+      set(value, what);
+    };
+  all.insert(all.end(), own.begin(), own.end());
+  return all;
+}
+
+void PacketSpec::set_command(const std::string& command) {
+  if (command.empty()) throw UsageError("the command is empty, and no receiver accepts that");
+  command_ = bounded(command, max_command, "the command");
+  given_ = true;
+}
+
+void PacketSpec::add_argument(const std::string& text) {
+  const std::string what = "argument " + std::to_string(++arguments_);
+  if (arguments_ > max_arguments) throw UsageError("a packet has at most 255 arguments");
+  const auto [type, value] = split_type(text);
+  if (type == "uint64")
+    writes_.push_back([number = parse_uint64(value, what)](comm_socket_v4_packet& p) {
+      return p.write_argv_uint64(number);
+    });
+  else if (type == "int64")
+    writes_.push_back([number = parse_int64(value, what)](comm_socket_v4_packet& p) {
+      return p.write_argv_int64(number);
+    });
+  else if (type == "double")
+    writes_.push_back([number = parse_double(value, what)](comm_socket_v4_packet& p) {
+      return p.write_argv_double(number);
+    });
+  else if (!type.empty() && type != "text")
+    throw UsageError(what + ": " + type + " is for pairs only; text:" + text + " is a text");
+  else if (value.empty())
+    throw UsageError(what + ": an empty text cannot be sent as an argument");
+  else
+    writes_.push_back([bytes = bounded(value, max_packet_length, what)](comm_socket_v4_packet& p) {
+      return p.write_argv(bytes.c_str());
+    });
+}
+
+void PacketSpec::add_pair(std::string_view text) {
+  const std::size_t equals = text.find('=');
+  if (equals == std::string_view::npos)
+    throw UsageError("--pair: " + in_quotes(text) + " is not NAME=VALUE");
+  if (++pairs_ > max_pairs) throw UsageError("a packet has at most 4095 pairs");
+  const std::string name(text.substr(0, equals));
+  bounded(name, max_name, "a pair's name");
+  const auto [type, value] = split_type(std::string(text.substr(equals + 1)));
+  add_typed_pair(name, type, value);
+}
+
+void PacketSpec::add_typed_pair(const std::string& name, const std::string& type,
+                                const std::string& value) {
+  const std::string what = "pair " + in_quotes(name);
+  const auto bytes = [&what](const std::string& given) {
+    return names_file(given) ? named_file(given) : parse_hex(given, what);
+  };
+  if (type == "uint64") {
+    add_numbers(name, parse_list(value, [&](auto n) { return parse_uint64(n, what); }),
+                comm_v4_type_uint64);
+  } else if (type == "int64") {
+    add_numbers(name, parse_list(value, [&](auto n) { return parse_int64(n, what); }),
+                comm_v4_type_int64);
+  } else if (type == "double") {
+    add_numbers(name, parse_list(value, [&](auto n) { return parse_double(n, what); }),
+                comm_v4_type_double);
+  } else if (type == "json") {
+    add_bytes(name, comm_v4_type_json, names_file(value) ? named_file(value) : value);
+  } else if (type == "binary") {
+    add_bytes(name, comm_v4_type_binary, bytes(value));
+  } else if (type == "fourcc") {
+    const std::size_t colon = value.find(':', 1);
+    if (colon == std::string::npos)
+      throw UsageError(what + ": " + in_quotes(value) + " is not CODE:VALUE");
+    add_bytes(name, parse_code(value.substr(0, colon), what), bytes(value.substr(colon + 1)));
+  } else {
+    add_bytes(name, comm_v4_type_text, value);
+  }
+}
+
+void PacketSpec::add_bytes(const std::string& name, std::uint32_t type, const std::string& bytes) {
+  writes_.push_back([name, type, bytes](comm_socket_v4_packet& p) {
+    return p.write_nv_pair_raw(name.c_str(), reinterpret_cast<const unsigned char*>(bytes.data()),
+                               bytes.size(), type);
+  });
+}
+
+template <class Number>
+void PacketSpec::add_numbers(const std::string& name, std::vector<Number> numbers,
+                             std::uint32_t type) {
+  add_bytes(
+      name, type,
+      std::string(reinterpret_cast<const char*>(numbers.data()), numbers.size() * sizeof(Number)));
+}
+
+void PacketSpec::attach(const std::string& path, int flags) {
+  if (descriptors_.size() == max_descriptors)
+    throw UsageError("at most 8 descriptors can be attached");
+  descriptors_.push_back(open_file(path, flags));
+}
+
+void PacketSpec::set_multipart(const std::string& part, const std::string& name) {
+  const std::string parts[] = {"none", "first", "middle", "last"};
+  for (std::uint32_t i = comm_socket_v4_packet::multipart_first; i < std::size(parts); ++i) {
+    if (part != parts[i]) continue;
+    multipart_ = i;
+    return;
+  }
+  throw UsageError(name + ": " + in_quotes(part) + " is not first, middle or last");
+}
+
+// --- To a packet --------------------------------------------------------------------------------
+
+PacketPtr PacketSpec::build(const comm_socket_v4_packet* request) const {
+  PacketPtr packet = new_packet();
+  packet->flags = multipart_ << comm_socket_v4_packet::multipart_shift;
+  packet->set_async(async_);
+  packet->set_request(request == nullptr);
+  packet->stream_id = stream_id_.value_or(request != nullptr ? request->stream_id : 0);
+  packet->message_id = message_id_.value_or(request != nullptr ? request->message_id : 0);
+  packet->error_code = error_code_;
+  const std::string command = command_.value_or(request != nullptr ? request->command() : "");
+  bool written = packet->write_begin(command.c_str(), error_string_.c_str(), 0) == 0;
+  for (const Write& write : writes_) written = written && write(*packet) == 0;
+  const auto* const data = reinterpret_cast<const unsigned char*>(data_.data());
+  written = written && packet->write_data_binary(data, data_.size()) >= 0;
+  if (!written || packet->write_end() != 0) throw std::bad_alloc();
+  if (packet->buffer_length > max_packet_length)
+    throw UsageError("the packet has " + std::to_string(packet->buffer_length) +
+                     " bytes, a receiver takes at most " + std::to_string(max_packet_length));
+  for (const OwnedFd& descriptor : descriptors_)
+    if (!packet->attach_fd_to_send(descriptor.get()))
+      throw system_failure("cannot attach a descriptor");
+  return packet;
+}
+
+PacketPtr begin_answer(const comm_socket_v4_packet& request, std::uint64_t error_code,
+                       const std::string& error_string) {
+  PacketPtr packet = new_packet();
+  packet->stream_id = request.stream_id;
+  packet->message_id = request.message_id;
+  packet->error_code = error_code;
+  if (packet->write_begin(request.command(), error_string.c_str(), 0) != 0) throw std::bad_alloc();
+  return packet;
+}

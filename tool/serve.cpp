@@ -1,0 +1,170 @@
+// tarn-comm serve: a server that shows what it is sent, and answers.
+#include <signal.h>
+#include <sys/wait.h>
+#include <tarn_utils_v4/comm.h>
+
+#include <cstddef>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tool/packet_server.h"
+#include "tool/packet_spec.h"
+#include "tool/request_command.h"
+
+namespace {
+
+constexpr char help[] =
+    "usage: tarn-comm serve [OPTION...] PATH [COMMAND [ARG...]]\n"
+    "Listens on PATH, prints every packet and who sent it, and answers it: with the packet "
+    "itself,\n"
+    "descriptors included, or as the options say. Ends on SIGINT and SIGTERM, and removes the\n"
+    "socket file.\n\n"
+    "With a COMMAND or an option for the packet, every answer is that packet. Ids and COMMAND are\n"
+    "those of the request unless they are given. An error is an answer with --error-code.\n\n"
+    "  -e, --exec SHELL-COMMAND  answer with the output of a command that is run for each request\n"
+    "  -T, --exec-timeout SECONDS\n"
+    "                            kill the command then (30)\n" SERVER_OPTIONS_HELP
+        PACKET_OPTIONS_HELP
+    "\nA command of --exec finds the data on its standard input, the arguments in $1 and so on, "
+    "and\n"
+    "the rest in TARN_COMM_COMMAND, TARN_COMM_STREAM_ID, TARN_COMM_MESSAGE_ID, TARN_COMM_PID,\n"
+    "TARN_COMM_UID and TARN_COMM_GID. Its standard output is the data of the answer; an exit "
+    "status\n"
+    "other than 0 is its error code. A client has one command at a time, other clients do not "
+    "wait.\n"
+    "\nExit status: 0 after a signal, 1 when something failed, 2 for wrong usage.\n";
+
+struct Settings : ServerSettings {
+  PacketSpec answer;
+  std::optional<std::string> command;
+  std::uint64_t command_timeout_us = 30'000'000;
+};
+
+void parse(int argc, char** argv, Settings& settings) {
+  const std::vector<std::string> words =
+      parse_options(serve_subcommand, argc, argv,
+                    settings.options(settings.answer.options(
+                        {text_option("exec", 'e', settings.command),
+                         seconds_option("exec-timeout", 'T', settings.command_timeout_us)})),
+                    {"PATH"}, SIZE_MAX);
+  settings.path = words[0];
+  if (words.size() > 1) settings.answer.set_command(words[1]);
+  for (std::size_t i = 2; i < words.size(); ++i) settings.answer.add_argument(words[i]);
+  if (settings.command.has_value() && !settings.answer.empty())
+    throw UsageError("--exec and an answer of its own exclude each other");
+}
+
+// The packet as it came, with one bit changed.
+void make_answer_of(comm_socket_v4_packet& packet) {
+  packet.make_response();
+  std::memcpy(packet.buffer + offsetof(comm_socket_v4_packet_header, flags), &packet.flags,
+              sizeof(packet.flags));
+  allow_sending_on(packet);
+}
+
+PacketPtr error_answer(const comm_socket_v4_packet& request, std::uint64_t code,
+                       const std::string& text) {
+  PacketPtr answer = begin_answer(request, code, text);
+  if (answer->write_end() != 0) throw std::bad_alloc();
+  return answer;
+}
+
+PacketPtr answer_of_command(const comm_socket_v4_packet& request, const CommandResult& result) {
+  constexpr std::uint64_t killed = 128;  // as a shell counts, the signal's number is added
+  const char* const too_long = "the command's output is longer than a packet";
+  if (result.too_long) return error_answer(request, killed + SIGKILL, too_long);
+  if (result.timed_out)
+    return error_answer(request, killed + SIGKILL, "the command was not done in time");
+  std::uint64_t code = 0;
+  std::string error;
+  if (WIFSIGNALED(result.wait_status)) {
+    code = killed + static_cast<std::uint64_t>(WTERMSIG(result.wait_status));
+    error = std::string("the command was killed: ") + ::strsignal(WTERMSIG(result.wait_status));
+  } else if (WEXITSTATUS(result.wait_status) != 0) {
+    code = static_cast<std::uint64_t>(WEXITSTATUS(result.wait_status));
+    error = "the command exited with status " + std::to_string(code);
+  }
+  PacketPtr answer = begin_answer(request, code, error);
+  const auto* const data = reinterpret_cast<const unsigned char*>(result.output.data());
+  if (answer->write_data_binary(data, result.output.size()) < 0 || answer->write_end() != 0)
+    throw std::bad_alloc();
+  if (answer->buffer_length > max_packet_length)
+    return error_answer(request, killed + SIGKILL, too_long);
+  return answer;
+}
+
+struct ServedPeer : Peer {
+  PacketPtr request;  // the last one
+  std::unique_ptr<RequestCommand> running;
+};
+
+class AnsweringServer : public PacketServer {
+ public:
+  explicit AnsweringServer(const Settings& settings)
+      : PacketServer(settings), settings_(settings) {}
+
+ private:
+  std::unique_ptr<Peer> make_peer() override { return std::make_unique<ServedPeer>(); }
+
+  void on_packet(Peer& peer, PacketPtr packet) override {
+    say(peer.name() + ": " + summary(*packet), *packet);
+    auto& served = static_cast<ServedPeer&>(peer);
+    served.request = std::move(packet);
+    try {
+      answer(served);
+    } catch (const Failure& failure) {
+      say(peer.name() + ": " + failure.what());
+      send(peer, *error_answer(*served.request, 1, failure.what()));
+    }
+  }
+
+  void answer(ServedPeer& peer) {
+    comm_socket_v4_packet& request = *peer.request;
+    if (settings_.command.has_value()) {
+      peer.running = std::make_unique<RequestCommand>(
+          loop(), *settings_.command, request, peer.cred, settings_.command_timeout_us,
+          [this, &peer](const CommandResult& result) { finish_command(peer, result); });
+    } else if (!settings_.answer.empty()) {
+      send(peer, *settings_.answer.build(&request));
+    } else {
+      make_answer_of(request);
+      send(peer, request);
+    }
+  }
+
+  void finish_command(ServedPeer& peer, const CommandResult& result) {
+    send(peer, *answer_of_command(*peer.request, result));
+    peer.running.reset();
+    update(peer);
+  }
+
+  // One that does not read its answers holds up nobody but itself, and fills no memory.
+  void update(Peer& peer) override {
+    peer.paused =
+        static_cast<ServedPeer&>(peer).running != nullptr || !peer.queue.queued_packets.empty();
+    PacketServer::update(peer);
+  }
+
+  const Settings& settings_;
+};
+
+// An answer that is too long is known at once, however long the command of the request.
+void check_answer(const PacketSpec& answer) {
+  const PacketPtr request = new_packet();
+  if (request->write_begin(std::string(255, 'x').c_str(), nullptr, 0) != 0) throw std::bad_alloc();
+  answer.build(request.get());
+}
+
+int run(int argc, char** argv) {
+  Settings settings;
+  parse(argc, argv, settings);
+  check_answer(settings.answer);
+  AnsweringServer(settings).run();
+  return exit_ok;
+}
+
+}  // namespace
+
+const Subcommand serve_subcommand = {"serve", "listen, print packets and answer them", help, run};
