@@ -1,0 +1,198 @@
+#!/usr/bin/env bash
+# Runs the command-line tool, whose path is given, as its users do.
+set -uo pipefail
+[ -n "${BOUNDED-}" ] || BOUNDED=yes exec timeout 110 "$0" "$@"
+tool=$(realpath "$1") && [ -x "$tool" ] || exit 1
+scratch=$(mktemp -d)
+cd "$scratch" || exit 1
+trap 'kill $(jobs -p) 2> /dev/null; wait; rm -rf "$scratch"' EXIT
+failures=0
+
+# check WHAT COMMAND...
+check() {
+  "${@:2}" && return
+  echo "FAILED: ${1:0:1000}"
+  failures=$((failures + 1))
+}
+
+# expect STATUS PATTERN WORD...
+# Runs the tool with the words: its exit status, and a line of what it prints, are as given. No line
+# may come from the library itself.
+expect() {
+  timeout 20 "$tool" "${@:3}" > out 2> err < input
+  local status=$?
+  [ $status -eq "$1" ] && grep -qE -e "$2" out err - <<< "" &&
+    ! grep -q comm_socket_v4 err && return
+  check "tarn-comm ${*:3}: status $status, wanted $1 and '$2': $(head -20 out err)" false
+}
+
+# start PATH WORD...
+# Runs the tool in the background, until it listens on PATH; its output goes to PATH.out.
+declare -A running
+start() {
+  "$tool" "${@:2}" > "$1.out" 2>&1 &
+  running[$1]=$!
+  for _ in {1..500}; do [ -S "$1" ] && return; sleep 0.01; done
+  check "no socket $1" false
+}
+
+# stop SIGNAL PATH
+# The one that listens on PATH ends well, takes its socket file along, and the library was content.
+stop() {
+  kill "-$1" "${running[$2]}" && wait "${running[$2]}"
+  check "status after SIG$1: $?" [ $? -eq 0 ]
+  check "socket file after SIG$1" [ ! -e "$2" ]
+  check "lines of the library in $2.out" [ "$(grep -c comm_socket_v4 "$2.out")" -eq 0 ]
+}
+
+# raw PATH FILE PERL
+# A client that follows no rules: $p holds the file, S is the connection.
+raw() {
+  perl -MSocket -e 'alarm 15; ($path, $file, $code) = @ARGV; open F, $file; $/ = undef; $p = <F>;
+    socket S, AF_UNIX, SOCK_SEQPACKET, 0; connect S, sockaddr_un $path or die $!;
+    eval $code; die $@ if $@' "$@"
+}
+
+patch() {  # FILE OFFSET BYTES
+  printf '%b' "$3" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none
+}
+
+echo content | tee file > input
+
+# --- Usage
+expect 2 "^usage: tarn-comm COMMAND"
+expect 0 "^tarn-comm [0-9.]+$" --version
+expect 2 "^tarn-comm: unknown command 'fry'" fry
+for command in call serve ping proxy decode; do
+  expect 0 "^usage: tarn-comm $command" "$command" --help
+  expect 2 "^tarn-comm $command: unrecognized option '--nonsense'" "$command" --nonsense
+done
+expect 0 "sees the proxy's process, user and group ids" proxy --help
+expect 2 "call: PATH is empty" call "" x
+expect 2 "ping: --count: '0' is out of range" ping -c 0 s
+expect 2 "serve: the path has 120 characters" serve "$(printf '%0120d' 0)"
+expect 2 "serve: --exec and an answer of its own exclude" serve --exec true s answer
+expect 2 "argument 2: '12x' is not a number" call s x ok uint64:12x
+expect 2 "argument 1: '9223372036854775808' is out of range" call s x int64:9223372036854775808
+expect 2 "argument 1: an empty text" call s x ""
+expect 2 "argument 1: json is for pairs only" call s x json:1
+expect 2 "pair 'n': '' is not a number" call s x -p n=uint64:1,
+expect 2 "pair 'b': 'abc' is not made of pairs" call s x -p b=binary:abc
+expect 2 "the packet has 655[0-9]* bytes, a receiver takes at most 65551" \
+  call s x -p "t=$(printf '%065500d' 0)"
+expect 1 "call: cannot open 'missing': No such file" call s x --fd missing
+expect 1 "call: cannot connect to 's': No such file" call s x
+expect 1 "serve: cannot listen on 'file': .*already occupied by file" serve file
+
+# --- An echo, and every kind of value
+start echo serve echo
+expect 1 "serve: cannot listen on 'echo': .*another process is listening" serve echo
+# shellcheck disable=SC2054  # The commas belong to the values.
+all=(hello text:a:b uint64:0xff int64:-9223372036854775808 double:-0.5 -p empty= -p 'j=json:{"a":1}'
+  -p u=uint64:1,0x10 -p i=int64:-1,2 -p d=double:1.5 -p none=uint64: -p b=binary:00ff
+  -p c=fourcc:ABCD:0102 -p "f=binary:@file" -d bytes --async --multipart last --stream-id 5
+  --message-id 0x10)
+expect 0 "Asynchronous Response" call echo "${all[@]}"
+for line in "client 1 \(pid [0-9]+, uid $UID, gid [0-9]+\): 'hello'" 'Message ID: 0x10' \
+  'Stream ID:  0x5' 'Multipart:  Last' 'Command:    hello' \
+  'Argv\[0\]:    a:b' 'Argv\[1\]: .*00ff' 'Argv\[2\]:    -9223372036854775808' \
+  'Argv\[3\]:    -0\.50*' '^empty: ' '^j:\(JSON\) \{"a":1\}' '^u:\(UINT64\) 0*1 0*10 $' \
+  '^i:\(INT64\) -1 2 $' '^d:\(DOUBLE\) 1\.50* $' '^none:\(UINT64\) $' '^b:\(BINARY\) 00 ff $' \
+  "^c:\('ABCD'\) 01 02 $" '^f:\(BINARY\) 63 6f .* 0a $' 'Data:       5 bytes' '^bytes$'; do
+  check "$line in the response" grep -qE "$line" out echo.out
+done
+expect 0 "^Command@63: 'x'" call echo x -f full
+expect 1 "the response is error 7: sour" call echo x -f none --error-code 7 --error-string sour
+expect 0 "" call --no-reply echo "once only"
+check "nothing is printed of it" [ ! -s out ]
+printf 'a\033[1mb\0c' > input
+expect 0 'a\\x1b\[1mb\\x00c' call echo x -D -
+expect 0 "" call echo x -D - -f data
+check "data as it is" cmp -s input out
+expect 0 "Descriptors: 2" call echo x --fd file --fd-rw new --save-fds saved
+check "a saved descriptor" cmp -s file saved/descriptor-0
+expect 1 "folder 'saved' is not empty" call echo x --save-fds saved
+
+# --- ping
+expect 0 "^3 sent, 3 answered, 0% lost" ping -c 3 -i 0.01 -s 1000 echo
+check "a line each" [ "$(grep -c "^1068 bytes from echo: seq=[123] time=" out)" -eq 3 ]
+check "percentiles" grep -qE '^percentiles 50/90/99/99.9 = ([0-9.]+[/ ]){4}ms$' out
+"$tool" ping -q -i 0 echo > interrupted &
+sleep 0.3
+kill -INT $! && wait $!
+check "statistics after SIGINT" grep -qE "^([0-9]+) sent, \1 answered, 0% lost" interrupted
+stop TERM echo
+
+# --- Other answers
+start fixed serve -q fixed answer uint64:1 --error-code 3 --error-string "not today" --fd file
+expect 1 "Message ID: 0x9" call fixed question --message-id 9
+expect 1 "the response is error 3: not today" call fixed question -f none --save-fds given
+check "the server's file" cmp -s file given/descriptor-0
+stop INT fixed
+
+# shellcheck disable=SC2016  # The served shell expands these.
+start exec serve --exec-timeout 3 exec \
+  --exec 'cat; echo "$#,$1,$2,$TARN_COMM_COMMAND,$TARN_COMM_UID"; [ "$1" != slow ] || sleep 9
+          exit "${3:-0}"'
+expect 0 "^2,a b;true,-5,run,$UID$" call exec run "a b;true" int64:-5
+expect 0 "^content$" call exec run -D file
+expect 1 "Error str:  the command exited with status 7" call exec run a b 7
+"$tool" call exec run slow > killed &
+slow=$!
+sleep 0.2
+expect 0 "^1,fast" call exec run fast
+check "no waiting for another's command" kill -0 $slow
+wait $slow
+check "an error for a command that takes too long" grep -q "was not done in time" killed
+expect 1 "no response in time" call -t 0.5 exec run slow
+kill -STOP "${running[exec]}"
+expect 1 "^2 sent, 0 answered, 100% lost" ping -c 2 -i 0 -W 0.1 exec
+kill -CONT "${running[exec]}"
+stop TERM exec
+
+# --- Between a client and a server
+start server serve -f none server
+start proxy proxy -f none --save packets proxy server
+expect 0 "Argv" call proxy "${all[@]}" --fd file --save-fds passed
+check "a descriptor through the proxy" cmp -s file passed/descriptor-0
+check "a request" grep -qE "client 1 .* -> server: 'hello', .* 1 descriptor, saved" proxy.out
+check "its answer" grep -qE "client 1 .* <- server: 'hello', .* 1 descriptor, saved" proxy.out
+expect 0 "^100 sent, 100 answered" ping -q -c 100 -i 0 -s 20000 proxy
+pids=()
+for i in {1..50}; do
+  timeout 20 "$tool" call proxy x -d "$i" -f data > "many$i" 2>&1 & pids+=($!)
+done
+wait "${pids[@]}"
+for i in {1..50}; do check "client $i: $(cat "many$i")" [ "$(cat "many$i")" = "$i" ]; done
+cp packets/000001-* good
+cp good bad && patch bad 44 '\x7f'
+# shellcheck disable=SC2016  # Perl expands these.
+check "only the invalid packet is lost" raw proxy bad 'send S, $p, 0; substr($p, 44, 1) = "\x04";
+  send S, $p, 0; recv S, $r, 70000, 0; length $r == length $p or die "no answer"'
+# shellcheck disable=SC2016
+check "who reads no answers is held up, and loses none" raw proxy good 'for (; $waits < 50;) {
+  substr($p, 16, 8) = pack "Q", $n; $n < 2000 or die "no limit";
+  if (send S, $p, MSG_DONTWAIT) { $n++; $waits = 0 } else { $waits++; select $x, $x, $x, 0.01 } }
+  for (0 .. $n - 1) { recv S, $r, 70000, 0; unpack("x16Q", $r) == $_ or die "out of order" }'
+expect 1 "proxy: folder 'packets' is not empty" proxy --save packets again server
+stop TERM proxy
+start lonely proxy lonely nowhere
+expect 1 "the server closed the connection" call lonely x
+check "the proxy says why" grep -q "cannot connect to 'nowhere': No such file" lonely.out
+stop HUP lonely
+
+# --- decode
+for packet in packets/00000*; do expect 0 "^.Command: " decode "$packet"; done
+broken() {  # OFFSET BYTES PATTERN
+  cp good bad && patch bad "$1" "$2" && expect 1 "'bad' is no valid packet: $3" decode bad
+}
+word_at() { od -An -t u4 -j "$1" -N 4 good | tr -d ' '; }
+argv=$(word_at 45) pairs=$(word_at 51)
+broken 0 'x' "sighdr wrong \(sighdr at byte 0 is [0-9]+; the packet has [0-9]+ bytes\)"
+broken 40 '\0\0\0\0' "command string .*\(command_offset at byte 40 is 0;"
+broken $((argv + 7)) '\x09' "argv\[1\] unsupported type 9 .*type_code at byte $((argv + 7)) is 9;"
+broken $((pairs + 24)) '\xff\xff' "nv_pair\[1\] value.*_length at byte $((pairs + 24)) is 65535;"
+head -c 63 good > input
+expect 1 "input is no valid packet: too short: the packet has 63 bytes, at least 64" decode
+
+[ $failures -eq 0 ]
