@@ -1,0 +1,317 @@
+// Raw peers against a server and against a client endpoint: any records and descriptors, and the
+// calls of an application's loop, in any order. In the end nothing may be left over.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <deque>
+#include <filesystem>
+#include <utility>
+#include <vector>
+
+#include "fuzz/harness.h"
+#include "suite/time.h"
+
+namespace {
+
+const int some_file = open("/dev/null", O_RDWR);
+// Every slot and every kept packet may hold 60.
+const int raised_limit = [] {
+  const struct rlimit limit = {4096, 4096};
+  return setrlimit(RLIMIT_NOFILE, &limit);
+}();
+const std::string server_path = "@comm_fuzz_" + std::to_string(getpid());
+
+std::ptrdiff_t count_descriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+// A complete packet with this argument and so many descriptors.
+Packet make_packet(const std::string& argument, std::size_t descriptors) {
+  Packet p(comm_socket_v4_packet_create());
+  p->write_begin("ping", nullptr, 0);
+  p->write_argv(argument.c_str());
+  for (std::size_t i = 0; i < descriptors; ++i) p->attach_fd_to_send(some_file);
+  p->write_end();
+  return p;
+}
+
+// Sends bytes and descriptors past the library.
+bool send_record(int fd, std::string bytes, std::size_t descriptors) {
+  const std::size_t size = descriptors * sizeof(int);
+  alignas(struct cmsghdr) unsigned char control[CMSG_SPACE(61 * sizeof(int))];
+  auto* const rights = reinterpret_cast<struct cmsghdr*>(control);
+  *rights = {CMSG_LEN(size), SOL_SOCKET, SCM_RIGHTS};
+  for (std::size_t at = 0; at < size; at += sizeof(int))
+    std::memcpy(CMSG_DATA(rights) + at, &some_file, sizeof(int));
+  struct iovec part = {bytes.data(), bytes.size()};
+  const struct msghdr message = {nullptr, 0, &part, 1, control, size > 0 ? CMSG_SPACE(size) : 0, 0};
+  return sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+}
+
+// What was sent. A sound record may not get lost: it is valid, and not too long.
+struct Record {
+  std::string bytes;
+  std::size_t descriptors;
+  bool sound;
+};
+
+// A packet that arrives is the next that was sent, but for those that may get lost.
+void expect_next(std::deque<Record>& sent, const comm_socket_v4_packet& p) {
+  for (bool found = false; !found; sent.pop_front()) {
+    REQUIRE(!sent.empty());
+    const Record& next = sent.front();
+    found = next.bytes == bytes_of(p) && next.descriptors == p.attached_fd_count();
+    REQUIRE(found || !next.sound);
+  }
+}
+
+// The far end of a connection, and what is under way in both directions.
+struct Peer {
+  comm_socket_v4 end;
+  unsigned long slot = COMM_V4_NO_INDEX;
+  bool taken = false, in_callback = false;
+  std::deque<Record> to_library, from_library;
+  CommLargePacketQueue queue;
+};
+
+class World {
+ public:
+  explicit World(const Input& in) : in_(in) {
+    current = this;
+    comm_socket_v4_debug_logging(&server_);
+    comm_socket_v4_debug_logging(&client_);
+    reopen_server();
+  }
+  bool goes_on() const { return !in_.empty(); }
+
+  // What could arrive has arrived.
+  void finish() {
+    for (std::uint64_t i = 0; i <= serial_; ++i) take_from_server();
+    for (const Peer& peer : peers_) {
+      const comm_socket_v4_client* const c = record(peer);
+      if (c != nullptr && c->client_is_open() && c->halt == 0)
+        for (const Record& left : peer.to_library) REQUIRE(!left.sound);
+    }
+  }
+
+  void step() {
+    constexpr void (World::*steps[])() = {&World::connect,
+                                          &World::accept,
+                                          &World::peer_send,
+                                          &World::peer_receive,
+                                          &World::peer_close,
+                                          &World::idle,
+                                          &World::wait,
+                                          &World::retrieve,
+                                          &World::send,
+                                          &World::disconnect,
+                                          &World::take_disconnected,
+                                          &World::free_client,
+                                          &World::open_client,
+                                          &World::reopen_server};
+    (this->*steps[in_.one_of("capgqiwrsdtfon")])();
+    for (const comm_socket_v4_client& c : server_.client) check(c);
+  }
+
+ private:
+  static inline World* current;
+
+  Peer& any_peer() { return peers_[in_.below(std::size(peers_))]; }
+  bool is_client(const Peer& peer) const { return &peer == peers_; }
+  comm_socket_v4_client* record(const Peer& peer) { return server_.index2client(peer.slot); }
+  Peer& peer_of(const comm_socket_v4_client* c) {
+    return *std::find_if(peers_, std::end(peers_), [&](Peer& peer) { return record(peer) == c; });
+  }
+
+  // An ended connection is on the list once, until it is taken from it; any other is not.
+  void check(const comm_socket_v4_client& c) {
+    const bool ended = c.status.disconnected || c.status.error;
+    const auto index = static_cast<std::uint64_t>(&c - server_.client.data());
+    const auto& list = server_.disconnect_list;
+    REQUIRE(c.client_fd >= 0 ? c.server == &server_ : !ended && !c.next_packet && !c.server);
+    REQUIRE(std::count(list.begin(), list.end(), index) == (ended && !peer_of(&c).taken ? 1 : 0));
+  }
+
+  // --- Connections: how they begin and end ------------------------------------------------------
+
+  void reopen_server() {
+    comm_socket_v4_close(&server_);
+    for (Peer& peer : peers_) forget(peer);
+    waiting_ = nullptr;
+    REQUIRE(comm_socket_v4_create_server(&server_, server_path.c_str()) == 0);
+  }
+
+  // A second connection would have to wait for the accept of the first.
+  void connect() {
+    Peer& peer = any_peer();
+    if (is_client(peer) || waiting_ != nullptr || record(peer) != nullptr) return;
+    REQUIRE(comm_socket_v4_connect_to(&peer.end, server_path.c_str()) == 0);
+    peer.to_library.clear();
+    peer.from_library.clear();
+    waiting_ = &peer;
+  }
+
+  void accept() {
+    comm_socket_v4_client* const c = comm_socket_v4_accept_connection(&server_);
+    if (c == nullptr) return REQUIRE(errno == EAGAIN && waiting_ == nullptr);
+    std::exchange(waiting_, nullptr)->slot = comm_socket_v4_client_ptr2index(c);
+    const int smallest = 0;
+    if (in_.yes()) setsockopt(c->client_fd, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof(smallest));
+    c->set_recv_cb([](comm_socket_v4_client* from, comm_socket_v4_packet* p) {
+      return current->on_packet(current->peer_of(from), *p);
+    });
+  }
+
+  // Opens the client endpoint, or closes it.
+  void open_client() {
+    Peer& peer = peers_[0];
+    int ends[2];
+    if (client_.socket_open() || comm_socket_v4_make_socketpair(ends) != 0) {
+      comm_socket_v4_close(&client_);
+      return;
+    }
+    comm_socket_v4_close(&peer.end);
+    REQUIRE(comm_socket_v4_connect_use_socketpair(&client_, ends[0]) == 0);
+    REQUIRE(comm_socket_v4_connect_use_socketpair(&peer.end, ends[1]) == 0);
+    client_.set_recv_cb([](comm_socket_v4*, comm_socket_v4_packet* p) {
+      return current->on_packet(current->peers_[0], *p);
+    });
+    // Of the last connection, only the packet that the endpoint holds is still to come.
+    for (Record& record : peer.to_library) record.sound = false;
+    peer.from_library.clear();
+  }
+
+  void peer_close() { comm_socket_v4_close(&any_peer().end); }
+
+  void disconnect() {
+    comm_socket_v4_client* const c = record(any_peer());
+    if (c != nullptr) comm_socket_v4_disconnect_client(c);
+  }
+
+  void take_disconnected() {
+    comm_socket_v4_client* const c = comm_socket_v4_get_disconnected_client(&server_);
+    if (c != nullptr) REQUIRE(!c->client_is_open() && !std::exchange(peer_of(c).taken, true));
+  }
+
+  void free_client() {
+    Peer& peer = any_peer();
+    if (record(peer) == nullptr || peer.in_callback) return;
+    comm_socket_v4_free_client(record(peer));
+    forget(peer);
+  }
+
+  // The slot of this peer is empty. What is still queued for it is not sent any more.
+  void forget(Peer& peer) {
+    peer.from_library.resize(peer.from_library.size() - peer.queue.queued_count);
+    peer.queue.dump_queued_packets();
+    peer.slot = COMM_V4_NO_INDEX;
+    peer.taken = false;
+  }
+
+  // --- What crosses them ------------------------------------------------------------------------
+
+  void peer_send() {
+    constexpr std::size_t counts[] = {0, 1, 60, 61};
+    Peer& peer = any_peer();
+    const std::size_t form = in_.below(5), count = counts[in_.below(std::size(counts))];
+    std::string bytes = bytes_of(*make_packet(std::to_string(++serial_), 0));
+    if (form == 1) bytes[in_.below(bytes.size())] = static_cast<char>(in_.below(0x100));
+    if (form == 2) bytes = in_.text();
+    if (form >= 3) bytes.resize(65548 + form);  // the longest that is received, and one more
+    const bool sound = (form == 0 || form == 3) && count <= 60;
+    if (send_record(peer.end.socket_fd, bytes, count))
+      peer.to_library.push_back({bytes, count, sound});
+  }
+
+  void peer_receive() {
+    Peer& peer = any_peer();
+    const Packet p(comm_socket_v4_client_get_packet_from_server(&peer.end));
+    if (p != nullptr) expect_next(peer.from_library, *p);
+  }
+
+  void send() {
+    Peer& peer = any_peer();
+    Packet p = make_packet(in_.text(), in_.below(3));
+    if (in_.yes() && !kept_.empty()) p.swap(kept_.back());
+    const std::size_t count = p->attached_fd_count();
+    const int sent = is_client(peer) ? comm_socket_v4_packet_send_to_server(&client_, p.get())
+                                     : peer.queue.send_packet(record(peer), p.get());
+    REQUIRE(sent >= 0 || peer.queue.queued_count == 0);
+    if (sent > 0) peer.from_library.push_back({bytes_of(*p), count, p->buffer_length <= 65551});
+  }
+
+  void take_from_server() {
+    comm_socket_v4_client* from;
+    Packet p(comm_socket_v4_server_get_packet(&server_, &from));
+    if (p != nullptr) receive(std::move(p), peer_of(from));
+  }
+
+  void retrieve() {
+    Peer& peer = any_peer();
+    if (record(peer) != nullptr) record(peer)->halt = in_.yes();
+    if (!is_client(peer)) return take_from_server();
+    Packet p(comm_socket_v4_client_get_packet_from_server(&client_));
+    if (p != nullptr) receive(std::move(p), peer);
+  }
+
+  void receive(Packet p, Peer& from) {
+    read_everything(*p);
+    expect_next(from.to_library, *p);
+    keep(std::move(p));
+  }
+
+  void keep(Packet p) {
+    if (kept_.size() >= 16) kept_.clear();
+    kept_.push_back(std::move(p));
+  }
+
+  int on_packet(Peer& peer, comm_socket_v4_packet& p) {
+    const std::size_t act = in_.one_of(".rkaifdc");
+    peer.in_callback = true;
+    if (act == 1) expect_next(peer.to_library, p);
+    if (act == 2 && p.addref() > 0) keep(Packet(&p));
+    if (act == 3) accept();
+    if (act == 4) idle();
+    if (act == 5) free_client();
+    if (act == 6) disconnect();
+    if (act == 7 && is_client(peer)) comm_socket_v4_close(&client_);
+    peer.in_callback = false;
+    return act == 1 ? -1 : 0;
+  }
+
+  void idle() {
+    REQUIRE(comm_socket_v4_idle(&server_) == 0);
+    comm_socket_v4_idle(&client_);
+  }
+
+  void wait() {
+    const unsigned long deadline = in_.yes() ? monotonic_clock_us() + 2 : 0;
+    comm_socket_v4_server_from_client_readable(&server_, deadline);
+    comm_socket_v4_client_from_server_readable(&client_, deadline);
+    comm_socket_v4_wait_for_client_to_server_writeable(&client_, deadline);
+    comm_socket_v4_wait_for_server_to_client_writeable(record(any_peer()), deadline);
+  }
+
+  Input in_;
+  comm_socket_v4 server_, client_;
+  Peer peers_[18];           // the first is the client endpoint's; the others outgrow the table
+  Peer* waiting_ = nullptr;  // to be accepted
+  std::vector<Packet> kept_;
+  std::uint64_t serial_ = 0;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::ptrdiff_t before = count_descriptors();
+  {
+    World world({data, size});
+    while (world.goes_on()) world.step();
+    world.finish();
+  }
+  REQUIRE(count_descriptors() == before);
+  return 0;
+}
