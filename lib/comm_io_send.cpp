@@ -18,9 +18,16 @@ namespace {
 // What differs between sending to one of a server's clients and on an endpoint's own socket.
 struct SendSide {
   comm_socket_v4* endpoint;  // logs
-  int fd;
-  int closed_errno;  // the answer when the connection is not open, 0 when it is
-  bool to_client;
+  const ClientSlot* client;  // null when sending on the endpoint's own socket
+  int closed_errno;          // the answer when the connection is not open, 0 when it is
+
+  bool to_client() const { return client != nullptr; }
+  // Looked up when it is needed: the completion callback may have closed or released anything.
+  int fd() const {
+    if (!to_client()) return endpoint->socket_fd;
+    const comm_socket_v4_client* const record = client->record();
+    return record != nullptr ? record->client_fd : -1;
+  }
 };
 
 // Fills the control area with the packet's descriptors. Without any, or with more than it holds,
@@ -30,9 +37,10 @@ void attach_descriptors(const SendSide& side, const comm_socket_v4_packet& p, ch
   const std::size_t size = p.attached_fd.size() * sizeof(int);
   if (size == 0) return;
   if (p.attached_fd.size() > COMM_V4_MAX_SEND_FDS) {
-    comm_socket_v4_warning(
-        side.endpoint, side.to_client ? "send_to_client(): too many file descriptors, not sending"
-                                      : "send_to_server(): too many file descriptors, not sending");
+    comm_socket_v4_warning(side.endpoint,
+                           side.to_client()
+                               ? "send_to_client(): too many file descriptors, not sending"
+                               : "send_to_server(): too many file descriptors, not sending");
     return;
   }
   message.msg_control = ctrl;
@@ -46,7 +54,9 @@ void attach_descriptors(const SendSide& side, const comm_socket_v4_packet& p, ch
                    reinterpret_cast<std::uintptr_t>(ctrl) + ctrl_size,
                "(uintptr_t)(&fds[p->attached_fd.size()]) <= "
                "((uintptr_t)ctrl+(uintptr_t)sizeof(ctrl))",
-               "lib/comm_io_send", __func__);
+               "lib/comm_io_send",
+               side.to_client() ? "comm_socket_v4_packet_send_to_client"
+                                : "comm_socket_v4_packet_send_to_server");
   std::memcpy(fds, p.attached_fd.data(), size);
 }
 
@@ -58,13 +68,13 @@ int send_bytes(const SendSide& side, comm_socket_v4_packet& p) {
   message.msg_iovlen = 1;
   attach_descriptors(side, p, ctrl, sizeof(ctrl), message);
 
-  const ssize_t sent = ::sendmsg(side.fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+  const ssize_t sent = ::sendmsg(side.fd(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
   if (sent < 0) return errno == EINTR || errno == EAGAIN ? 0 : -1;
   // The message holds duplicates now.
   p.close_attached_fd();
   if (sent == 0 || static_cast<std::size_t>(sent) == p.buffer_length) return static_cast<int>(sent);
   comm_socket_v4_warning(side.endpoint,
-                         side.to_client
+                         side.to_client()
                              ? "send_to_client(): packet was not fully written (%d out of %zu)"
                              : "send_to_server(): packet was not fully written (%d out of %zu)",
                          static_cast<int>(sent), p.buffer_length);
@@ -74,21 +84,21 @@ int send_bytes(const SendSide& side, comm_socket_v4_packet& p) {
 int send_packet(const SendSide& side, comm_socket_v4_packet& p) {
   if (p.write_state == comm_socket_v4_packet::write_state_none) {
     comm_socket_v4_debug(
-        side.endpoint, side.to_client
+        side.endpoint, side.to_client()
                            ? "send_to_client(): attempt to send packet without writing data to it"
                            : "send_to_server(): attempt to send packet without writing data to it");
     return -1;
   }
   if (p.buffer == nullptr || p.buffer_length == 0) {
     comm_socket_v4_debug(
-        side.endpoint, side.to_client
+        side.endpoint, side.to_client()
                            ? "send_to_client(): attempt to send packet with no data or no buffer"
                            : "send_to_server(): attempt to send packet with no data or no buffer");
     errno = EINVAL;
     return -1;
   }
   if (side.closed_errno != 0) {
-    if (!side.to_client)
+    if (!side.to_client())
       comm_socket_v4_debug(side.endpoint,
                            "send_to_server(): attempt to send packet when socket is not open");
     errno = side.closed_errno;
@@ -97,10 +107,10 @@ int send_packet(const SendSide& side, comm_socket_v4_packet& p) {
   if (p.write_state != comm_socket_v4_packet::write_state_end) {
     comm_socket_v4_warning(
         side.endpoint,
-        side.to_client ? "send_to_client(): attempt to send packet that has been incompletely "
-                         "written. auto-terminating packet (state=%d)."
-                       : "send_to_server(): attempt to send packet that has been incompletely "
-                         "written. auto-terminating packet (state=%d).",
+        side.to_client() ? "send_to_client(): attempt to send packet that has been incompletely "
+                           "written. auto-terminating packet (state=%d)."
+                         : "send_to_server(): attempt to send packet that has been incompletely "
+                           "written. auto-terminating packet (state=%d).",
         p.write_state);
     comm_socket_v4_packet_write_end(&p);
   }
@@ -115,7 +125,8 @@ int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* c, comm_socket_v
     return -1;
   }
   const int closed_errno = c->client_is_open() ? 0 : c->status.disconnected ? ECONNRESET : ENOTCONN;
-  return send_packet({c->server, c->client_fd, closed_errno, true}, *p);
+  const ClientSlot client(c);
+  return send_packet({c->server, &client, closed_errno}, *p);
 }
 
 int comm_socket_v4_packet_send_to_server(comm_socket_v4* s, comm_socket_v4_packet* p) {
@@ -124,7 +135,7 @@ int comm_socket_v4_packet_send_to_server(comm_socket_v4* s, comm_socket_v4_packe
     return -1;
   }
   const int closed_errno = comm_socket_v4_is_open(s) ? 0 : ENOTCONN;
-  return send_packet({s, s->socket_fd, closed_errno, false}, *p);
+  return send_packet({s, nullptr, closed_errno}, *p);
 }
 
 // --- Retrieval ----------------------------------------------------------------------------------
@@ -162,7 +173,7 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* s,
     comm_socket_v4_packet* packet = nullptr;
     if (client->client_is_open() && !quiet.is_quiet(index, slots - tries))
       packet = comm_socket_v4_client_get_packet(client);
-    s->client_getpktscan = index + 1 < s->client.size() ? index + 1 : 0;
+    if (++s->client_getpktscan >= s->client.size()) s->client_getpktscan = 0;
     if (packet == nullptr) continue;
     if (from != nullptr) *from = &s->client[index];
     return packet;

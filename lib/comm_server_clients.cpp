@@ -143,6 +143,7 @@ comm_socket_v4_client* comm_socket_v4_client_find_empty_slot(comm_socket_v4* c) 
     return nullptr;
   }
   const std::size_t slots = c->client.size();
+  if (slots == 0) return nullptr;
   if (c->client_next >= slots) c->client_next = 0;
   for (std::size_t examined = 0; examined < slots; ++examined) {
     const std::size_t index = c->client_next;

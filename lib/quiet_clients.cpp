@@ -29,14 +29,17 @@ bool QuietClients::is_quiet(std::size_t slot, std::size_t ahead) noexcept {
     }
     ask(slot, ahead);
   }
-  return quiet_fd_[position(slot)] == client.client_fd;
+  if (quiet_[position(slot)]) return true;
+  // The callback may do anything to the others, and what was heard of them is then out of date.
+  if (client.recv_cb != nullptr) reads_ = count_ = 0;
+  return false;
 }
 
 void QuietClients::ask(std::size_t slot, std::size_t ahead) noexcept {
   const std::size_t slots = server_->client.size();
   first_ = slot;
   count_ = std::min({window_size, ahead, slots});
-  std::fill_n(quiet_fd_, count_, -1);
+  std::fill_n(quiet_, count_, false);
 
   struct pollfd asked[window_size];
   std::size_t position_of[window_size];
@@ -49,6 +52,5 @@ void QuietClients::ask(std::size_t slot, std::size_t ahead) noexcept {
   }
   // A failed poll leaves every client to be read.
   if (asked_count < 2 || ::poll(asked, asked_count, 0) < 0) return;
-  for (std::size_t i = 0; i < asked_count; ++i)
-    if (asked[i].revents == 0) quiet_fd_[position_of[i]] = asked[i].fd;
+  for (std::size_t i = 0; i < asked_count; ++i) quiet_[position_of[i]] = asked[i].revents == 0;
 }

@@ -20,19 +20,17 @@ class QuietClients {
  private:
   static constexpr std::size_t window_size = 64;
   // So many clients are read without asking: with few of them that is cheaper.
-  static constexpr unsigned reads_before_asking = 2;
+  static constexpr std::size_t reads_before_asking = 2;
 
   bool in_window(std::size_t slot) const noexcept;
   std::size_t position(std::size_t slot) const noexcept;
   void ask(std::size_t slot, std::size_t ahead) noexcept;
 
   const comm_socket_v4* server_;
-  unsigned reads_ = 0;
+  std::size_t reads_ = 0;  // without asking
   std::size_t first_ = 0;  // slot of the window
   std::size_t count_ = 0;
-  // The descriptor that is quiet, -1 where none is. It is compared, since a callback may have put
-  // another connection into the slot after the question.
-  std::int32_t quiet_fd_[window_size];
+  bool quiet_[window_size];
 };
 
 #endif
