@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <vector>
 
 // Each kind with the errno that fail_any gives it. malloc stands for realloc too, operator_new for
 // its form that does not throw.
@@ -52,9 +53,9 @@ class Faults {
   // The nth call of this kind from now on, and the `times` - 1 behind it, fail. A close that fails
   // has closed, as in the kernel.
   Faults& fail(Call call, int error, unsigned nth = 1, unsigned times = 1);
-  // The kth call of any kind fails. For loops that end when fired() is 0. `error_of` chooses the
-  // errno of each kind and leaves out those that it gives 0.
-  Faults& fail_any(unsigned kth, int (*error_of)(Call) = nullptr);
+  // The kth call of any kind fails, or of these kinds with this errno. For loops that end when
+  // fired() is 0.
+  Faults& fail_any(unsigned kth, int error = 0, std::vector<Call> kinds = {});
   Faults& replace(Call call, Hook hook);
 
   template <class Body>
@@ -96,7 +97,8 @@ class Faults {
   const Plan& at(Call call) const { return plans_[static_cast<std::size_t>(call)]; }
 
   std::array<Plan, static_cast<std::size_t>(Call::kinds)> plans_;
-  int (*any_error_)(Call) = nullptr;
+  std::vector<Call> any_kinds_;
+  int any_error_ = 0;
   unsigned any_left_ = 0, fired_ = 0;
   Call failed_ = Call::kinds;
   int error_ = 0;

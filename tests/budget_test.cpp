@@ -1,0 +1,57 @@
+// What the library asks of the system and of the allocator, counted call by call: numbers that are
+// the same on every machine.
+#include "connections.h"
+#include "faults.h"
+
+namespace {
+
+class BudgetTest : public ServerTest {
+ protected:
+  Packet packet;
+
+  static std::string cost(const std::function<void()>& body) {
+    Faults counted;
+    counted.during(body);
+    return counted.calls();
+  }
+  void receive() { packet.reset(comm_socket_v4_server_get_packet(&s, nullptr)); }
+};
+
+TEST_F(BudgetTest, APacketCostsOneCallToSendTwoToReceiveAndEveryTimeTheSameMemory) {
+  join();
+  comm_socket_v4* const c = peers[0].get();
+  const std::string came = "recvmsg 1, ioctl 1, malloc 1, operator_new 2";
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_EQ("malloc 1, operator_new 3", cost([&] { packet = ping_packet(); }));
+    EXPECT_EQ("sendmsg 1", cost([&] { comm_socket_v4_packet_send_to_server(c, packet.get()); }));
+    EXPECT_EQ(came, cost([&] { receive(); }));
+    EXPECT_EQ("sendmsg 1",
+              cost([&] { comm_socket_v4_packet_send_to_client(&s.client[0], packet.get()); }));
+    EXPECT_EQ(came, cost([&] { packet.reset(comm_socket_v4_client_get_packet_from_server(c)); }));
+    ASSERT_NE(nullptr, packet);
+  }
+}
+
+TEST_F(BudgetTest, QuietClientsCostOnePollFor64BeyondTheFirstTwoAndAWaitOneSelect) {
+  // The last client of 67 is alone behind 64 that were asked, and is read.
+  const struct {
+    std::size_t clients;
+    std::string reads, polls;
+  } rows[] = {{1, "1", ""},         {2, "2", ""},          {3, "3", ""},
+              {4, "2", "poll 1, "}, {66, "2", "poll 1, "}, {67, "3", "poll 1, "},
+              {68, "2", "poll 2, "}};
+  for (const auto& row : rows) {
+    join(row.clients);
+    // An idle pass over all of them, the first one first.
+    s.client.resize(2 * row.clients);
+    s.client_idlescan = s.client_getpktscan = 0;
+    const std::string reads = "recvmsg " + row.reads + ", ioctl " + row.reads + ", ";
+    const std::string news = std::to_string(2 * std::stoi(row.reads));
+    const std::string memory = "malloc " + row.reads + ", operator_new " + news;
+    EXPECT_EQ(reads + row.polls + memory, cost([&] { receive(); }));
+    EXPECT_EQ(reads + "select 1, " + row.polls + memory,
+              cost([&] { comm_socket_v4_server_from_client_readable(&s, in_ms(1)); }));
+  }
+}
+
+}  // namespace
