@@ -35,18 +35,17 @@
 //
 // Limits
 //
-//     arguments in a packet                  255, values below byte 2^24 of the packet
-//     name/value pairs in a packet           4095; with more of them the packet goes out without
-//     any command; error string, name; text      255; 4095; 65,535 bytes, longer ones are cut, in
-//     the
-//                                            middle of a multi-byte character too
-//     binary data in one write call          262,144 bytes
-//     a packet that is received              64 to 65,551 bytes; longer ones can be sent, and are
-//                                            dropped by the receiver
-//     descriptors attached to a packet       8; a received packet sent on carries up to 60
-//     server path                            106 characters
-//     client records of a server             16 at first, grows to 1,048,576
-//     packets in a CommLargePacketQueue      4096
+//     arguments in a packet         255, values below byte 2^24 of the packet
+//     name/value pairs in a packet  4095; with more of them it goes out without any
+//     command                       255 bytes, a longer one is cut
+//     error string, name            4095 bytes, likewise
+//     text                          65,535 bytes, likewise
+//     data in one write call        262,144 bytes
+//     a packet that is received     64 to 65,551 bytes; a longer one can be sent, and is dropped
+//     attached descriptors          8; a received packet that is sent on carries up to 60
+//     path of a server              106 characters
+//     client records of a server    16 at first, grows to 1,048,576
+//     packets in a queue            4096
 #ifndef TARN_UTILS_V4_COMM_H
 #define TARN_UTILS_V4_COMM_H
 
@@ -248,8 +247,10 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   std::uint32_t get_sighdr() const;
   void set_sighdr(std::uint32_t signature);
   // write_end calls `cb` once with the finished packet, also when a send ends the packet; its
-  // result is ignored. It may still change the packet, buffer and buffer_length included, and must
-  // not release the caller's reference. Null removes it.
+  // result is ignored. It may still change the packet, buffer and buffer_length included, and close
+  // or release the connection, on which a send then fails. It must not release the caller's
+  // reference, destroy the endpoint, or, in a packet that a CommLargePacketQueue holds, accept a
+  // connection or touch the queue. Null removes it.
   void set_complete_cb(int (*cb)(comm_socket_v4_packet*));
 
   // Writing: write_begin, then arguments and pairs in any mix, then data, then write_end. Each
@@ -433,7 +434,10 @@ class COMM_V4_EXPORT comm_socket_v4_client {
   void set_tag(unsigned long value);
   // `cb` is called with every packet that arrives from this client, before the packet is validated:
   // it may look at buffer, buffer_length and attached_fd, and must not use an accessor. A negative
-  // result drops the packet. It may take a reference; it must not take or release the slot's.
+  // result drops the packet. It may take a reference; it must not take or release the slot's. It
+  // may accept, disconnect and release clients, this one included, and close the endpoint; it must
+  // not destroy the endpoint. The packet of a client that it releases is gone with the client. An
+  // exception drops the packet and passes through.
   void set_recv_cb(int (*cb)(comm_socket_v4_client*, comm_socket_v4_packet*));
 };
 
@@ -588,12 +592,14 @@ COMM_V4_EXPORT int comm_socket_v4_create_server(comm_socket_v4* c, const char* p
 COMM_V4_EXPORT int comm_socket_v4_reopen_server(comm_socket_v4* c);
 // Takes one waiting connection into an empty slot. Null with EAGAIN when none waits, with ENOMEM
 // when the table cannot grow (the connection keeps waiting), and when the credentials of the peer
-// cannot be read. Any other failure of the accept, EMFILE included, CLOSES THE SERVER: keep
-// descriptors in reserve. Null on a closed endpoint or one that is no server. May move all records.
+// cannot be read (it is closed then, the server is not). Any other failure of the accept, EMFILE
+// included, CLOSES THE SERVER: keep descriptors in reserve. Null on a closed endpoint or one that
+// is no server. May move all records.
 COMM_V4_EXPORT comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* c);
 
 // Table of slots. Both are called by the library itself. alloc: 16 slots; aborts over a table that
-// exists. expand: up to `add` more. -1 with ENOMEM, the table unchanged.
+// exists. expand: up to `add` more, 1,048,576 in all; may move all records. -1 with ENOMEM, the
+// table unchanged, when memory runs out or the table is full.
 COMM_V4_EXPORT int comm_socket_v4_alloc_client_list(comm_socket_v4* c);
 COMM_V4_EXPORT int comm_socket_v4_expand_client_list(comm_socket_v4* c, unsigned long add);
 // As the members; null gives null or COMM_V4_NO_INDEX. The first two of three do the same.
@@ -614,17 +620,21 @@ COMM_V4_EXPORT void comm_socket_v4_new_client_cancel(comm_socket_v4_client* c);
 // it come with the next call. Null endpoints, closed ones and others than servers get a line and
 // null.
 COMM_V4_EXPORT comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* c);
-// Puts an open client on that list; its descriptor stays open. 0, also when it is there already; -1
-// for a client that is not open, or when memory runs out (the client stays open).
+// Puts an open client on that list; its descriptor stays open. 0, also when it was put there or
+// taken from it before; -1 for a client that is not open otherwise, or with ENOMEM: it stays open
+// then.
 COMM_V4_EXPORT int comm_socket_v4_disconnect_client(comm_socket_v4_client* c);
 // Closes the connection, releases the record's packets and empties the slot; keeps tag and recv_cb.
-// A client that is still on the list is taken off it, which is reported as a bug of the caller.
+// A client that is still on the list is taken off it, which is reported as a bug of the caller. An
+// empty slot stays as it is; null aborts. Leaves errno alone.
 COMM_V4_EXPORT void comm_socket_v4_free_client(comm_socket_v4_client* c);
-// The check that free_client makes; null does nothing.
+// Its first step: takes the client off the list and reports it. Null does nothing.
 COMM_V4_EXPORT void comm_socket_v4_free_client_check(comm_socket_v4_client* c);
-// Release all: drop keeps the table, free gives it back.
+// Release all clients. drop keeps the table; free, which is part of close, gives it back: an open
+// server can accept nobody after it.
 COMM_V4_EXPORT void comm_socket_v4_drop_clients(comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_free_clients(comm_socket_v4* c);
+// Forgets what is on the list. The clients stay in their slots and are never reported.
 COMM_V4_EXPORT void comm_socket_v4_client_disconnect_list_clear(comm_socket_v4* c);
 
 // --- Client -------------------------------------------------------------------------------------
@@ -667,27 +677,31 @@ COMM_V4_EXPORT int comm_socket_v4_socketpair_get_remote_end(comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_socketpair_close_remote_end(comm_socket_v4* c);
 // Opens a closed endpoint on `fd`, which it owns from then on; -1, and fd is still the caller's,
 // when fd is no socket or the endpoint is open or a server. Blocking mode, close-on-exec and type
-// of the socket are left as they are.
+// of the socket are left as they are. Leave SO_PASSPIDFD off: its descriptors would pile up.
 COMM_V4_EXPORT int comm_socket_v4_connect_use_socketpair(comm_socket_v4* c, int fd);
 
 // --- The application's loop ---------------------------------------------------------------------
 
 // Idle: work that does not block. Reads at most one packet per connection into its slot, unless one
-// waits there; completes a pending connect; never accepts. A server visits half of its slots per
-// call. -1 with ENOTCONN on a closed endpoint (null too), and when the connection of a client ends
-// or fails: it is closed then. A server's clients never make it fail.
+// waits there; completes a pending connect; never accepts; runs receive callbacks. A server visits
+// half of its slots per call, and its clients never make it fail. -1 on a closed endpoint, null too
+// (ENOTCONN); when the connection of a client ends (ENOTCONN), fails or could not be made: the
+// endpoint is closed then; with ENOMEM or the error of ioctl(2): nothing was read, and it stays
+// open.
 COMM_V4_EXPORT int comm_socket_v4_idle(comm_socket_v4* s);
-// The client's half of it, and one record's. -1: EBADF on a closed one, ENOTCONN or EINVAL on a
-// record that ended or failed, ENOTCONN when the connection ends now, ENOMEM, or the error of the
-// receive. client_idle does nothing while halt is set.
+// The client's half of it, and one record's. 0 also while a packet waits, while a connect is
+// pending or halt is set, and when a connection ended but memory to list it ran out: the next read
+// tries again. -1 as idle, with EBADF on a closed endpoint, ENOTCONN or EINVAL on a record that
+// ended or failed before. An empty record aborts, in client_get_packet too.
 COMM_V4_EXPORT int comm_socket_v4_idle_clientside(comm_socket_v4* s);
 COMM_V4_EXPORT int comm_socket_v4_client_idle(comm_socket_v4_client* c);
 
-// Retrieval: the packet that waits, or one that can be read now; null when there is none. The
-// caller releases it. server_get_packet looks at all clients in turn, starting behind the one that
-// delivered last, and stores the sender in *from (null without a packet); `from` may be null. A
-// client with pending_response_packet or halt set delivers nothing. A null endpoint gives null from
-// get_packet_from_server.
+// Retrieval: the packet that waits, or one that can be read now; null when there is none, which
+// does not say whether the connection still stands. The caller releases it. server_get_packet looks
+// at all clients in turn, starting behind the one that delivered last, and stores the sender in
+// *from, good until the table grows (null without a packet); `from` may be null. A client with halt
+// set is left alone; with pending_response_packet set its next packet is read, but not handed out.
+// A null endpoint gives null from get_packet_from_server.
 COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_server_get_packet(
     comm_socket_v4* s, comm_socket_v4_client** from);
 COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_client_get_packet(comm_socket_v4_client* c);
@@ -696,7 +710,10 @@ COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_client_get_packet_from_serv
 
 // Waits: idle, then block until something is ready or the deadline passes. 1 ready, 0 not ready (or
 // a signal came), -1 on an endpoint that is null, closed or of the wrong kind, when idle fails, or
-// when select() fails. Descriptors may have any number, 1024 and above too.
+// when select(2) fails, which is logged and leaves its errno. Descriptors may have any number, 1024
+// and above too. A wait on a server idles all of it. A client whose halt or pending_response_packet
+// is set makes the server's wait answer 1 as long as it has something. While a connect is pending
+// the waits of a client answer 1: use comm_socket_v4_connect_wait_for_completion.
 //
 // A server: a connection to be accepted, a client that can be read, or a packet that waits (which
 // is seen only when the deadline has not passed).
@@ -713,12 +730,15 @@ COMM_V4_EXPORT int comm_socket_v4_wait_for_server_to_client_writeable(comm_socke
 // --- Sending ------------------------------------------------------------------------------------
 
 // Sends the packet as one record with its descriptors, without blocking; a packet that was not
-// ended is ended first, with a warning. The number of bytes when it went out: the attached
-// descriptors are then closed. 0 when the socket takes no more (EAGAIN) or a signal came (EINTR):
-// nothing is sent and nothing changed. -1: EINVAL for null or a packet without bytes, ENOTCONN when
-// closed, ECONNRESET for a client that disconnected, or the errno of sendmsg(2), such as EPIPE when
-// the peer has gone and EMSGSIZE above the socket's buffer; a packet never written leaves errno
-// alone. With more than 60 descriptors attached the packet goes without them, and a warning.
+// ended is ended first, with a warning. The caller keeps its reference. The number of bytes when it
+// went out: the attached descriptors are then closed, and sending the packet again fails with EBADF
+// if it had any. 0 when the socket takes no more (EAGAIN) or a signal came (EINTR): nothing was
+// sent, and the same packet can be sent later. -1: EINVAL for null or a packet without bytes,
+// ENOTCONN when closed, ECONNRESET for a client that disconnected, or the errno of sendmsg(2), such
+// as EPIPE when the peer has gone and EMSGSIZE above the socket's buffer, neither logged nor
+// closing anything; a packet never written, and a short count, which is warned of, leave errno
+// alone. With more than 60 descriptors attached the packet goes without them, with a warning, and
+// they are closed.
 COMM_V4_EXPORT int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* c,
                                                         comm_socket_v4_packet* p);
 COMM_V4_EXPORT int comm_socket_v4_packet_send_to_server(comm_socket_v4* s,
@@ -729,8 +749,9 @@ COMM_V4_EXPORT int comm_socket_v4_packet_send_to_server(comm_socket_v4* s,
 // Reads one record from the endpoint's socket into its empty slot. A record of zero bytes reads as
 // the end of the connection. A packet that is too long, refused by the callback or not valid is
 // dropped with its descriptors, the connection goes on, and the result is 0, as when nothing waits.
-// -1 when the connection ends (ENOTCONN) or fails: the endpoint is closed then. -1 with ENOMEM:
-// nothing was read, and nothing is lost.
+// -1 when the connection ends (ENOTCONN) or fails: the endpoint is closed then. -1 with ENOMEM or
+// the error of ioctl(2), EBADF on a closed endpoint included: nothing was read, nothing is lost. 0
+// without reading while a packet waits.
 COMM_V4_EXPORT int comm_socket_v4_idle_clientside_read(comm_socket_v4* s);
 // Accepts the received bytes of `p` and copies the header's values into the packet, or answers -1:
 // without a line for null, no buffer, fewer than 64 bytes or no NUL behind them, otherwise with the
