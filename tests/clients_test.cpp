@@ -51,7 +51,7 @@ TEST_F(ClientsTest, TheTableGrowsByHalfToExactlyThatSize) {
 
 TEST_F(ClientsTest, AConnectionWaitsWhileTheTableCannotGrow) {
   join(16);
-  Endpoint late = make_endpoint(), other = make_endpoint();
+  const Endpoint late = make_endpoint();
   EXPECT_EQ(0, comm_socket_v4_connect_to(late.get(), s.socket_path.c_str()));
   const void* const before = s.client.data();
   EXPECT_EQ(R"(DEBUG: new_client() no empty slots available, expanding array
@@ -74,10 +74,6 @@ ERROR: new_client() unable to expand array
             refused(ENOMEM, accept()));
   for (std::size_t i = 16; i < s.client.size(); ++i) s.client[i].client_fd = -1;
   EXPECT_EQ(16u, comm_socket_v4_client_ptr2index(accept()));
-
-  const auto allocate = [&] { return comm_socket_v4_alloc_client_list(other.get()); };
-  EXPECT_EQ("-1 ENOMEM", answered(failing(Call::operator_new, EIO, allocate)));
-  EXPECT_EQ("ERROR: alloc_client_list() malloc() failed\n", log());
 }
 
 TEST_F(ClientsTest, SlotsAreTakenInRotationAndFoundByIndex) {
@@ -138,7 +134,7 @@ TEST_F(ClientsTest, AcceptTellsWhoConnectedAndWhen) {
 TEST_F(ClientsTest, AFailedAcceptClosesTheServerUnlessNothingWaits) {
   EXPECT_EQ("", refused(EAGAIN, accept()));
   EXPECT_EQ(1u, join()) << "the search has moved past slot 0";
-  Endpoint late = make_endpoint();
+  const Endpoint late = make_endpoint();
   EXPECT_EQ(0, comm_socket_v4_connect_to(late.get(), s.socket_path.c_str()));
   EXPECT_EQ(
       "ERROR: accept_connection() getsockopt(SO_PEERCRED) returned error Input/output error\n",
@@ -227,8 +223,9 @@ TEST_F(ClientsTest, MisuseIsReportedAndChangesNothing) {
   closed->flags.server = 1;
   join();
   comm_socket_v4_client stray = s.client[0];
+  EXPECT_EQ(nullptr, comm_socket_v4_accept_connection(pair.get()));
+  EXPECT_EQ(nullptr, comm_socket_v4_accept_connection(closed.get()));
   for (comm_socket_v4* const c : {pair.get(), closed.get(), &s}) {
-    if (c != &s) comm_socket_v4_accept_connection(c);
     EXPECT_EQ(nullptr, comm_socket_v4_get_disconnected_client(c));
     stray.server = c;
     EXPECT_EQ(-1, comm_socket_v4_disconnect_client(&stray));
@@ -241,10 +238,11 @@ TEST_F(ClientsTest, MisuseIsReportedAndChangesNothing) {
   EXPECT_EQ(nullptr, disconnected());
   EXPECT_EQ(&s.client[5], disconnected()) << "what is odd is only mentioned";
   EXPECT_EQ(&s.client[0], disconnected());
+  s.client[0].server = &s;
   EXPECT_EQ(R"(BUG: accept_connection() called on non-server object
+BUG: accept_connection() called on closed socket
 BUG: get_disconnected_client() on non-server object
 BUG: client_disconnect_list_add with non-server object
-BUG: accept_connection() called on closed socket
 BUG: get_disconnected_client() on closed object
 BUG: client_disconnect_list_add with non-opened object
 BUG: client_disconnect_list_add index to add is out of bounds (18446744073709551615 >= 16)

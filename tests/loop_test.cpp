@@ -1,4 +1,4 @@
-// The application's loop: idle, retrieval and waits, and conversations between processes.
+// The application's loop: idle, retrieval and waits.
 #include <fcntl.h>
 #include <signal.h>
 #include <time.h>
@@ -146,6 +146,7 @@ TEST_F(LoopTest, TheDeadlineComesBeforeAWaitingPacketAtTheServerAndBehindItAtThe
     EXPECT_LE(deadline, in_ms(0));
   }
   EXPECT_EQ(188, send_from(0) + send_to(0));
+  EXPECT_EQ(0, comm_socket_v4_client_idle(&s.client[0]));
   for (const Wait which : kWaits) {
     EXPECT_EQ(which == client_reads, wait(which, 0));
     EXPECT_EQ(1, wait(which));
@@ -215,18 +216,20 @@ TEST_F(LoopTest, DescriptorsFrom1024OnWorkAndLowerOnesNeedNoMemory) {
     ready.clear();
     for (const Wait which : kWaits) ready += wait(which, in_ms(2)) == 1 ? '1' : '0';
   };
+  const auto move_to = [&](int number, int step) {
+    for (int* const fd : {&client()->socket_fd, &s.client[0].client_fd, &s.socket_fd}) {
+      close(std::exchange(*fd, fcntl(*fd, F_DUPFD_CLOEXEC, number)));
+      EXPECT_EQ(number, *fd);
+      number += step;
+    }
+    return 0;
+  };
+  with_descriptor_limit(4000, [&] { return move_to(1021, 1); });
   Faults counted;
   counted.during(wait_for_all);
   EXPECT_EQ("0011", ready);
   EXPECT_EQ(0u, counted.count(Call::malloc) + counted.count(Call::operator_new));
-  with_descriptor_limit(4000, [&] {
-    int number = 1100;
-    for (int* const fd : {&client()->socket_fd, &s.client[0].client_fd, &s.socket_fd}) {
-      close(std::exchange(*fd, fcntl(*fd, F_DUPFD_CLOEXEC, number += 900)));
-      EXPECT_EQ(number, *fd);
-    }
-    return 0;
-  });
+  with_descriptor_limit(4000, [&] { return move_to(1024, 1000); });
   wait_for_all();
   EXPECT_EQ("0011", ready);
   for (const Wait which : kWaits)
@@ -237,44 +240,6 @@ TEST_F(LoopTest, DescriptorsFrom1024OnWorkAndLowerOnesNeedNoMemory) {
   fill(client_writes);
   wait_for_all();
   EXPECT_EQ("1100", ready);
-}
-
-// --- Between processes --------------------------------------------------------------------------
-
-TEST_F(LoopTest, ThreeProcessesAreServedByOne) {
-  const auto converse = [this](std::uint64_t number) {
-    const Endpoint c = make_endpoint();
-    EXPECT_EQ(0, comm_socket_v4_connect_to(c.get(), s.socket_path.c_str()));
-    for (std::uint64_t id = number; id < number + 20; ++id) {
-      const Packet request = carrier(1);
-      const Numbers file = files_of(request);
-      const std::string text = std::to_string(id);
-      EXPECT_LT(0, write(request->attached_fd[0], text.data(), text.size()));
-      EXPECT_LT(0, comm_socket_v4_packet_send_to_server(c.get(), request.get()));
-      EXPECT_EQ(1, comm_socket_v4_client_from_server_readable(c.get(), in_ms(5000)));
-      const Packet response(comm_socket_v4_client_get_packet_from_server(c.get()));
-      ASSERT_NE(nullptr, response);
-      EXPECT_EQ(text, response->argv_text(0));
-      EXPECT_EQ(file, files_of(response));
-    }
-  };
-  Peer one([&] { converse(100); }), two([&] { converse(200); }), three([&] { converse(300); });
-  for (int left = 3; left > 0;) {
-    ASSERT_EQ(1, comm_socket_v4_server_from_client_readable(&s, in_ms(5000)));
-    while (accept()) {
-    }
-    comm_socket_v4_client* from;
-    while (const Packet request{comm_socket_v4_server_get_packet(&s, &from)}) {
-      char text[16] = {};
-      EXPECT_EQ(3, pread(request->attached_fd[0], text, sizeof text, 0));
-      const Packet response = begin_request();
-      EXPECT_EQ(0, response->write_argv(text) + response->write_end());
-      response->attached_fd.swap(request->attached_fd);
-      EXPECT_LT(0, comm_socket_v4_packet_send_to_client(from, response.get()));
-    }
-    for (; comm_socket_v4_client* const gone = comm_socket_v4_get_disconnected_client(&s); --left)
-      comm_socket_v4_free_client(gone);
-  }
 }
 
 TEST_F(LoopTest, AParentTalksToItsChildOverASocketPair) {

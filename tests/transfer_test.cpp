@@ -3,6 +3,7 @@
 
 #include <bit>
 #include <new>
+#include <sstream>
 
 #include "connections.h"
 #include "faults.h"
@@ -13,6 +14,12 @@ std::function<int(comm_socket_v4_packet*)> callback;
 template <class End>
 int call_back(End*, comm_socket_v4_packet* p) {
   return callback ? callback(p) : 0;
+}
+
+std::string replaced(std::string text, const std::string& old, const std::string& by) {
+  for (std::size_t at = 0; (at = text.find(old, at)) != text.npos; at += by.size())
+    text.replace(at, old.size(), by);
+  return text;
 }
 
 // The end under test is the server's or the client's.
@@ -54,11 +61,14 @@ class TransferTest : public ServerTest, public testing::WithParamInterface<bool>
   }
   // Compares with what was printed: lines that begin with "S: " at the server, "C: " at the client.
   void expect_log(const std::string& marked) {
-    const std::regex marks(at_server ? "C: .*\n|S: " : "S: .*\n|C: "),
-        number("fd=" + std::to_string(fd) + "\\b"),
-        name(at_server ? "send_to_client" : "send_to_server");
-    EXPECT_EQ(std::regex_replace(marked, marks, ""),
-              std::regex_replace(std::regex_replace(log(), number, "fd=N"), name, "send_to_X"));
+    std::string expected;
+    std::istringstream in(marked);
+    for (std::string line; std::getline(in, line);) {
+      if (line.rfind(at_server ? "C: " : "S: ", 0) == 0) continue;
+      expected += line.substr(line.rfind(at_server ? "S: " : "C: ", 0) == 0 ? 3 : 0) + "\n";
+    }
+    const std::string printed = replaced(log(), "fd=" + std::to_string(fd) + " ", "fd=N ");
+    EXPECT_EQ(expected, replaced(printed, at_server ? "_to_client" : "_to_server", "_to_X"));
   }
   // Prints the answer of a read, and what the next one finds where a packet waits if one can.
   void then_read(int answer) {
@@ -86,13 +96,15 @@ INSTANTIATE_TEST_SUITE_P(At, TransferTest, testing::Bool(),
 // --- Receiving ----------------------------------------------------------------------------------
 
 TEST_P(TransferTest, AReadThatFailsLosesNothingOrEndsTheConnection) {
-  const auto read_failing = [this](Call call, int error) {
+  const auto read_failing = [this](Call call, int error, unsigned nth = 1) {
     peer_sends(ping_packet());
-    then_read(failing(call, error, [this] { return read(); }));
+    then_read(failing(
+        call, error, [this] { return read(); }, nth));
   };
   read_failing(Call::ioctl, EAGAIN);
   read_failing(Call::ioctl, EIO);
   read_failing(Call::operator_new, ENOMEM);
+  read_failing(Call::operator_new, ENOMEM, 2);  // room for descriptors
   read_failing(Call::malloc, ENOMEM);
   read_failing(Call::recvmsg, EAGAIN);
   read_failing(Call::recvmsg, EINTR);
@@ -104,6 +116,8 @@ TEST_P(TransferTest, AReadThatFailsLosesNothingOrEndsTheConnection) {
 -1 EAGAIN, then a packet
 ERROR: ioctl(FIONREAD) returned error Input/output error
 -1 EIO, then a packet
+DEBUG: client_idle() fd=N cannot create packet
+-1 ENOMEM, then a packet
 DEBUG: client_idle() fd=N cannot create packet
 -1 ENOMEM, then a packet
 DEBUG: client_idle() fd=N cannot resize packet buffer
@@ -331,8 +345,6 @@ TEST_P(TransferTest, UpTo60DescriptorsGoAlongInOrder) {
       return real();
     });
     EXPECT_EQ(94, faults.during([&] { return send(p); }));
-    EXPECT_EQ(1u, faults.count(Call::sendmsg));
-    EXPECT_EQ(0u, faults.count(Call::malloc) + faults.count(Call::operator_new));
     EXPECT_EQ(std::vector<int>(count, -1), p->attached_fd);
     EXPECT_EQ(files, files_of(peer_takes()));
   }
@@ -343,17 +355,19 @@ TEST_P(TransferTest, AnUnfinishedPacketIsEndedAndAReceivedOneSentOnUnchanged) {
   static int completed;
   completed = 0;
   const Packet header = begin_request(), data = begin_request(), relayed = carrier(2);
-  const Numbers files = files_of(relayed);
   header->write_argv("a");
+  header->attach_fd_to_send(0);
   data->write_data_binary(header->buffer, 5);
   peer_sends(relayed);
   read();
   const Packet received = take();
-  EXPECT_EQ(files, files_of(received));
   for (const Packet* const p : {&header, &data, &received}) {
+    const Numbers files = files_of(*p);
     (*p)->set_complete_cb([](auto*) { return ++completed; });
     EXPECT_LT(0, send(*p));
-    EXPECT_EQ(bytes_of(p->get()), bytes_of(peer_takes().get()));
+    const Packet got = peer_takes();
+    EXPECT_EQ(bytes_of(p->get()), bytes_of(got.get()));
+    EXPECT_EQ(files, files_of(got));
   }
   EXPECT_EQ(2, completed);
   EXPECT_STREQ("a", header->argv_text(0));
@@ -459,20 +473,20 @@ TEST_F(ServerReadTest, ReceivedBytesAreJudgedAndCorruptedOnRequest) {
 
   comm_socket_v4_shut_up(&s);
   unsigned& bits = comm_socket_v4_recv_corrupt_debug;
-  std::string hit(bytes.size(), '.');
+  std::string hit(bytes.size(), '\0');
   for (bits = 1; bits < 1000; ++bits) {
     p = exact_packet(bytes.substr(0, 94));
     judge();
     unsigned flips = 0;
     for (std::size_t i = 0; i < bytes.size(); ++i) {
-      const int here = std::popcount(static_cast<unsigned char>(p->buffer[i] ^ bytes[i]));
-      flips += static_cast<unsigned>(here);
-      if (here != 0) hit[i] = '*';
+      const auto changed = static_cast<unsigned char>(p->buffer[i] ^ bytes[i]);
+      hit[i] = static_cast<char>(hit[i] | changed);
+      flips += static_cast<unsigned>(std::popcount(changed));
     }
     EXPECT_TRUE(flips <= bits && flips % 2 == bits % 2);
   }
   bits = 0;
-  EXPECT_EQ(std::string(94, '*') + '.', hit) << "any byte, but never the NUL behind them";
+  EXPECT_EQ(std::string(94, '\xFF') + '\0', hit) << "any bit, but never of the NUL behind them";
 }
 
 }  // namespace
