@@ -50,6 +50,11 @@ Outcome outcome(Call&& call) {
   const long answer = call();
   return {answer, errno};
 }
+// The same of a call in which faults act.
+template <class Faults, class Call>
+Outcome outcome(Faults& faults, Call&& call) {
+  return outcome([&] { return faults.during(call); });
+}
 // A socket bound to `path` as a program without this library makes one; it listens, unless it is of
 // type SOCK_DGRAM.
 int bound_socket(const std::string& path, int type = SOCK_SEQPACKET);

@@ -1,0 +1,227 @@
+// The endpoint object: its fields, its log lines, its closing, and the socket pair.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <new>
+#include <tuple>
+
+#include "faults.h"
+#include "support.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class EndpointTest : public CommTest {
+ protected:
+  enum Role { server, client, pair };
+  const Endpoint endpoint = make_endpoint(), other = make_endpoint();
+  comm_socket_v4* const c = endpoint.get();
+
+  // `c` may be open already; the server of a client is `other`.
+  void open_as(Role role) {
+    if (role == server) {
+      EXPECT_EQ(0, comm_socket_v4_create_server(c, path().c_str()));
+      join(c);
+      c->disconnect_list.push_back(15);
+    } else if (role == client) {
+      EXPECT_EQ(0, comm_socket_v4_create_server(other.get(), path("other").c_str()));
+      EXPECT_EQ(0, comm_socket_v4_connect_to(c, path("other").c_str()));
+      c->status.connect_pending = 1;
+    } else {
+      comm_socket_v4_close(c);
+      EXPECT_EQ(0, comm_socket_v4_connect_new_socketpair(c));
+    }
+  }
+  void expect_closed() {
+    EXPECT_FALSE(comm_socket_v4_is_open(c) || c->socket_open() || c->status.connect_pending);
+    EXPECT_TRUE(c->get_socket_fd() == -1 && c->socketpair_remote_fd == -1);
+    EXPECT_FALSE(c->flags.server || c->flags.bound || c->flags.socketpair);
+    EXPECT_TRUE(c->sun.sun_family == 0 && c->client.empty() && c->disconnect_list.empty() &&
+                c->client_next == 0);
+  }
+};
+
+TEST_F(EndpointTest, StartsClosed) {
+  expect_closed();
+  EXPECT_TRUE(c->log_mask == 3 && !c->flags.idle_enabled && !c->flags.debug);
+  EXPECT_EQ(0, comm_socket_v4_is_open(nullptr) + comm_socket_v4_connection_pending(nullptr) +
+                   comm_socket_v4_destroy(nullptr));
+  EXPECT_EQ(nullptr, failing(Call::operator_new, ENOMEM, comm_socket_v4_create));
+  EXPECT_THROW(failing(Call::operator_new, ENOMEM, comm_socket_v4_create, 2), std::bad_alloc);
+}
+
+TEST_F(EndpointTest, CloseEndsEveryRoleAndKeepsWhatTheApplicationSet) {
+  const Packet packet = ping_packet();
+  packet->addref();
+  c->next_packet = packet.get();
+  c->set_tag(UINT64_MAX);
+  c->set_recv_cb([](comm_socket_v4*, comm_socket_v4_packet*) { return -1; });
+  c->flags.debug = 1;
+  c->log_mask = 7;
+  comm_socket_v4_set_connect_timeout(c, 8);
+  comm_socket_v4_set_connect_timeout_routine(c, 9);
+  const auto kept = [this] {
+    return std::tuple(c->socket_path, c->get_tag(), c->recv_cb, c->next_packet, c->connect_start,
+                      c->connect_timeout, c->connect_timeout_routine, unsigned{c->log_mask});
+  };
+  const auto close = [this] { return comm_socket_v4_close(c); };
+  for (const Role before : {server, client, pair})
+    for (const Role role : {server, client, pair}) {
+      SCOPED_TRACE(testing::Message() << "role " << role << ", before that " << before);
+      const StderrCapture captured;
+      const auto descriptors = open_descriptors();
+      open_as(before);
+      open_as(role);
+      EXPECT_TRUE(comm_socket_v4_is_open(c) && c->socket_open());
+      EXPECT_EQ(role == client, comm_socket_v4_connection_pending(c));
+      EXPECT_EQ(role == server, c->flags.server && c->flags.bound && fs::is_socket(path()));
+      EXPECT_EQ(role == pair, c->flags.socketpair && c->socketpair_remote_fd >= 0);
+      const auto expected = kept();
+      Faults faults;  // A file that outlives its socket would be found by clients.
+      faults.replace(Call::close, [&](auto& real, void*) {
+        EXPECT_FALSE(fs::exists(path()));
+        return real();
+      });
+      EXPECT_EQ(0, faults.during(close));
+      expect_closed();
+      EXPECT_TRUE(expected == kept() && c->flags.idle_enabled && c->flags.debug);
+      EXPECT_EQ(comm_socket_v4_is_open(other.get()), fs::is_socket(path("other")));
+      comm_socket_v4_close(other.get());
+      EXPECT_EQ(descriptors, open_descriptors());
+      EXPECT_EQ(Lines{}, captured.lines());
+    }
+  c->flags.idle_enabled = 0;
+  Faults again;
+  EXPECT_EQ(0, again.during(close));
+  EXPECT_EQ(1u, c->flags.idle_enabled);
+  EXPECT_EQ(0u, again.count(Call::close) + again.count(Call::lstat) + again.count(Call::unlink));
+}
+
+TEST_F(EndpointTest, AChangeOfPathClosesAnOpenEndpoint) {
+  const StderrCapture captured;
+  open_as(pair);
+  EXPECT_EQ(0, comm_socket_v4_set_socket_path(c, "new"));
+  expect_closed();
+  EXPECT_EQ("new", c->socket_path);
+  EXPECT_EQ(0, comm_socket_v4_set_socket_path(c, nullptr));
+  EXPECT_EQ("", c->socket_path);
+  EXPECT_EQ(Lines{"BUG: Caller sets socket path while connection open"}, captured.lines());
+}
+
+TEST_F(EndpointTest, CloseLeavesAFileThatItCannotRemoveAndKeepsErrnoWhateverFails) {
+  const std::string kept = "cannot lstat(" + path() + "), not removing server socket ";
+  const auto expect = [this](Role role, const std::string& warning, fs::file_type remains,
+                             auto disturb) {
+    open_as(role);
+    const StderrCapture captured;
+    Faults faults;
+    disturb(faults);
+    EXPECT_EQ(Outcome(0, errno_before),
+              outcome(faults, [this] { return comm_socket_v4_close(c); }));
+    EXPECT_EQ(Lines(warning != "", "WARNING: " + warning), captured.lines());
+    EXPECT_EQ(remains, fs::symlink_status(path()).type());
+    expect_closed();
+    fs::remove(path());
+  };
+  expect(server, kept + "(No such file or directory)\n", fs::file_type::not_found,
+         [this](auto&) { fs::remove(path()); });
+  expect(server, kept + "(Socket operation on non-socket)\n", fs::file_type::regular,
+         [this](auto&) { fs::remove(path()), std::ofstream(path()) << "text"; });
+  expect(server, "unlink(" + path() + ") failed, Operation not permitted\n", fs::file_type::socket,
+         [](auto& faults) { faults.fail(Call::unlink, EPERM); });
+  for (const Role role : {server, pair})
+    expect(role, "", fs::file_type::not_found,
+           [](auto& faults) { faults.fail(Call::close, EIO, 1, 2); });
+}
+
+TEST_F(EndpointTest, PrintsTheClassesOfItsLogMask) {
+  for (unsigned mask = 0; mask < 16; ++mask) {
+    c->log_mask = mask & 15;
+    const StderrCapture captured;
+    comm_socket_v4_error(c, "%s %d\n", "e", 1);
+    comm_socket_v4_warning(c, "%s %d", "w", 2);
+    comm_socket_v4_bug(c, "%s %d", "b", 3);
+    comm_socket_v4_debug(c, "%s %d", "d", 4);
+    Lines expected;
+    if (mask & 1) expected.push_back("ERROR: e 1\n");
+    if (mask & 2) expected.insert(expected.end(), {"WARNING: w 2", "BUG: b 3"});
+    if (mask & 8) expected.push_back("DEBUG: d 4");
+    EXPECT_EQ(expected, captured.lines()) << "mask " << mask;
+  }
+  EXPECT_EQ(0u, (comm_socket_v4_shut_up(c), unsigned{c->log_mask}));
+  EXPECT_EQ(15u, (comm_socket_v4_debug_logging(c), unsigned{c->log_mask}));
+  EXPECT_EQ(3u, (comm_socket_v4_normal_logging(c), unsigned{c->log_mask}));
+  const StderrCapture captured;
+  const auto print = [this] { return comm_socket_v4_error(c, "100%% of %s\n", "it"), 0; };
+  print();
+  const int memory = dup(2);
+  close(2);  // The next line is lost, which is no error to the caller.
+  const Outcome lost = outcome(print);
+  EXPECT_EQ(0, dup2(memory, 2) - 2 + close(memory));
+  EXPECT_EQ(Outcome(0, errno_before), lost);
+  const std::string address = testing::PrintToString(static_cast<void*>(c));
+  EXPECT_EQ("comm_socket_v4 ERROR [" + address + "]: 100% of it\n\n", captured.text());
+}
+
+TEST_F(EndpointTest, APairIsConnectedAndOnlyTheHandedOutEndSurvivesExec) {
+  open_as(pair);
+  const int own = c->get_socket_fd(), held = c->socketpair_remote_fd;
+  EXPECT_TRUE(fcntl(own, F_GETFL) & fcntl(held, F_GETFL) & O_NONBLOCK);
+  EXPECT_EQ(FD_CLOEXEC, fcntl(held, F_GETFD));
+  const auto take = [&] { return comm_socket_v4_socketpair_get_remote_end(c); };
+  EXPECT_EQ(held, take());
+  EXPECT_EQ(Outcome(-1, errno_before), outcome(take));
+  EXPECT_TRUE(fcntl(own, F_GETFD) == FD_CLOEXEC && fcntl(held, F_GETFD) == 0);
+
+  fcntl(held, F_SETFL, 0);  // blocking, and stays so
+  comm_socket_v4_set_socket_path(other.get(), "old");
+  ASSERT_EQ(0, comm_socket_v4_connect_use_socketpair(other.get(), held));
+  EXPECT_TRUE(other->get_socket_fd() == held && other->socket_path.empty());
+  EXPECT_TRUE(other->flags.socketpair && other->flags.idle_enabled);
+  EXPECT_TRUE(fcntl(held, F_GETFD) == 0 && (fcntl(held, F_GETFL) & O_NONBLOCK) == 0);
+  const Packet sent = ping_packet();
+  for (int i = 0; i < 2; ++i)  // A stream would join the two.
+    EXPECT_EQ(94, comm_socket_v4_packet_send_to_server(c, sent.get()));
+  const Packet received(comm_socket_v4_client_get_packet_from_server(other.get()));
+  EXPECT_TRUE(received != nullptr && bytes_of(sent.get()) == bytes_of(received.get()));
+}
+
+TEST_F(EndpointTest, ARefusedPairLeavesTheEndpointAsItWas) {
+  int fd[] = {-1, 1 << 20, memfd_create("file", MFD_CLOEXEC), 0, 0};
+  ASSERT_EQ(0, pipe2(fd + 3, O_CLOEXEC));
+  const auto expect_refused = [this](const std::string& why, auto make, auto... arguments) {
+    const auto bytes = [this] { return std::string(reinterpret_cast<char*>(c), sizeof *c); };
+    const std::string before = bytes();
+    const StderrCapture captured;
+    EXPECT_EQ(-1, make(c, arguments...));
+    EXPECT_EQ(Lines{"BUG: connect_" + why}, captured.lines());
+    EXPECT_TRUE(before == bytes()) << why;
+  };
+  comm_socket_v4_set_socket_path(c, "kept");
+  for (const int refused : fd)
+    expect_refused(refused < 0 ? "use_socketpair() invalid socket descriptor"
+                               : "use_socketpair() file descriptor not a socket",
+                   comm_socket_v4_connect_use_socketpair, refused);
+  for (const Role role : {server, client, pair}) {
+    open_as(role);
+    const std::string why = role == server ? "with flags.server==1" : "when already open";
+    expect_refused("new_socketpair() " + why, comm_socket_v4_connect_new_socketpair);
+    expect_refused("use_socketpair() " + why, comm_socket_v4_connect_use_socketpair, c->socket_fd);
+  }
+  EXPECT_EQ(0, close(fd[2]) + close(fd[3]) + close(fd[4]));
+  comm_socket_v4_close(c);
+
+  const StderrCapture captured;
+  Faults faults;
+  faults.fail(Call::socketpair, ENFILE);
+  EXPECT_EQ(Outcome(-1, ENFILE),
+            outcome(faults, [this] { return comm_socket_v4_connect_new_socketpair(c); }));
+  expect_closed();
+  EXPECT_EQ(Lines{"ERROR: connect_new_socketpair() unable to make socket pair"}, captured.lines());
+}
+
+}  // namespace

@@ -1,0 +1,218 @@
+// Making a server: the address of a path, and what is done about a path that is taken.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "faults.h"
+#include "suite/process.h"
+#include "support.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+int create(const Endpoint& c, const std::string& at) {
+  return comm_socket_v4_create_server(c.get(), at.c_str());
+}
+
+class ServerSocketTest : public CommTest {
+ protected:
+  const std::string at = path(), quoted = "'" + at + "'";
+  const std::string says = "ERROR: create_server_socket() ";
+  const std::string live = says + "another process is listening on " + quoted;
+
+  // Refuses with these lines, and the one that is always the last.
+  static void expect_refused(const std::string& where, int error, Lines lines,
+                             Faults&& faults = {}) {
+    const Endpoint c = make_endpoint();
+    const StderrCapture captured;
+    EXPECT_EQ(Outcome(-1, error), outcome(faults, [&] { return create(c, where); }));
+    lines.push_back(std::string("ERROR: create_server(): failed to ") +
+                    (error == ENOMEM ? "allocate memory for client list" : "create server socket"));
+    EXPECT_EQ(lines, captured.lines());
+    EXPECT_FALSE(comm_socket_v4_is_open(c.get()) || c->flags.server || c->flags.bound) << lines[0];
+    EXPECT_EQ(where, c->socket_path);
+    EXPECT_EQ(error == EINVAL || error == ENAMETOOLONG, faults.count(Call::socket) == 0);
+  }
+};
+
+TEST_F(ServerSocketTest, TurnsPathsIntoAddresses) {
+  const std::string full(108, 'x'), full_name = "@" + std::string(107, 'y');
+  const struct {
+    std::string path, bytes;
+    std::size_t length;
+  } rows[] = {{"", "", 0},       {"a", "a", 110},
+              {"@", "@", 110},   {"@x", {"\0x", 2}, 4},
+              {full, full, 110}, {full_name, '\0' + full_name.substr(1), 110}};
+  sockaddr_un address;
+  std::size_t length = 0;
+  for (const auto& row : rows) {
+    memset(&address, 0xFF, sizeof address);
+    comm_socket_path_to_sockaddr_un(address, length, row.path);
+    EXPECT_EQ(row.bytes + std::string(108 - row.bytes.size(), '\0'),
+              std::string(address.sun_path, 108));
+    EXPECT_TRUE(length == row.length && address.sun_family == AF_UNIX) << row.path;
+  }
+  EXPECT_DEATH(comm_socket_path_to_sockaddr_un(address, length, full + "x"),
+               "^lib/comm_connection: .*path.length\\(\\) <= sizeof\\(sun.sun_path\\)\n$");
+}
+
+TEST_F(ServerSocketTest, ListensOnAFileThatEverybodyMayUse) {
+  const Endpoint c = make_endpoint();
+  const mode_t umask_before = umask(0777);
+  EXPECT_EQ(0, create(c, path_of_length(106)));
+  umask(umask_before);
+  EXPECT_EQ(fs::perms(0666), fs::status(path_of_length(106)).permissions());
+  EXPECT_TRUE(c->flags.server && c->flags.bound && c->client_allocation_count() == 16);
+  EXPECT_EQ(FD_CLOEXEC, fcntl(c->get_socket_fd(), F_GETFD));
+  EXPECT_EQ(nullptr, comm_socket_v4_accept_connection(c.get())) << "blocks";
+  join(c.get());
+}
+
+TEST_F(ServerSocketTest, AnAbstractNameLeavesFilesAlone) {
+  const std::string name = abstract_name();
+  const Peer in_directory([&] {
+    fs::current_path(path(""));
+    std::ofstream(name) << "text";
+    fs::permissions(name, fs::perms(0600));
+    Faults faults;
+    faults.during([&] {
+      const Endpoint c = make_endpoint();
+      EXPECT_EQ(0, create(c, name));
+      sockaddr_un address;
+      socklen_t length = sizeof address;
+      getsockname(c->get_socket_fd(), reinterpret_cast<sockaddr*>(&address), &length);
+      EXPECT_EQ(2 + name.length(), length);
+      expect_refused(name, EADDRINUSE, {says + "cannot bind, Address already in use\n"});
+    });
+    EXPECT_EQ(fs::perms(0600), fs::status(name).permissions());
+    EXPECT_EQ(0u, faults.count(Call::lstat) + faults.count(Call::unlink));
+  });
+}
+
+TEST_F(ServerSocketTest, RefusesThePathOfALiveServerAndReplacesTheFileOfADeadOne) {
+  fs::create_directory(path("elsewhere"));
+  const int decoy = bound_socket(path("decoy"));
+  for (const std::string& name : {at, std::string("../socket")})
+    for (const int type : {SOCK_SEQPACKET, SOCK_STREAM, SOCK_DGRAM}) {
+      SCOPED_TRACE(name + " type " + std::to_string(type));
+      EXPECT_GT(0, get_socket_server_pid(at.c_str(), 1));
+      Peer server([&] {
+        fs::current_path(path("elsewhere"));
+        bound_socket(name, type);
+        pause();
+      });
+      while (!fs::exists(at)) usleep(1000);
+      EXPECT_EQ(server.pid(), get_socket_server_pid(at.c_str(), 1));
+      expect_refused(at, EADDRINUSE, {live});
+      // In /proc/net/unix the text is still that of the live server, whose file this is no more.
+      EXPECT_TRUE(fs::remove(at) && close(bound_socket(at, type)) == 0);
+      EXPECT_GT(0, get_socket_server_pid(at.c_str(), 1));
+      const StderrCapture captured;
+      EXPECT_EQ(0, create(make_endpoint(), at));
+      EXPECT_EQ(Lines{}, captured.lines());
+      kill(server.pid(), SIGKILL);
+      server.wait();
+    }
+  close(decoy);
+}
+
+TEST_F(ServerSocketTest, ARefusedTakeOverCostsTheLiveServerNoPlaceInItsQueue) {
+  const Endpoint server = make_endpoint(), c = make_endpoint();
+  ASSERT_EQ(0, create(server, at));
+  comm_socket_v4_set_connect_timeout(c.get(), 50000);
+  const auto connect = [&] { EXPECT_EQ(0, comm_socket_v4_connect_to(c.get(), at.c_str())); };
+  const auto refuse = [&] { expect_refused(at, EADDRINUSE, {live}); };
+  for (const bool full_before : {false, true}) {
+    full_before ? connect() : refuse();
+    full_before ? refuse() : connect();
+    EXPECT_NE(nullptr, comm_socket_v4_accept_connection(server.get()));
+    EXPECT_EQ(nullptr, comm_socket_v4_accept_connection(server.get()));
+  }
+}
+
+TEST_F(ServerSocketTest, TheDebugFlagTakesAPathFromALiveServer) {
+  const Endpoint before = make_endpoint(), c = make_endpoint();
+  const StderrCapture captured;
+  ASSERT_EQ(0, create(before, at));
+  c->flags.debug = 1;
+  EXPECT_EQ(0, create(c, at));
+  EXPECT_EQ(Lines{"WARNING: create_server_socket() another process is listening on " + quoted +
+                  " but DEBUG flag is set to ignore the condition and proceed anyway"},
+            captured.lines());
+  join(c.get());
+}
+
+TEST_F(ServerSocketTest, SaysWhatFailedAndRemovesOnlyItsOwnFile) {
+  const std::string cannot = says + "cannot bind, ",
+                    held = "path " + quoted + " already occupied by ";
+  const std::string denied = "Permission denied", why = quoted + " (" + denied + ")";
+  const auto nothing = [] {};
+  const auto stale = [this] { close(bound_socket(at)); };
+  const auto file = [this] { std::ofstream(at) << "text"; };
+  const auto directory = [this] { fs::create_directory(at); };
+  const auto fifo = [this] { mkfifo(at.c_str(), 0600); };
+  const auto link = [this] { fs::create_symlink("x", at); };
+  using Type = fs::file_type;
+  const auto expect = [this](auto prepare, Type remains, const std::string& line,
+                             Call call = Call::kinds, unsigned nth = 1) {
+    prepare();
+    Faults faults;
+    if (call != Call::kinds) faults.fail(call, EACCES, nth);
+    expect_refused(at, line.find("Permission denied") < line.size() ? EACCES : EADDRINUSE, {line},
+                   std::move(faults));
+    EXPECT_EQ(remains, fs::symlink_status(at).type()) << line;
+    fs::remove(at);
+  };
+  expect(file, Type::regular, cannot + held + "file");
+  expect(directory, Type::directory, cannot + held + "directory");
+  expect(fifo, Type::fifo, cannot + held + "non-socket");
+  expect(link, Type::symlink, cannot + held + "non-socket");
+  expect(stale, Type::socket, says + "cannot create AF_UNIX packet: " + denied + "\n",
+         Call::socket);
+  expect(stale, Type::socket, live, Call::socket, 2);  // none to ask with
+  expect(stale, Type::socket, cannot + denied + "\n", Call::bind);
+  expect(stale, Type::not_found, cannot + denied + "\n", Call::bind, 2);
+  expect(stale, Type::socket, cannot + "and cannot stat path " + why, Call::lstat);
+  expect(stale, Type::socket, cannot + "and cannot remove existing socket " + why, Call::unlink);
+  expect(nothing, Type::not_found, "ERROR: create_server_socket(): cannot listen, " + denied + "\n",
+         Call::listen);
+  Faults no_memory;
+  no_memory.fail(Call::operator_new, ENOMEM, 2);  // The first allocation is that of the path.
+  expect_refused(at, ENOMEM, {"ERROR: alloc_client_list() malloc() failed"}, std::move(no_memory));
+  EXPECT_FALSE(fs::exists(at));
+  EXPECT_EQ(0, failing(Call::chmod, EPERM, [this] { return create(make_endpoint(), at); }));
+
+  const std::string too_long =
+      "socket path too long for AF_UNIX domain (I warned you I'd remove that hack!)";
+  expect_refused(path_of_length(107), ENAMETOOLONG, {says + too_long});
+  expect_refused("@" + std::string(106, 'n'), ENAMETOOLONG, {says + too_long});
+  expect_refused("", EINVAL, {"BUG: create_server_socket() with no socket path"});
+}
+
+TEST_F(ServerSocketTest, ReopenBindsAgainAndToleratesAFailure) {
+  const Connection connection = connected();
+  const Endpoint closed = make_endpoint();
+  comm_socket_v4* const server = connection.server.get();
+  const auto reopen = [](comm_socket_v4* c) {
+    return outcome([c] { return comm_socket_v4_reopen_server(c); });
+  };
+  comm_socket_v4_debug_logging(server);
+  const StderrCapture captured;
+  EXPECT_EQ(Outcome(-1, 0), reopen(nullptr));
+  EXPECT_EQ(Outcome(-1, 0), reopen(closed.get()));
+  EXPECT_EQ(Outcome(-1, 0), reopen(connection.client.get()));
+  EXPECT_EQ(Outcome(0, EINVAL), reopen(server)) << "it is still bound";
+  EXPECT_EQ(Lines{}, captured.lines());
+  EXPECT_EQ(Outcome(0, EACCES), failing(Call::bind, EACCES, [&] { return reopen(server); }));
+  EXPECT_EQ(Lines{"DEBUG: reopen_server() rebind failed, Permission denied, falling back to rebind "
+                  "socket rename"},
+            captured.lines());
+}
+
+}  // namespace
