@@ -98,21 +98,10 @@ class World {
   }
 
   void step() {
-    constexpr void (World::*steps[])() = {&World::connect,
-                                          &World::accept,
-                                          &World::peer_send,
-                                          &World::peer_receive,
-                                          &World::peer_close,
-                                          &World::idle,
-                                          &World::wait,
-                                          &World::retrieve,
-                                          &World::send,
-                                          &World::disconnect,
-                                          &World::take_disconnected,
-                                          &World::free_client,
-                                          &World::open_client,
-                                          &World::reopen_server};
-    (this->*steps[in_.one_of("capgqiwrsdtfon")])();
+    make_step(in_, *this, "capgqiwrsdtfon", &World::connect, &World::accept, &World::peer_send,
+              &World::peer_receive, &World::peer_close, &World::idle, &World::wait,
+              &World::retrieve, &World::send, &World::disconnect, &World::take_disconnected,
+              &World::free_client, &World::open_client, &World::reopen_server);
     for (const comm_socket_v4_client& c : server_.client) check(c);
   }
 

@@ -3,7 +3,7 @@
 #ifndef COMM_FUZZ_HARNESS_H
 #define COMM_FUZZ_HARNESS_H
 
-#include <bit>
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -50,6 +50,13 @@ class Input {
  private:
   std::string_view left_;
 };
+
+// Makes that of an object's steps whose letter comes next.
+template <class Object, class... Steps>
+auto make_step(Input& in, Object& object, std::string_view letters, Steps... steps) {
+  const std::array all = {steps...};
+  return (object.*all[in.one_of(letters)])();
+}
 
 struct ReleasePacket {
   void operator()(comm_socket_v4_packet* p) const { comm_socket_v4_packet_release(p); }

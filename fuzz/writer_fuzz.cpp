@@ -27,14 +27,13 @@ class Session {
   // One call, or the same one until it was made often enough or is refused.
   void step() {
     constexpr int often[] = {1, 2, 255, 257, 4096};
-    constexpr bool (Session::*calls[])() = {&Session::begin, &Session::argument, &Session::pair,
-                                            &Session::data, &Session::end};
     const int times = often[in_.one_of(".:aA*")];
-    const auto call = calls[in_.one_of("bapde")];
-    const Input arguments = in_;
+    const Input call = in_;
     for (int i = 0; i < times && p_.buffer_length < most_bytes; ++i) {
-      in_ = arguments;
-      if (!(this->*call)()) break;
+      in_ = call;
+      if (!make_step(in_, *this, "bapde", &Session::begin, &Session::argument, &Session::pair,
+                     &Session::data, &Session::end))
+        break;
     }
     REQUIRE(p_.write_state == state_);
     if (p_.buffer_length > 1000) return;
