@@ -29,7 +29,7 @@ class ClientsTest : public ServerTest {
 
 TEST_F(ClientsTest, TheTableGrowsByHalfToExactlyThatSize) {
   std::string expected;
-  for (const unsigned long size : {24, 36, 54, 81, 122}) {
+  for (const unsigned long size : Numbers{24, 36, 54, 81, 122}) {
     const unsigned long slots = s.client.size();
     join(slots);
     s.client_idlescan = s.client.back().tag = slots;
@@ -106,10 +106,10 @@ TEST_F(ClientsTest, ABrokenInvariantAborts) {
       {"new_client_cancel: assertion failed: c->client_fd < 0",
        [&] { join(), comm_socket_v4_new_client_cancel(&empty); }},
       {"client_find_empty_slot: assertion failed: client->halt == 0", [&] { empty.halt = 1; }}};
-  for (const auto& [text, act] : rows) {
-    Peer aborting([&] { act(), accept(); });
+  for (const auto& row : rows) {
+    Peer aborting([&] { row.second(), accept(); });
     EXPECT_EQ(128 + SIGABRT, aborting.wait());
-    EXPECT_EQ("lib/comm_server_clients: comm_socket_v4_" + text + "\n", log());
+    EXPECT_EQ("lib/comm_server_clients: comm_socket_v4_" + row.first + "\n", log());
   }
 }
 

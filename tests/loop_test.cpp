@@ -71,9 +71,9 @@ TEST_F(LoopTest, AnIdlePassReadsFromHalfOfTheSlotsInRotation) {
 
 TEST_F(LoopTest, NoClientStarvesTheOthersAndNoneIsOverlooked) {
   join(200);
-  for (const std::size_t i : {150, 2, 1, 0, 0, 0}) send_from(i);
+  for (const unsigned long i : Numbers{150, 2, 1, 0, 0, 0}) send_from(i);
   peers[170].reset();
-  for (const unsigned long i : {0, 1, 2, 150, 0, 0}) EXPECT_EQ(i, next_sender());
+  for (const unsigned long i : Numbers{0, 1, 2, 150, 0, 0}) EXPECT_EQ(i, next_sender());
   EXPECT_EQ(COMM_V4_NO_INDEX, next_sender());
   EXPECT_EQ(&s.client[170], comm_socket_v4_get_disconnected_client(&s));
   s.client_getpktscan = 999;
