@@ -116,7 +116,7 @@ class Session {
     const bool is_text = type == comm_v4_type_text || type == comm_v4_type_json;
     const char* const text = is_text ? value.c_str() : "";
     if (made) pairs_ += bits(type) + cut(name, 4095) + '=' + value + '=' + text + '\0';
-    pair_count_ = p_.wr_nv_pair.size();
+    pair_count_ += made ? 1 : 0;
     return made;
   }
 
