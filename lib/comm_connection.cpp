@@ -27,10 +27,18 @@ constexpr std::size_t max_path_length = sizeof(sockaddr_un::sun_path) - 2;
 // The kernel takes one connection more than the backlog; a client that meets a full queue retries.
 constexpr int listen_backlog = 0;
 constexpr std::uint64_t default_wait_us = 10000000;
-constexpr useconds_t retry_pause_us = 10000;
+constexpr std::uint64_t retry_pause_us = 10000;
 
 bool starts_with_at(const std::string& path) { return !path.empty() && path[0] == '@'; }
 bool is_abstract(const std::string& path) { return starts_with_at(path) && path.length() > 1; }
+
+// The whole pause, also while signals arrive.
+void pause_before_retry() {
+  const std::uint64_t start = monotonic_clock_us();
+  std::uint64_t slept = 0;
+  while (slept < retry_pause_us && ::usleep(static_cast<useconds_t>(retry_pause_us - slept)) != 0)
+    slept = monotonic_clock_us() - start;
+}
 
 const struct sockaddr* as_sockaddr(const struct sockaddr_un& sun) {
   return reinterpret_cast<const struct sockaddr*>(&sun);
@@ -265,9 +273,9 @@ int comm_socket_v4_reopen_server(comm_socket_v4* c) {
 
 namespace {
 
-// The target of a path that is too long for a socket address, if it is a link to a socket. The
-// text of the link is used as it is, so a relative one starts at the working directory.
-int resolve_long_path(comm_socket_v4* c, std::string& target) {
+// The address behind a path that is too long for one, if it is a link to a socket. The text of the
+// link is used as it is, so a relative one starts at the working directory.
+int resolve_long_path(comm_socket_v4* c, struct sockaddr_un& sun) {
   const char* const path = c->socket_path.c_str();
   struct stat file;
   if (::lstat(path, &file) != 0) {
@@ -307,14 +315,18 @@ int resolve_long_path(comm_socket_v4* c, std::string& target) {
                          "symlink points to non-socket");
     return -1;
   }
-  target = link;
-  if (target.length() > max_path_length) {
+  const std::size_t target_length = std::strlen(link);
+  if (target_length > max_path_length) {
     errno = ENAMETOOLONG;
     comm_socket_v4_error(c,
                          "create_server_socket() socket path too long for AF_UNIX domain and "
                          "symlink is too long as well");
     return -1;
   }
+  // A target that begins with "@" is a file all the same.
+  sun = {};
+  sun.sun_family = AF_UNIX;
+  std::memcpy(sun.sun_path, link, target_length);
   return 0;
 }
 
@@ -327,12 +339,7 @@ int build_server_address(comm_socket_v4* c, struct sockaddr_un& sun, std::size_t
       return -1;
     }
   } else if (path.length() > max_path_length) {
-    std::string target;
-    if (resolve_long_path(c, target) != 0) return -1;
-    // A target that begins with "@" is a file all the same.
-    sun = {};
-    sun.sun_family = AF_UNIX;
-    std::memcpy(sun.sun_path, target.data(), target.length());
+    if (resolve_long_path(c, sun) != 0) return -1;
     length = sizeof(sun);
     return 0;
   }
@@ -354,8 +361,8 @@ socklen_t stored_address_length(const comm_socket_v4* c) {
 
 namespace {
 
-bool elapsed(std::uint64_t start_us, std::uint64_t timeout_us) {
-  return timeout_us != 0 && monotonic_clock_us() - start_us >= timeout_us;
+bool expired(std::uint64_t elapsed_us, std::uint64_t timeout_us) {
+  return timeout_us != 0 && elapsed_us >= timeout_us;
 }
 
 std::uint64_t saturating_add(std::uint64_t a, std::uint64_t b) {
@@ -378,13 +385,14 @@ enum class Pending { wait_on, gave_up, left_to_idle };
 
 Pending check_timeouts(comm_socket_v4* c) {
   const char* const path = c->socket_path.c_str();
-  if (elapsed(c->connect_start, c->connect_timeout)) {
+  const std::uint64_t elapsed_us = monotonic_clock_us() - c->connect_start;
+  if (expired(elapsed_us, c->connect_timeout)) {
     comm_socket_v4_error(c, "connect_timeout_check() soft timeout connecting to '%s'\n", path);
     comm_socket_v4_close(c);
     errno = ETIMEDOUT;
     return Pending::gave_up;
   }
-  if (elapsed(c->connect_start, c->connect_timeout_routine)) {
+  if (expired(elapsed_us, c->connect_timeout_routine)) {
     comm_socket_v4_debug(c, "connect_timeout_routine_check() soft timeout connecting to '%s'\n",
                          path);
     comm_socket_v4_debug(c,
@@ -400,6 +408,8 @@ int finish_pending_connect(comm_socket_v4* c) {
   for (;;) {
     const Pending pending = check_timeouts(c);
     if (pending != Pending::wait_on) return pending == Pending::gave_up ? -1 : 0;
+    // Past the deadline the wait returns at once, and only a pause keeps the loop from spinning.
+    if (monotonic_clock_us() >= deadline) pause_before_retry();
 
     if (comm_socket_v4_connect_check_pending(c) != 0) {
       comm_socket_v4_debug(
@@ -419,8 +429,6 @@ int finish_pending_connect(comm_socket_v4* c) {
             "connect_to_server() connect_wait_for_completion() should have cleared pending flag");
     }
     if (!c->status.connect_pending) return 0;
-    // Past the deadline the wait returns at once, and only a pause keeps the loop from spinning.
-    if (monotonic_clock_us() >= deadline) ::usleep(retry_pause_us);
   }
 }
 
@@ -532,7 +540,7 @@ int judge_writeable_socket(comm_socket_v4* c) {
   }
   // A local socket that the full queue of the server refused is writeable and not connected.
   if (errno == ENOTCONN) {
-    ::usleep(retry_pause_us);
+    pause_before_retry();
     errno = 0;
     return 0;
   }
@@ -553,8 +561,10 @@ int comm_socket_v4_connect_wait_for_completion(comm_socket_v4* c, std::uint64_t 
   errno = 0;
   if (!c->status.connect_pending) return 1;
   const int ready = wait_for_descriptor(c->socket_fd, Direction::write, deadline_us);
-  // errno is EINTR when a signal ended the wait, otherwise still 0.
-  if (ready == 0) return 0;
+  if (ready == 0) {
+    if (errno != EINTR) errno = 0;
+    return 0;
+  }
   if (ready < 0) {
     comm_socket_v4_error(c, "connect_wait_for_completion() select returned error %s",
                          std::strerror(errno));

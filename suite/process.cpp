@@ -10,10 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <new>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -41,26 +39,40 @@ Answer ask(const char* path) {
 }
 
 struct BoundSocket {
-  std::string inode;  // of the socket, not of its file
-  std::string path;   // as the server spelled it, from its working directory
+  unsigned long inode;  // of the socket, not of its file
+  std::string path;     // as the server spelled it, from its working directory
 };
 
-// /proc/net/unix (proc(5)): Num RefCount Protocol Flags Type St Inode Path.
+struct CloseFile {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+struct Free {
+  void operator()(char* memory) const { std::free(memory); }
+};
+
+// From /proc/net/unix, lines of "Num RefCount Protocol Flags Type St Inode Path" (proc(5)). The
+// connections that a server accepted carry its path too; they are left out. A datagram socket is
+// always in their state.
 std::vector<BoundSocket> bound_sockets() {
+  constexpr unsigned connected = 3;
   std::vector<BoundSocket> sockets;
-  std::ifstream table("/proc/net/unix");
-  std::string line;
-  while (std::getline(table, line)) {
-    std::istringstream fields(line);
-    std::string skipped;
-    BoundSocket socket;
-    for (int i = 0; i < 6; ++i) fields >> skipped;
-    fields >> socket.inode;
-    fields.ignore(1);
-    std::getline(fields, socket.path);
-    if (!socket.path.empty() && socket.path[0] != '@') sockets.push_back(socket);
+  const std::unique_ptr<std::FILE, CloseFile> table(std::fopen("/proc/net/unix", "re"));
+  if (table == nullptr) return sockets;
+  std::unique_ptr<char, Free> line;
+  for (std::size_t size = 0;;) {
+    char* text = line.release();
+    const ssize_t length = ::getline(&text, &size, table.get());
+    line.reset(text);
+    if (length < 0) return sockets;
+    unsigned type, state;
+    unsigned long inode;
+    int end = 0;
+    if (std::sscanf(text, "%*s %*s %*s %*s %x %x %lu%n", &type, &state, &inode, &end) != 3)
+      continue;
+    if (state == connected && type != SOCK_DGRAM) continue;
+    if (text[end] != ' ' || text[length - 1] != '\n') continue;
+    sockets.push_back({inode, std::string(text + end + 1, text + length - 1)});
   }
-  return sockets;
 }
 
 bool same_file(const std::string& path, const struct stat& file) {
@@ -78,40 +90,48 @@ std::vector<std::string> entries_of(const std::string& directory) {
   return names;
 }
 
-// "12345" of a descriptor that is "socket:[12345]", otherwise "".
-std::string socket_inode(const std::string& descriptor) {
-  char target[64];
-  const ssize_t length = ::readlink(descriptor.c_str(), target, sizeof(target));
-  const std::string text(target, length > 0 ? static_cast<std::size_t>(length) : 0);
-  if (text.rfind("socket:[", 0) != 0 || text.back() != ']') return "";
-  return text.substr(8, text.size() - 9);
+// The inode of a descriptor whose link reads "socket:[12345]", otherwise 0.
+unsigned long socket_inode(const std::string& descriptor) {
+  char target[64] = {};
+  unsigned long inode;
+  if (::readlink(descriptor.c_str(), target, sizeof(target) - 1) < 0) return 0;
+  return std::sscanf(target, "socket:[%lu]", &inode) == 1 ? inode : 0;
 }
 
-// Whether the process holds a socket that is bound to `file`.
-bool serves(const std::string& process, const std::vector<BoundSocket>& sockets,
-            const struct stat& file) {
+// The newest socket of the process that is bound to `file`, by its inode; 0 without one.
+unsigned long newest_server_socket(const std::string& process,
+                                   const std::vector<BoundSocket>& sockets,
+                                   const struct stat& file) {
+  unsigned long newest = 0;
   for (const std::string& descriptor : entries_of(process + "/fd")) {
-    const std::string inode = socket_inode(process + "/fd/" + descriptor);
-    if (inode.empty()) continue;
+    const unsigned long inode = socket_inode(process + "/fd/" + descriptor);
+    if (inode <= newest) continue;
     for (const BoundSocket& socket : sockets) {
       if (socket.inode != inode) continue;
       const bool relative = socket.path[0] != '/';
-      if (same_file(relative ? process + "/cwd/" + socket.path : socket.path, file)) return true;
+      if (same_file(process + (relative ? "/cwd/" : "/root") + socket.path, file)) newest = inode;
     }
   }
-  return false;
+  return newest;
 }
 
-// The first process that serves the file; 0 when none is seen to.
+// The process that serves the file; 0 when none is seen to. Of several sockets that were bound to
+// the same path the newest has the file: the older ones lost it to a take-over.
 int find_server(const char* path) {
   struct stat file;
   if (::lstat(path, &file) != 0) return 0;
   const std::vector<BoundSocket> sockets = bound_sockets();
+  int server = 0;
+  unsigned long newest = 0;
   for (const std::string& name : entries_of("/proc")) {
     const int pid = std::atoi(name.c_str());
-    if (pid > 0 && serves("/proc/" + name, sockets, file)) return pid;
+    if (pid <= 0) continue;
+    const unsigned long inode = newest_server_socket("/proc/" + name, sockets, file);
+    if (inode <= newest) continue;
+    newest = inode;
+    server = pid;
   }
-  return 0;
+  return server;
 }
 
 }  // namespace

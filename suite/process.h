@@ -3,8 +3,9 @@
 #define TARN_SUITE_PROCESS_H
 
 // The id of the process that listens on the socket file at `path`: negative when nobody does, 0
-// when somebody does but this process may not see who. Never connects to a live server. The second
-// argument is reserved.
+// when somebody does but this process may not see who, and also when it cannot be found out whether
+// somebody does: the file may not be written, no socket can be made to ask with. Never connects to
+// a live server. The second argument is reserved.
 extern "C" int get_socket_server_pid(const char* path, unsigned int);
 
 #endif

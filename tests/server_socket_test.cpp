@@ -122,6 +122,28 @@ TEST_F(ServerSocketTest, RefusesThePathOfALiveServerAndReplacesTheFileOfADeadOne
   close(decoy);
 }
 
+// A connection carries the path of the server that accepted it, for as long as somebody holds it.
+TEST_F(ServerSocketTest, AWorkerOfAnEarlierServerIsNotTakenForTheServer) {
+  Endpoint first = make_endpoint();
+  ASSERT_EQ(0, create(first, at));
+  Endpoint client = join(first.get()).first;
+  Peer worker([&] {
+    close(first->get_socket_fd());
+    pause();
+  });
+  first.reset();
+  Peer server([&] {
+    bound_socket(at);
+    pause();
+  });
+  while (!fs::exists(at)) usleep(1000);
+  EXPECT_EQ(server.pid(), get_socket_server_pid(at.c_str(), 1));
+  for (Peer* const peer : {&worker, &server}) {
+    kill(peer->pid(), SIGKILL);
+    peer->wait();
+  }
+}
+
 TEST_F(ServerSocketTest, ARefusedTakeOverCostsTheLiveServerNoPlaceInItsQueue) {
   const Endpoint server = make_endpoint(), c = make_endpoint();
   ASSERT_EQ(0, create(server, at));

@@ -18,8 +18,8 @@
 //     array points into the packet and lives until the packet is destroyed or its buffer is
 //     resized, which any write may do; an empty text is static.
 //  5. Blocking. Only the four waits, comm_socket_v4_connect_to and
-//     comm_socket_v4_connect_wait_for_completion ever block. No send raises SIGPIPE; EINTR never
-//     reaches the caller as a failure.
+//     comm_socket_v4_connect_wait_for_completion ever block. No send raises SIGPIPE, and a signal
+//     that ends a wait or a transfer is no failure.
 //  6. Threads. None inside. One thread at a time uses an endpoint, its client records and its
 //     queues, and callbacks run on that thread. A packet may be referenced from several threads
 //     (addref and release are atomic), but is written or read by one thread at a time.
@@ -43,7 +43,7 @@
 //     data in one write call        262,144 bytes
 //     a packet that is received     64 to 65,551 bytes; a longer one can be sent, and is dropped
 //     attached descriptors          8; a received packet that is sent on carries up to 60
-//     path of a server              106 characters
+//     path of a server              106 characters; a client takes 108 of an abstract name
 //     client records of a server    16 at first, grows to 1,048,576
 //     packets in a queue            4096
 #ifndef TARN_UTILS_V4_COMM_H
@@ -460,7 +460,7 @@ class COMM_V4_EXPORT comm_socket_v4 {
   std::uint64_t tag;  // the application's
   int (*recv_cb)(comm_socket_v4*, comm_socket_v4_packet*);
   std::int32_t socket_fd;   // -1 when closed
-  std::string socket_path;  // a leading "@" is a name in the abstract namespace
+  std::string socket_path;  // a leading "@" is an abstract name; not to be changed while open
   struct sockaddr_un sun;   // of a client: the address it connects to
   std::uint64_t connect_start;
   std::uint64_t connect_timeout;
@@ -540,20 +540,24 @@ COMM_V4_EXPORT extern unsigned int comm_socket_v4_recv_corrupt_debug;
 
 // --- Endpoint -----------------------------------------------------------------------------------
 
-// A closed endpoint without a role; null when there is no memory for it.
+// A closed endpoint without a role; null when there is no memory for it, std::bad_alloc when there
+// is none for its members.
 COMM_V4_EXPORT comm_socket_v4* comm_socket_v4_create(void);
 // Drops the waiting packet, closes the endpoint and frees it. Returns 0, for null too.
 COMM_V4_EXPORT int comm_socket_v4_destroy(comm_socket_v4* c);
-// Back to closed, whatever it was: closes its sockets, removes a server's socket file if it still
-// is a socket, releases every client. Keeps path, log level, tag, callback, timeouts, flags.debug
-// and a packet that waits in next_packet. Returns 0 and leaves errno alone.
+// Back to closed, whatever it was: closes its sockets, removes the file of a server, releases every
+// client. The file is whatever socket lies at the path by then, so a copy of the endpoint in a
+// forked child must not be closed, and a relative path needs the working directory of its opening.
+// Sets flags.idle_enabled. Keeps path, log level, tag, callback, timeouts, flags.debug and a packet
+// that waits in next_packet. Returns 0 and leaves errno alone.
 COMM_V4_EXPORT int comm_socket_v4_close(comm_socket_v4* c);
 // 1 or 0; 0 for null.
 COMM_V4_EXPORT int comm_socket_v4_is_open(const comm_socket_v4* c);
 // 1 while a client's connect is unfinished, else 0; 0 for null.
 COMM_V4_EXPORT int comm_socket_v4_connection_pending(const comm_socket_v4* c);
 // Stores a copy, or empties the path when it is null. An open endpoint is closed first, which is
-// reported as a bug of the caller. Returns 0. The opening calls do this themselves.
+// reported as a bug of the caller. Returns 0. The opening calls do this themselves. Where memory
+// for the copy runs out std::bad_alloc leaves the endpoint closed, with the old path.
 COMM_V4_EXPORT int comm_socket_v4_set_socket_path(comm_socket_v4* c, const char* path);
 
 // --- Logging, to standard error -----------------------------------------------------------------
@@ -580,9 +584,11 @@ COMM_V4_EXPORT void comm_socket_v4_dump_state(const comm_socket_v4* c, std::FILE
 // --- Server -------------------------------------------------------------------------------------
 
 // Listens on `path`: a file of mode 0666, or the abstract name after a leading "@", which has no
-// permissions at all. The backlog is 0: a client that meets a full queue gets EAGAIN and tries
+// permissions at all ("@" alone is a file, which close leaves behind). Choose a directory in which
+// others cannot write. The backlog is 0: a client that meets a full queue gets EAGAIN and tries
 // again, which comm_socket_v4_connect_to does by itself. The file of a dead server is replaced; a
-// live server's is not (unless flags.debug is set), nor anything that is not a socket.
+// live server's is not (unless flags.debug is set), nor one of which that cannot be found out, nor
+// anything that is not a socket.
 // -1 with the endpoint closed and the path kept: EINVAL without a path, ENAMETOOLONG above 106
 // characters, ENOMEM, EADDRINUSE when the path is held, or what the failing system call left.
 COMM_V4_EXPORT int comm_socket_v4_create_server(comm_socket_v4* c, const char* path);
@@ -640,24 +646,29 @@ COMM_V4_EXPORT void comm_socket_v4_client_disconnect_list_clear(comm_socket_v4* 
 // --- Client -------------------------------------------------------------------------------------
 
 // Connects to the server at `path`; a path above 106 characters may be a symbolic link to a socket
-// with a shorter one. While the server's queue is full it tries again every 10 ms, within the two
-// timeouts below, without them for ever. 0 when connected, but also when the routine timeout came
-// first, and when a retry found that the server had gone: a caller that needs to know asks
-// comm_socket_v4_is_open and comm_socket_v4_connection_pending. -1 with the endpoint closed:
-// ETIMEDOUT, ENAMETOOLONG, ENOENT, ECONNREFUSED, or what the failing system call left. That no
-// server is there is logged at debug level only.
+// with a shorter one (a relative target starts at the working directory). While the server's queue
+// is full it tries again every 10 ms, within the two timeouts below, without them for ever. `path`
+// may be the text of c->socket_path; null or empty is a bug of the caller: -1, errno untouched.
+// 0 when connected, but also when the routine timeout came first, and when a retry found that the
+// server had gone: a caller that needs to know asks comm_socket_v4_is_open and
+// comm_socket_v4_connection_pending (an endpoint that is open and not pending is connected, unless
+// the kernel reported an error of the pending connect, which is logged). -1 with the endpoint
+// closed: ETIMEDOUT, ENAMETOOLONG, ENOENT, ECONNREFUSED, or what the failing system call left. That
+// no server is there is logged at debug level only.
 COMM_V4_EXPORT int comm_socket_v4_connect_to(comm_socket_v4* c, const char* path);
 // From the start of connect_to, in microseconds, 0 for none. The first makes it fail; the second
-// makes it return 0 with the connection pending. Of equal ones the first wins. Close keeps both.
+// makes it return 0 with the connection pending. Of equal ones the first wins. An expired one is
+// noticed at the next try, up to 10 ms later. Close keeps both.
 COMM_V4_EXPORT void comm_socket_v4_set_connect_timeout(comm_socket_v4* c, std::uint64_t usec);
 COMM_V4_EXPORT void comm_socket_v4_set_connect_timeout_routine(comm_socket_v4* c,
                                                                std::uint64_t usec);
-// Complete a pending connect: try once, without waiting (idle does this too); or wait for the
-// deadline at most. 1 connected or nothing pending, 0 not yet, -1 failed. check_pending closes the
-// endpoint when it fails; EINVAL on an endpoint that is closed or never connected.
-// wait_for_completion leaves errno 0 with 1 and 0 (EINTR when a signal came), closes the endpoint
-// when a system call fails, and leaves it open when the kernel reports that the connect failed;
-// ETIMEDOUT on a closed endpoint.
+// Complete a pending connect: try once, without waiting (idle does this too); or wait until the
+// deadline, up to 10 ms beyond it while the server's queue is full. 1 connected or nothing pending,
+// 0 not yet, -1 failed. check_pending closes the endpoint when it fails, also a server or an end of
+// a pair, for which it is not meant (EINVAL, as for a closed endpoint); errno is 0 after a connect
+// that completed. wait_for_completion leaves errno 0 with 1 and 0 (EINTR when a signal came),
+// closes the endpoint when a system call fails, and leaves it open when the kernel reports that the
+// connect failed; ETIMEDOUT on a closed endpoint.
 COMM_V4_EXPORT int comm_socket_v4_connect_check_pending(comm_socket_v4* c);
 COMM_V4_EXPORT int comm_socket_v4_connect_wait_for_completion(comm_socket_v4* c,
                                                               std::uint64_t deadline_us);
@@ -667,17 +678,18 @@ COMM_V4_EXPORT int comm_socket_v4_connect_wait_for_completion(comm_socket_v4* c,
 // A pair of connected, non-blocking, close-on-exec SOCK_SEQPACKET sockets, as socketpair(2)
 // answers.
 COMM_V4_EXPORT int comm_socket_v4_make_socketpair(int* sv);
-// Opens a closed endpoint on one end of a new pair and keeps the other. -1 on an endpoint that is
-// open or a server, unchanged; or with the errno of socketpair.
+// Opens a closed endpoint on one end of a new pair, keeps the other, and empties the path. -1 on an
+// endpoint that is open or a server, which stays as it is; or with the errno of socketpair.
 COMM_V4_EXPORT int comm_socket_v4_connect_new_socketpair(comm_socket_v4* c);
 // Hands the other end over, to be closed by the caller; it survives exec, so that a child can be
 // told its number. -1 when the endpoint holds none.
 COMM_V4_EXPORT int comm_socket_v4_socketpair_get_remote_end(comm_socket_v4* c);
 // Closes it, if it was not taken.
 COMM_V4_EXPORT void comm_socket_v4_socketpair_close_remote_end(comm_socket_v4* c);
-// Opens a closed endpoint on `fd`, which it owns from then on; -1, and fd is still the caller's,
-// when fd is no socket or the endpoint is open or a server. Blocking mode, close-on-exec and type
-// of the socket are left as they are. Leave SO_PASSPIDFD off: its descriptors would pile up.
+// Opens a closed endpoint on `fd`, which it owns from then on, and empties the path. -1, and fd is
+// still the caller's, when fd is no socket or the endpoint is open or a server, which stays as it
+// is. Blocking mode, close-on-exec and type of the socket are left as they are. Leave SO_PASSPIDFD
+// off: its descriptors would pile up.
 COMM_V4_EXPORT int comm_socket_v4_connect_use_socketpair(comm_socket_v4* c, int fd);
 
 // --- The application's loop ---------------------------------------------------------------------
