@@ -593,8 +593,8 @@ COMM_V4_EXPORT void comm_socket_v4_dump_state(const comm_socket_v4* c, std::FILE
 // characters, ENOMEM, EADDRINUSE when the path is held, or what the failing system call left.
 COMM_V4_EXPORT int comm_socket_v4_create_server(comm_socket_v4* c, const char* path);
 // Binds an open server to its path again. -1 when c is null or not an open server; errno is then 0.
-// Else 0, with errno 0 after success, EINVAL when the kernel refuses because it is still bound, or
-// the error of a bind that failed otherwise.
+// Else 0, with the errno of the bind: 0 after success, EINVAL while it is still bound, for which
+// newer kernels say EADDRINUSE when the file is there, or why it failed otherwise.
 COMM_V4_EXPORT int comm_socket_v4_reopen_server(comm_socket_v4* c);
 // Takes one waiting connection into an empty slot. Null with EAGAIN when none waits, with ENOMEM
 // when the table cannot grow (the connection keeps waiting), and when the credentials of the peer
@@ -664,11 +664,12 @@ COMM_V4_EXPORT void comm_socket_v4_set_connect_timeout_routine(comm_socket_v4* c
                                                                std::uint64_t usec);
 // Complete a pending connect: try once, without waiting (idle does this too); or wait until the
 // deadline, up to 10 ms beyond it while the server's queue is full. 1 connected or nothing pending,
-// 0 not yet, -1 failed. check_pending closes the endpoint when it fails, also a server or an end of
-// a pair, for which it is not meant (EINVAL, as for a closed endpoint); errno is 0 after a connect
-// that completed. wait_for_completion leaves errno 0 with 1 and 0 (EINTR when a signal came),
-// closes the endpoint when a system call fails, and leaves it open when the kernel reports that the
-// connect failed; ETIMEDOUT on a closed endpoint.
+// 0 not yet, -1 failed. A connect that met a full queue needs tries: waiting only looks.
+// check_pending closes the endpoint when it fails, also a server or an end of a pair, for which it
+// is not meant (EINVAL, as for a closed endpoint); errno is 0 after a connect that completed.
+// wait_for_completion leaves errno 0 with 1 and 0 (EINTR when a signal came), closes the endpoint
+// when a system call fails, and leaves it open when the kernel reports that the connect failed;
+// ETIMEDOUT on a closed endpoint.
 COMM_V4_EXPORT int comm_socket_v4_connect_check_pending(comm_socket_v4* c);
 COMM_V4_EXPORT int comm_socket_v4_connect_wait_for_completion(comm_socket_v4* c,
                                                               std::uint64_t deadline_us);
