@@ -54,9 +54,9 @@ TEST_F(PacketTest, WritesAndReadsTheExample) {
 
 TEST_F(PacketTest, WritesEveryPartWithoutPadding) {
   std::string argv, nv;
-  std::string expected = le(0xABCD0201, 4) + le(63, 4) + le(0x1122334455667788, 8) + le(42, 8) +
-                         le(5, 8) + le(0b1111, 4) + le(68, 4) + le(63, 4) + le(4, 1) + le(224, 4) +
-                         le(7, 2) + le(240, 4) + le(352, 4) + le(10, 4) + raw("rich\0no error\0");
+  std::string expected = le(0xABCD0201, 4) + le(63, 4) + le(0xFEDCBA9876543210, 8) + le(0xAB, 8) +
+                         le(5, 8) + le(0b1011, 4) + le(68, 4) + le(63, 4) + le(4, 1) + le(258, 4) +
+                         le(9, 2) + le(274, 4) + le(418, 4) + le(40, 4) + raw("list\0broken\0");
   const auto argument = [&](const std::string& value, std::uint8_t type) {
     argv += le(expected.size(), 3) + le(type, 1);
     expected += value;
@@ -66,18 +66,22 @@ TEST_F(PacketTest, WritesEveryPartWithoutPadding) {
     nv += le(value.size(), 4) + le(type, 4);
     expected += name + '\0' + value + (type == 0 || type == 4 ? raw("\0") : "");
   };
+  const std::string data = "\x1f !abcdefghijkl~\x7fmnopqrstuvwxyz012345678";
+  const std::string two = le(2, 8), four = le(4, 8), last = le(UINT64_MAX, 8);
   argument(raw("text\0"), 0);
-  argument(le(UINT64_MAX, 8), 2);
-  pair("text", "value", 0);
+  argument(le(0xFEDC, 8), 2);
+  pair("t", "v w", 0);
   argument(le(static_cast<std::uint64_t>(-5), 8), 5);
-  argument(le(2.5), 3);
-  pair("json", "{\"a\":1}", 4);
-  pair("binary", raw("\0\x01\xFF\0"), 1);
-  pair("uint64", le(1, 8) + le(UINT64_MAX, 8), 2);
-  pair("int64", le(UINT64_MAX, 8) + le(std::uint64_t{1} << 63, 8) + le(7, 8), 5);
-  pair("double", le(0.5) + le(-1e300), 3);
-  pair("own", raw("\0\x01\xFF"), 0x20584F46);
-  EXPECT_EQ(expected + argv + nv + "0123456789", bytes_of(rich_packet().get()));
+  argument(le(0.1), 3);
+  pair("j", "{}", 4);
+  pair("d", le(1.5) + le(-0.25), 3);
+  pair("u", le(1, 8) + two + le(3, 8) + four + last, 2);
+  pair("i", last + two + le(std::uint64_t{1} << 63, 8) + four, 5);
+  pair("none", "", 2);
+  pair("b", data.substr(0, 17), 1);
+  pair("code", data.substr(0, 16), 0x61746164);
+  pair("raw", "", 7);
+  EXPECT_EQ(expected + argv + nv + data, bytes_of(rich_packet().get()));
 }
 
 // --- Readers ------------------------------------------------------------------------------------
@@ -85,40 +89,41 @@ TEST_F(PacketTest, WritesEveryPartWithoutPadding) {
 TEST_F(PacketTest, ReadsEachValueByItsOwnTypeOnly) {
   const Packet owner = rich_packet();
   const comm_socket_v4_packet* const p = owner.get();
-  EXPECT_STREQ("rich", comm_socket_v4_packet_get_command(p));
-  EXPECT_STREQ("no error", comm_socket_v4_packet_get_error_string(p));
+  EXPECT_STREQ("list", comm_socket_v4_packet_get_command(p));
+  EXPECT_STREQ("broken", comm_socket_v4_packet_get_error_string(p));
   ASSERT_EQ(4u, comm_socket_v4_packet_get_argc(p));
-  ASSERT_EQ(7u, comm_socket_v4_packet_nv_entries(p));
+  ASSERT_EQ(9u, comm_socket_v4_packet_nv_entries(p));
   // Of each argument its own type reads; the last one is out of range.
   for (std::size_t n = 0; n < 5; ++n) {
     EXPECT_STREQ(n == 0 ? "text" : "", comm_socket_v4_packet_get_argv(p, n)) << n;
-    EXPECT_EQ(n == 1 ? UINT64_MAX : 0, p->argv_uint64(n)) << n;
+    EXPECT_EQ(n == 1 ? 0xFEDC : 0, p->argv_uint64(n)) << n;
     EXPECT_EQ(n == 2 ? -5 : 0, p->argv_int64(n)) << n;
-    EXPECT_EQ(n == 3 ? 2.5 : 0, p->argv_double(n)) << n;
+    EXPECT_EQ(n == 3 ? 0.1 : 0, p->argv_double(n)) << n;
   }
   EXPECT_EQ(5u, comm_socket_v4_packet_get_argv_entry(p, 2)->type());
-  EXPECT_TRUE(p->argv(4) == nullptr && p->argv(kHuge) == nullptr && p->nv_entry(7) == nullptr);
+  EXPECT_TRUE(p->argv(4) == nullptr && p->argv(kHuge) == nullptr && p->nv_entry(9) == nullptr);
 
-  const char* const names[] = {"text", "json", "binary", "uint64", "int64", "double", "own"};
-  const char* const texts[] = {"value", "{\"a\":1}", "", "", "", "", ""};
-  for (std::size_t n = 0; n < 7; ++n) {
+  const char* const names[] = {"t", "j", "d", "u", "i", "none", "b", "code", "raw"};
+  for (std::size_t n = 0; n < 9; ++n) {
     const auto* pair = comm_socket_v4_packet_get_nv_entry(p, n);
-    const unsigned char* const value = p->buffer + pair->value_offset;
+    const void* const value = p->buffer + pair->value_offset;
+    const auto if_type = [&](std::uint32_t type) { return pair->type() == type ? value : nullptr; };
+    const char* const text = n == 0 ? "v w" : n == 1 ? "{}" : "";
     EXPECT_STREQ(names[n], comm_socket_v4_packet_get_nv_pair_name(p, pair));
-    EXPECT_STREQ(texts[n], comm_socket_v4_packet_get_nv_pair_value_text(p, pair)) << n;
+    EXPECT_STREQ(text, comm_socket_v4_packet_get_nv_pair_value_text(p, pair)) << n;
     EXPECT_EQ(value, comm_socket_v4_packet_get_nv_pair_value_raw(p, pair));
     EXPECT_EQ(value, comm_socket_v4_packet_get_nv_pair_value_binary(p, pair));
-    EXPECT_EQ(n == 3, comm_socket_v4_packet_get_nv_pair_value_uint64(p, pair) != nullptr) << n;
-    EXPECT_EQ(n == 4, comm_socket_v4_packet_get_nv_pair_value_int64(p, pair) != nullptr) << n;
-    EXPECT_EQ(n == 5, comm_socket_v4_packet_get_nv_pair_value_double(p, pair) != nullptr) << n;
+    EXPECT_EQ(if_type(2), comm_socket_v4_packet_get_nv_pair_value_uint64(p, pair)) << n;
+    EXPECT_EQ(if_type(5), comm_socket_v4_packet_get_nv_pair_value_int64(p, pair)) << n;
+    EXPECT_EQ(if_type(3), comm_socket_v4_packet_get_nv_pair_value_double(p, pair)) << n;
   }
-  EXPECT_TRUE(p->nv_pair_value_uint64(p->nv_entry(3))[1] == UINT64_MAX);
-  EXPECT_TRUE(p->nv_pair_value_int64(p->nv_entry(4))[1] == INT64_MIN);
-  EXPECT_TRUE(p->nv_pair_value_double(p->nv_entry(5))[1] == -1e300);
+  EXPECT_TRUE(p->nv_pair_value_uint64(p->nv_entry(3))[4] == UINT64_MAX);
+  EXPECT_TRUE(p->nv_pair_value_int64(p->nv_entry(4))[2] == INT64_MIN);
+  EXPECT_TRUE(p->nv_pair_value_double(p->nv_entry(2))[1] == -0.25);
   std::size_t length = 0;
-  EXPECT_EQ(p->buffer + 352, comm_socket_v4_packet_get_data(p, nullptr));
-  EXPECT_EQ(p->buffer + 352, comm_socket_v4_packet_get_data(p, &length));
-  EXPECT_EQ(10u, length);
+  EXPECT_EQ(p->buffer + 418, comm_socket_v4_packet_get_data(p, nullptr));
+  EXPECT_EQ(p->buffer + 418, comm_socket_v4_packet_get_data(p, &length));
+  EXPECT_EQ(40u, length);
 }
 
 TEST_F(PacketTest, ReadsNothingFromAPacketWithoutHeader) {

@@ -175,34 +175,39 @@ Packet ping_packet() {
 
 // Written through the functions, which forward to the members.
 Packet rich_packet() {
-  const std::uint64_t u[] = {1, UINT64_MAX};
-  const std::int64_t i[] = {-1, INT64_MIN, 7};
-  const double d[] = {0.5, -1e300};
-  const unsigned char raw[] = {0, 1, 255, 0};
-  const auto* const digits = reinterpret_cast<const unsigned char*>("0123456789");
+  const std::uint64_t u[] = {1, 2, 3, 4, UINT64_MAX};
+  const std::int64_t i[] = {-1, 2, INT64_MIN, 4};
+  const double d[] = {1.5, -0.25};
+  const auto* const data =
+      reinterpret_cast<const unsigned char*>("\x1f !abcdefghijkl~\x7fmnopqrstuvwxyz012345678");
   Packet packet = make_packet();
   comm_socket_v4_packet* const p = packet.get();
   comm_socket_v4_packet_make_request(p);
   comm_socket_v4_packet_set_async(p, 1);
-  p->flags |= comm_socket_v4_packet::multipart_last << comm_socket_v4_packet::multipart_shift;
-  p->set_stream_id(0x1122334455667788u);
-  p->message_id = 42;
+  p->flags |= comm_socket_v4_packet::multipart_middle << comm_socket_v4_packet::multipart_shift;
+  p->set_stream_id(0xFEDCBA9876543210);
+  p->message_id = 0xAB;
   p->error_code = 5;
-  EXPECT_EQ(0, comm_socket_v4_packet_begin_writing(p, 5000, "rich", "no error"));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_argvf(p, "te%s", "xt"));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_argv_uint64(p, UINT64_MAX));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pairf(p, "text", "va%s", "lue"));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_argv_int64(p, -5));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_argv_double(p, 2.5));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_json(p, "json", "{\"a\":1}", 7));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_raw(p, "binary", raw, sizeof raw, 1));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_uint64(p, "uint64", u, 2));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_int64(p, "int64", i, 3));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_double(p, "double", d, 2));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair_fourcc(p, 0x20584F46, "own", raw, 3));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_argv_end(p));
-  EXPECT_EQ(10, comm_socket_v4_packet_write_data_binary(p, digits, 10));
-  EXPECT_EQ(0, comm_socket_v4_packet_write_end(p));
+  p->set_tag(0x99);
+  const std::vector<int> answers = {
+      comm_socket_v4_packet_begin_writing(p, 5000, "list", "broken"),
+      comm_socket_v4_packet_write_argvf(p, "te%s", "xt"),
+      comm_socket_v4_packet_write_argv_uint64(p, 0xFEDC),
+      comm_socket_v4_packet_write_nv_pairf(p, "t", "v %s", "w"),
+      comm_socket_v4_packet_write_argv_int64(p, -5),
+      comm_socket_v4_packet_write_argv_double(p, 0.1),
+      comm_socket_v4_packet_write_nv_pair_json(p, "j", "{}", 2),
+      comm_socket_v4_packet_write_nv_pair_double(p, "d", d, 2),
+      comm_socket_v4_packet_write_nv_pair_uint64(p, "u", u, 5),
+      comm_socket_v4_packet_write_nv_pair_int64(p, "i", i, 4),
+      comm_socket_v4_packet_write_nv_pair_uint64(p, "none", u, 0),
+      comm_socket_v4_packet_write_nv_pair_binary(p, "b", data, 17),
+      comm_socket_v4_packet_write_nv_pair_fourcc(p, 0x61746164, "code", data, 16),
+      comm_socket_v4_packet_write_nv_pair_raw(p, "raw", data, 0, 7),
+      comm_socket_v4_packet_write_argv_end(p),
+      comm_socket_v4_packet_write_data_binary(p, data, 40) - 40,
+      comm_socket_v4_packet_write_end(p)};
+  EXPECT_EQ(std::vector<int>(answers.size(), 0), answers);
   return packet;
 }
 

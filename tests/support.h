@@ -31,7 +31,8 @@ Packet make_packet();
 Packet begin_request(const char* command = "ping");
 // "ping" with the argument "a" and the pair k=v, complete: 94 bytes, the example of the documents.
 Packet ping_packet();
-// Every part a packet can have, every type of argument and pair; complete.
+// Every part a packet can have, every type of argument and pair; lists that end with a line of the
+// dump, within one, and empty; more data than it shows.
 Packet rich_packet();
 // These bytes as a packet, as if received but not validated: the heap block ends with the NUL.
 Packet exact_packet(const std::string& bytes);

@@ -240,7 +240,7 @@ TEST_P(TransferTest, TheCallbackSeesThePacketAsItCame) {
   peer_sends(sent);
   EXPECT_EQ(0, read());
   const Packet p = take();
-  EXPECT_EQ((Numbers{0x1122334455667788, 42, 5, 15, 4}), state(p.get()));
+  EXPECT_EQ((Numbers{0xFEDCBA9876543210, 0xAB, 5, 0xB, 4}), state(p.get()));
   EXPECT_EQ(0, fcntl(p->attached_fd[0], F_GETFD)) << "is inherited";
 }
 

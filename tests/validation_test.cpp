@@ -8,7 +8,7 @@ namespace {
 using ValidationTest = CommTest;
 
 // Every part a packet can have, and 16 bytes behind it that can be taken for 4 arguments or a pair.
-constexpr std::uint32_t L = 378, kArgv = 224, kPairs = 240, kMax = UINT32_MAX;
+constexpr std::uint32_t L = 474, kArgv = 258, kPairs = 274, kMax = UINT32_MAX;
 std::string good_bytes() {
   return bytes_of(rich_packet().get()) + std::string("\1\0\0\0\1\0\0\0\1\0\0\0\1\0\0\0", 16);
 }
@@ -77,7 +77,7 @@ const struct Row {
     {kAccepted, [](Form& f) { f.h.command_offset = 1; }},
     {kAccepted, [](Form& f) { f.h.command_offset = L - 1; }},
     {"command string out of bounds or missing (0)", [](Form& f) { f.h.command_offset = 0; }},
-    {"command string out of bounds or missing (378)", [](Form& f) { f.h.command_offset = L; }},
+    {"command string out of bounds or missing (474)", [](Form& f) { f.h.command_offset = L; }},
     {"binary data: offset != 0 length == 0", [](Form& f) { f.data(L, 0); }},
     {"binary data: offset+length > buffer_length", [](Form& f) { f.data(L, 1); }},
     {"binary data: offset+length > buffer_length", [](Form& f) { f.data(1, kMax); }},
@@ -90,27 +90,27 @@ const struct Row {
     {"argv[0] unsupported type 255", [](Form& f) { f.set_argument(0, 255, 1); }},
     {kAccepted, [](Form& f) { f.set_argument(0, 0, L - 1); }},
     {kAccepted, [](Form& f) { f.set_argument(0, 0, 0); }},
-    {"argv[0] out of bounds (378)", [](Form& f) { f.set_argument(0, 0, L); }},
+    {"argv[0] out of bounds (474)", [](Form& f) { f.set_argument(0, 0, L); }},
     {"argv[0] out of bounds (16777215)", [](Form& f) { f.set_argument(0, 2, 0xFFFFFF); }},
     {"argv[1] unsupported type 4", [](Form& f) { f.set_argument(1, 4, 1); }},
     {kAccepted, [](Form& f) { f.set_argument(1, 2, L - 8); }},
-    {"argv[1] out of bounds (371)", [](Form& f) { f.set_argument(1, 2, L - 7); }},
+    {"argv[1] out of bounds (467)", [](Form& f) { f.set_argument(1, 2, L - 7); }},
     {kAccepted, [](Form& f) { f.set_argument(2, 3, L - 8); }},
-    {"argv[2] out of bounds (371)", [](Form& f) { f.set_argument(2, 3, L - 7); }},
+    {"argv[2] out of bounds (467)", [](Form& f) { f.set_argument(2, 3, L - 7); }},
     {kAccepted, [](Form& f) { f.set_argument(3, 5, L - 8); }},
-    {"argv[3] out of bounds (371)", [](Form& f) { f.set_argument(3, 5, L - 7); }},
+    {"argv[3] out of bounds (467)", [](Form& f) { f.set_argument(3, 5, L - 7); }},
     {kAccepted, [](Form& f) { f.set_pair(0, L - 1, L - 1, 0); }},
     {kAccepted, [](Form& f) { f.set_pair(0, 1, L - 1, 1); }},
     {kAccepted, [](Form& f) { f.set_pair(0, 1, 1, L - 1, kMax); }},
     {kAccepted, [](Form& f) { f.set_pair(0, 1, 1, 7, comm_v4_type_double); }},
     {"nv_pair[0] name missing or out of bounds (0)", [](Form& f) { f.set_pair(0, 0, 0, kMax); }},
-    {"nv_pair[0] name missing or out of bounds (378)", [](Form& f) { f.set_pair(0, L, 0, kMax); }},
+    {"nv_pair[0] name missing or out of bounds (474)", [](Form& f) { f.set_pair(0, L, 0, kMax); }},
     {"nv_pair[0] value missing or out of bounds (0)", [](Form& f) { f.set_pair(0, 1, 0, kMax); }},
-    {"nv_pair[0] value missing or out of bounds (378)", [](Form& f) { f.set_pair(0, 1, L, 0); }},
+    {"nv_pair[0] value missing or out of bounds (474)", [](Form& f) { f.set_pair(0, 1, L, 0); }},
     {"nv_pair[0] value+length > buffer_length", [](Form& f) { f.set_pair(0, 1, L - 1, 2); }},
     {"nv_pair[0] value+length > buffer_length", [](Form& f) { f.set_pair(0, 1, 1, L); }},
     {"nv_pair[0] value+length > buffer_length", [](Form& f) { f.set_pair(0, 1, 1, kMax); }},
-    {"nv_pair[1] name missing or out of bounds (378)", [](Form& f) { f.set_pair(1, L, 1, 1); }},
+    {"nv_pair[1] name missing or out of bounds (474)", [](Form& f) { f.set_pair(1, L, 1, 1); }},
 };
 
 // Validates bytes; `line` is what is printed then, null when they are to be accepted.
