@@ -50,7 +50,7 @@ class ConnectTest : public CommTest {
   }
   bool accept() { return comm_socket_v4_accept_connection(server.get()) != nullptr; }
   Lines lines() {
-    const Lines list = captured.lines(c.get());
+    const Lines list = captured.lines();
     captured.clear();
     return list;
   }
@@ -236,21 +236,22 @@ TEST_F(ConnectTest, TriesAgainEvery10MsForAsLongAsItMay) {
 
 TEST_F(ConnectTest, NothingIsPendingOnOtherEndpoints) {
   const Connection connection = connected();
-  const auto pair = make_pair_of_endpoints();
+  const Endpoint pair = make_endpoint();
+  EXPECT_EQ(0, comm_socket_v4_connect_new_socketpair(pair.get()));
   const std::string misuse = "BUG: connect_check_pending() ";
   const Lines unset = {misuse + "apparently called when struck sockaddr_un is uninitialized"};
   const Lines closed = {"DEBUG: connect_wait_for_completion() on closed handle",
                         misuse + "called with closed socket"};
   const auto expect = [this](const Endpoint& end, Outcome waited, Outcome checked,
-                             const Lines& lines) {
+                             const Lines& expected) {
     EXPECT_EQ(waited, outcome([&] { return wait(end); }));
     EXPECT_EQ(checked, outcome([&] { return check(end); }));
-    EXPECT_EQ(lines, captured.lines(end.get()));
-    EXPECT_EQ(lines.empty(), is_open(end));
+    EXPECT_EQ(expected, lines());
+    EXPECT_EQ(expected.empty(), is_open(end));
   };
   expect(c, {-1, ETIMEDOUT}, {-1, EINVAL}, closed);
   expect(connection.server, {1, 0}, {-1, EINVAL}, unset);
-  expect(pair.first, {1, 0}, {-1, EINVAL}, unset);
+  expect(pair, {1, 0}, {-1, EINVAL}, unset);
   expect(connection.client, {1, 0}, {1, errno_before}, {});
 }
 

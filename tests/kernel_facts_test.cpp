@@ -1,7 +1,5 @@
 // What the library takes for granted about the kernel, without the library.
-#include <fcntl.h>
 #include <sys/ioctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -30,23 +28,6 @@ TEST_F(KernelFacts, FionreadAnswersTheSumOfAllRecordsAndAnEmptyOneReadsAsTheEnd)
   EXPECT_EQ(20, get());
 }
 
-TEST_F(KernelFacts, DescriptorsWithoutRoomAreClosedAndFlagged) {
-  const int fds[] = {0, 1, 2};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof fds)] = {};
-  iovec bytes = {buffer, 8};
-  msghdr message = {nullptr, 0, &bytes, 1, control, sizeof control, 0};
-  cmsghdr* const rights = CMSG_FIRSTHDR(&message);
-  *rights = {CMSG_LEN(sizeof fds), SOL_SOCKET, SCM_RIGHTS};
-  memcpy(CMSG_DATA(rights), fds, sizeof fds);
-  EXPECT_EQ(8, sendmsg(pair[0], &message, 0));
-  bytes.iov_len = 7;
-  const rlim_t next = lowest_free_descriptor();
-  EXPECT_EQ(7, with_descriptor_limit(next + 1, [&] { return recvmsg(pair[1], &message, 0); }));
-  EXPECT_EQ(MSG_TRUNC | MSG_CTRUNC, message.msg_flags & (MSG_TRUNC | MSG_CTRUNC));
-  EXPECT_EQ(CMSG_LEN(sizeof(int)), rights->cmsg_len);
-  EXPECT_EQ(0, close(static_cast<int>(next)));
-}
-
 TEST_F(KernelFacts, ABacklogOf0TakesOneConnectionAndADatagramSocketLearnsWhoListens) {
   sockaddr_un address = {AF_UNIX, {}};
   path().copy(address.sun_path, sizeof address.sun_path);
@@ -66,16 +47,6 @@ TEST_F(KernelFacts, ABacklogOf0TakesOneConnectionAndADatagramSocketLearnsWhoList
   for (const int fd : fds) close(fd);
   EXPECT_EQ("-1 ECONNREFUSED", try_connect(datagram));
   close(datagram);
-}
-
-TEST_F(KernelFacts, SelectTakesMoreThan1024Descriptors) {
-  const int high = with_descriptor_limit(2000, [&] { return fcntl(pair[1], F_DUPFD, 1500); });
-  ASSERT_EQ(1500, high);
-  unsigned long set[1536 / 64] = {};
-  set[1500 / 64] = 1ul << 1500 % 64;
-  put(1);
-  EXPECT_EQ(1, select(high + 1, reinterpret_cast<fd_set*>(set), nullptr, nullptr, nullptr));
-  close(high);
 }
 
 }  // namespace

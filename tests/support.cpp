@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <regex>
 #include <sstream>
 #include <tuple>
 
@@ -103,27 +104,15 @@ void StderrCapture::clear() {
   lseek(memory_, 0, SEEK_SET);
 }
 
-std::vector<std::string> StderrCapture::lines(const comm_socket_v4* endpoint) const {
-  char address[32];
-  snprintf(address, sizeof address, "%p", static_cast<const void*>(endpoint));
-  std::vector<std::string> list;
-  std::istringstream in(text());
-  bool wanted = false;
-  for (std::string line; std::getline(in, line);) {
-    char level[16], at[32];
-    int end = 0;
-    if (line.empty() && wanted && !list.empty()) {
+Lines StderrCapture::lines() const {
+  static const std::regex prefix("comm_socket_v4 ([A-Z]+) \\[[^\\]]*\\]: ");
+  Lines list;
+  std::istringstream in(std::regex_replace(text(), prefix, "$1: "));
+  for (std::string line; std::getline(in, line);)
+    if (line.empty() && !list.empty())
       list.back() += '\n';
-    } else if (sscanf(line.c_str(), "comm_socket_v4 %15[A-Z] [%31[^]]]: %n", level, at, &end) ==
-                   2 &&
-               end > 0) {
-      wanted = endpoint == nullptr || std::string(at) == address;
-      if (wanted) list.push_back(std::string(level) + ": " + line.substr(std::size_t(end)));
-    } else {
-      wanted = endpoint == nullptr;
-      if (wanted) list.push_back(line);
-    }
-  }
+    else
+      list.push_back(line);
   return list;
 }
 
@@ -251,12 +240,4 @@ Connection CommTest::connected() {
   EXPECT_EQ(0, comm_socket_v4_create_server(c.server.get(), abstract_name().c_str()));
   std::tie(c.client, c.index) = join(c.server.get());
   return c;
-}
-
-std::pair<Endpoint, Endpoint> make_pair_of_endpoints() {
-  std::pair<Endpoint, Endpoint> ends{make_endpoint(), make_endpoint()};
-  EXPECT_EQ(0, comm_socket_v4_connect_new_socketpair(ends.first.get()));
-  const int fd = comm_socket_v4_socketpair_get_remote_end(ends.first.get());
-  EXPECT_EQ(0, comm_socket_v4_connect_use_socketpair(ends.second.get(), fd));
-  return ends;
 }

@@ -70,8 +70,6 @@ struct Connection {
 };
 // Connects one more client to an open server and accepts it.
 std::pair<Endpoint, unsigned long> join(comm_socket_v4* server);
-// Both ends of a socket pair.
-std::pair<Endpoint, Endpoint> make_pair_of_endpoints();
 
 // A test fails when its descriptors differ before and after, its own members destroyed. A test that
 // hangs ends the run, with its name; alarm(n) in a test gives it more time than 20 seconds.
@@ -92,6 +90,8 @@ class CommTest : public testing::Test {
   std::string directory_;
 };
 
+using Lines = std::vector<std::string>;
+
 // Sends descriptor 2 to memory while it lives; shows the text when the test has failed by then.
 class StderrCapture {
  public:
@@ -101,15 +101,13 @@ class StderrCapture {
   StderrCapture& operator=(const StderrCapture&) = delete;
 
   std::string text() const;
-  // The log lines as "LEVEL: text", of one endpoint or of all. A text that itself ends in a newline
-  // shows it. Among all, a line of another form stays as it is.
-  std::vector<std::string> lines(const comm_socket_v4* endpoint = nullptr) const;
+  // Line by line; log lines as "LEVEL: text". A text that itself ends in a newline shows it.
+  Lines lines() const;
   void clear();
 
  private:
   int saved_, memory_;
 };
-using Lines = std::vector<std::string>;
 
 // A child process that runs `body`; failed expectations in it are failures here. It is ended after
 // `seconds`, and with its parent. Make it before the descriptors that it shall not inherit.
