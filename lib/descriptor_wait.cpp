@@ -52,7 +52,7 @@ int DescriptorSet::select(Direction direction, std::uint64_t timeout_us) noexcep
   struct timeval timeout;
   timeout.tv_sec = static_cast<time_t>(timeout_us / 1000000u);
   timeout.tv_usec = static_cast<suseconds_t>(timeout_us % 1000000u);
-  fd_set* const set = reinterpret_cast<fd_set*>(words_);
+  auto* const set = reinterpret_cast<fd_set*>(words_);
   return ::select(highest_ + 1, direction == Direction::read ? set : nullptr,
                   direction == Direction::write ? set : nullptr, nullptr, &timeout);
 }

@@ -64,7 +64,8 @@ std::vector<BoundSocket> bound_sockets() {
     const ssize_t length = ::getline(&text, &size, table.get());
     line.reset(text);
     if (length < 0) return sockets;
-    unsigned type, state;
+    unsigned type;
+    unsigned state;
     unsigned long inode;
     int end = 0;
     if (std::sscanf(text, "%*s %*s %*s %*s %x %x %lu%n", &type, &state, &inode, &end) != 3)
@@ -103,8 +104,9 @@ unsigned long newest_server_socket(const std::string& process,
                                    const std::vector<BoundSocket>& sockets,
                                    const struct stat& file) {
   unsigned long newest = 0;
-  for (const std::string& descriptor : entries_of(process + "/fd")) {
-    const unsigned long inode = socket_inode(process + "/fd/" + descriptor);
+  const std::string directory = process + "/fd/";
+  for (const std::string& descriptor : entries_of(directory)) {
+    const unsigned long inode = socket_inode(directory + descriptor);
     if (inode <= newest) continue;
     for (const BoundSocket& socket : sockets) {
       if (socket.inode != inode) continue;
@@ -136,7 +138,7 @@ int find_server(const char* path) {
 
 }  // namespace
 
-int get_socket_server_pid(const char* path, unsigned int) {
+int get_socket_server_pid(const char* path, unsigned int /*reserved*/) {
   if (ask(path) == Answer::nobody) return -1;
   try {
     return find_server(path);
