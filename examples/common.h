@@ -27,7 +27,10 @@ class Descriptor {
  public:
   explicit Descriptor(int fd = -1) noexcept : fd_(fd) {}
   Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Descriptor& operator=(Descriptor other) noexcept { return std::swap(fd_, other.fd_), *this; }
+  Descriptor& operator=(Descriptor other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
   ~Descriptor() {
     if (is_open()) ::close(fd_);
   }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -128,5 +129,5 @@ std::uint64_t parse_seconds(std::string_view text, const std::string& what) {
   constexpr double most = 1e6;
   const double seconds = parse_double(text, what);
   if (!(seconds >= 0 && seconds <= most)) refuse(text, what, "is not a time in seconds");
-  return static_cast<std::uint64_t>(seconds * 1e6 + 0.5);
+  return static_cast<std::uint64_t>(std::llround(seconds * 1e6));
 }

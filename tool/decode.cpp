@@ -20,7 +20,7 @@ constexpr char help[] =
     "  -h, --help                this text\n\n"
     "Exit status: 0 for a packet, 1 for anything else, 2 for wrong usage.\n";
 
-constexpr std::size_t max_file = 16 * 1024 * 1024;
+constexpr std::size_t max_file = std::size_t{16} * 1024 * 1024;
 
 PacketPtr packet_of(const std::string& bytes) {
   PacketPtr packet = new_packet();

@@ -28,7 +28,7 @@ std::string dumped(const comm_socket_v4_packet& packet,
   if (stream == nullptr) throw std::bad_alloc();
   dump(&packet, stream);
   const bool complete = std::fclose(stream) == 0;
-  const std::string result(complete ? text : "", complete ? length : 0);
+  std::string result(complete ? text : "", complete ? length : 0);
   std::free(text);
   if (!complete) throw std::bad_alloc();
   return result;

@@ -58,10 +58,10 @@ class PacketServer {
 
  protected:
   virtual std::unique_ptr<Peer> make_peer() { return std::make_unique<Peer>(); }
-  virtual void on_connect(Peer&) {}
+  virtual void on_connect(Peer& /*peer*/) {}
   virtual void on_packet(Peer& peer, PacketPtr packet) = 0;
   virtual void on_refused(Peer& peer, const Refused& refused);
-  virtual void on_end(std::unique_ptr<Peer>) {}
+  virtual void on_end(std::unique_ptr<Peer> /*peer*/) {}
   // Watches the client for what it can be served with now. To be called after every change.
   virtual void update(Peer& peer);
 

@@ -116,15 +116,15 @@ void PacketSpec::add_argument(const std::string& text) {
   if (arguments_ > max_arguments) throw UsageError("a packet has at most 255 arguments");
   const auto [type, value] = split_type(text);
   if (type == "uint64")
-    writes_.push_back([number = parse_uint64(value, what)](comm_socket_v4_packet& p) {
+    writes_.emplace_back([number = parse_uint64(value, what)](comm_socket_v4_packet& p) {
       return p.write_argv_uint64(number);
     });
   else if (type == "int64")
-    writes_.push_back([number = parse_int64(value, what)](comm_socket_v4_packet& p) {
+    writes_.emplace_back([number = parse_int64(value, what)](comm_socket_v4_packet& p) {
       return p.write_argv_int64(number);
     });
   else if (type == "double")
-    writes_.push_back([number = parse_double(value, what)](comm_socket_v4_packet& p) {
+    writes_.emplace_back([number = parse_double(value, what)](comm_socket_v4_packet& p) {
       return p.write_argv_double(number);
     });
   else if (!type.empty() && type != "text")
@@ -132,9 +132,8 @@ void PacketSpec::add_argument(const std::string& text) {
   else if (value.empty())
     throw UsageError(what + ": an empty text cannot be sent as an argument");
   else
-    writes_.push_back([bytes = bounded(value, max_packet_length, what)](comm_socket_v4_packet& p) {
-      return p.write_argv(bytes.c_str());
-    });
+    writes_.emplace_back([bytes = bounded(value, max_packet_length, what)](
+                             comm_socket_v4_packet& p) { return p.write_argv(bytes.c_str()); });
 }
 
 void PacketSpec::add_pair(std::string_view text) {
@@ -178,7 +177,7 @@ void PacketSpec::add_typed_pair(const std::string& name, const std::string& type
 }
 
 void PacketSpec::add_bytes(const std::string& name, std::uint32_t type, const std::string& bytes) {
-  writes_.push_back([name, type, bytes](comm_socket_v4_packet& p) {
+  writes_.emplace_back([name, type, bytes](comm_socket_v4_packet& p) {
     return p.write_nv_pair_raw(name.c_str(), reinterpret_cast<const unsigned char*>(bytes.data()),
                                bytes.size(), type);
   });

@@ -49,7 +49,7 @@ std::vector<std::string> environment_for(const comm_socket_v4_packet& request,
   constexpr std::string_view prefix = "TARN_COMM_";
   std::vector<std::string> variables;
   for (char** v = environ; *v != nullptr; ++v)
-    if (!std::string_view(*v).starts_with(prefix)) variables.push_back(*v);
+    if (!std::string_view(*v).starts_with(prefix)) variables.emplace_back(*v);
   const auto add = [&](const char* name, const std::string& value) {
     variables.push_back(std::string(prefix) + name + "=" + value);
   };
@@ -64,6 +64,7 @@ std::vector<std::string> environment_for(const comm_socket_v4_packet& request,
 
 std::vector<char*> pointers_to(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (std::string& text : texts) pointers.push_back(text.data());
   pointers.push_back(nullptr);
   return pointers;

@@ -5,7 +5,7 @@
 #include <cmath>
 
 constexpr std::size_t RoundTrips::bucket_of(std::uint64_t value) {
-  const unsigned width = static_cast<unsigned>(std::bit_width(value));
+  const auto width = static_cast<unsigned>(std::bit_width(value));
   const unsigned shift = width > bucket_bits + 1 ? width - bucket_bits - 1 : 0;
   return (static_cast<std::size_t>(shift) << bucket_bits) + (value >> shift);
 }
@@ -21,7 +21,7 @@ void RoundTrips::add(std::uint64_t nanoseconds) {
   min_ = count_ == 0 ? nanoseconds : std::min(min_, nanoseconds);
   max_ = std::max(max_, nanoseconds);
   ++count_;
-  const double time = static_cast<double>(nanoseconds);
+  const auto time = static_cast<double>(nanoseconds);
   const double difference = time - mean_;
   mean_ += difference / static_cast<double>(count_);
   squares_ += difference * (time - mean_);
