@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "lib/endpoint_internal.h"
 #include "lib/packet_receive.h"
 #include "lib/quiet_clients.h"
 
@@ -43,10 +44,13 @@ class ClientSide final : public ReceiveSide {
   }
 };
 
+// What is asked about first and what is read at once; the outcome is the same.
+enum class Expected { quiet, packets };
+
 // Half of the table, so that the cost of a call is bounded by it and two calls reach every client.
-void idle_clients(comm_socket_v4* s) {
+void idle_clients(comm_socket_v4* s, Expected expected) {
   const std::size_t visits = (s->client.size() + 1) / 2;
-  QuietClients quiet(s);
+  QuietClients quiet(s, expected == Expected::quiet ? 0 : 2);
   for (std::size_t i = 0; i < visits; ++i) {
     if (s->client_idlescan >= s->client.size()) s->client_idlescan = 0;
     // A receive callback may have closed the server.
@@ -56,6 +60,25 @@ void idle_clients(comm_socket_v4* s) {
       comm_socket_v4_client_idle(client);
     if (++s->client_idlescan >= s->client.size()) s->client_idlescan = 0;
   }
+}
+
+bool has_nothing_to_do(const comm_socket_v4* s) {
+  return s->next_packet == nullptr && !comm_socket_v4_connection_pending(s) &&
+         is_quiet(s->socket_fd);
+}
+
+int idle(comm_socket_v4* s, Expected expected) {
+  if (!comm_socket_v4_is_open(s)) {
+    errno = ENOTCONN;
+    return -1;
+  }
+  if (!s->flags.idle_enabled) return 0;
+  if (s->flags.server) {
+    idle_clients(s, expected);
+    return 0;
+  }
+  if (expected == Expected::quiet && has_nothing_to_do(s)) return 0;
+  return comm_socket_v4_idle_clientside(s) != 0 ? -1 : 0;
 }
 
 }  // namespace
@@ -79,13 +102,5 @@ int comm_socket_v4_idle_clientside(comm_socket_v4* s) {
   return comm_socket_v4_idle_clientside_read(s) != 0 ? -1 : 0;
 }
 
-int comm_socket_v4_idle(comm_socket_v4* s) {
-  if (!comm_socket_v4_is_open(s)) {
-    errno = ENOTCONN;
-    return -1;
-  }
-  if (!s->flags.idle_enabled) return 0;
-  if (!s->flags.server) return comm_socket_v4_idle_clientside(s) != 0 ? -1 : 0;
-  idle_clients(s);
-  return 0;
-}
+int comm_socket_v4_idle(comm_socket_v4* s) { return idle(s, Expected::packets); }
+int comm_socket_v4_idle_before_wait(comm_socket_v4* s) { return idle(s, Expected::quiet); }

@@ -560,7 +560,7 @@ bool add_server_descriptors(const comm_socket_v4* s, DescriptorSet& set) {
 
 int comm_socket_v4_server_from_client_readable(comm_socket_v4* s, unsigned long deadline_us) {
   if (!comm_socket_v4_is_open(s)) return -1;
-  if (comm_socket_v4_idle(s) != 0) return -1;
+  if (comm_socket_v4_idle_before_wait(s) != 0) return -1;
   const int ready = wait_for_descriptors(Direction::read, deadline_us, [s](DescriptorSet& set) {
     return add_server_descriptors(s, set);
   });
@@ -572,7 +572,7 @@ int comm_socket_v4_server_from_client_readable(comm_socket_v4* s, unsigned long 
 
 int comm_socket_v4_client_from_server_readable(comm_socket_v4* s, unsigned long deadline_us) {
   if (!comm_socket_v4_is_open(s) || s->flags.server) return -1;
-  if (comm_socket_v4_idle(s) != 0) return -1;
+  if (comm_socket_v4_idle_before_wait(s) != 0) return -1;
   if (!comm_socket_v4_is_open(s)) {
     comm_socket_v4_bug(s,
                        "wait_for_client_to_server_readable() idle() did not signal error but "
@@ -590,7 +590,7 @@ int comm_socket_v4_client_from_server_readable(comm_socket_v4* s, unsigned long 
 int comm_socket_v4_wait_for_client_to_server_writeable(comm_socket_v4* s,
                                                        unsigned long deadline_us) {
   if (!comm_socket_v4_is_open(s)) return -1;
-  if (comm_socket_v4_idle(s) != 0) return -1;
+  if (comm_socket_v4_idle_before_wait(s) != 0) return -1;
   if (!comm_socket_v4_is_open(s)) {
     comm_socket_v4_bug(s,
                        "wait_for_client_to_server_writeable() idle() did not signal error but "
@@ -609,7 +609,7 @@ int comm_socket_v4_wait_for_server_to_client_writeable(comm_socket_v4_client* c,
   if (c == nullptr || !c->client_is_open()) return -1;
   comm_socket_v4* const server = c->server;
   const ClientSlot slot(c);
-  if (comm_socket_v4_idle(server) != 0) return -1;
+  if (comm_socket_v4_idle_before_wait(server) != 0) return -1;
   // A callback of the idle may have released the client; select() then refuses the descriptor -1.
   const comm_socket_v4_client* const client = slot.record();
   const int ready = wait_for_descriptor(client != nullptr ? client->client_fd : -1,

@@ -11,6 +11,11 @@
 void comm_socket_v4_vdebug(comm_socket_v4* c, const char* format, va_list args)
     COMM_V4_PRINTF(2, 0);
 
+// lib/comm_io_idle
+
+// comm_socket_v4_idle for a caller that goes on to wait, so that most likely nothing has come.
+int comm_socket_v4_idle_before_wait(comm_socket_v4* s);
+
 // lib/comm_server_clients
 
 // An empty slot, searched in rotation; null when there is none.

@@ -13,6 +13,11 @@ bool would_read(const comm_socket_v4_client& client) {
 
 }  // namespace
 
+bool is_quiet(int fd) noexcept {
+  struct pollfd asked = {fd, POLLIN, 0};
+  return ::poll(&asked, 1, 0) == 0;
+}
+
 std::size_t QuietClients::position(std::size_t slot) const noexcept {
   return slot >= first_ ? slot - first_ : slot + server_->client.size() - first_;
 }
@@ -23,7 +28,7 @@ bool QuietClients::is_quiet(std::size_t slot, std::size_t ahead) noexcept {
   const comm_socket_v4_client& client = server_->client[slot];
   if (!would_read(client)) return false;
   if (!in_window(slot)) {
-    if (reads_ < reads_before_asking) {
+    if (reads_ < reads_before_asking_) {
       ++reads_;
       return false;
     }
@@ -51,6 +56,6 @@ void QuietClients::ask(std::size_t slot, std::size_t ahead) noexcept {
     position_of[asked_count++] = i;
   }
   // A failed poll leaves every client to be read.
-  if (asked_count < 2 || ::poll(asked, asked_count, 0) < 0) return;
+  if (::poll(asked, asked_count, 0) < 0) return;
   for (std::size_t i = 0; i < asked_count; ++i) quiet_[position_of[i]] = asked[i].revents == 0;
 }

@@ -8,10 +8,16 @@
 #include <cstddef>
 #include <cstdint>
 
+// Whether a read from the descriptor would find nothing. False where that is not known.
+bool is_quiet(int fd) noexcept;
+
 // Serves one pass over the table.
 class QuietClients {
  public:
-  explicit QuietClients(const comm_socket_v4* server) noexcept : server_(server) {}
+  // So many clients are read without asking: with few of them that is cheaper, unless they are
+  // quiet.
+  QuietClients(const comm_socket_v4* server, std::size_t reads_before_asking) noexcept
+      : server_(server), reads_before_asking_(reads_before_asking) {}
 
   // Whether a read from the client in `slot`, which is open, would find nothing. Where that is not
   // known the answer is no. `ahead` is how many slots the pass may still visit, this one included.
@@ -19,14 +25,13 @@ class QuietClients {
 
  private:
   static constexpr std::size_t window_size = 64;
-  // So many clients are read without asking: with few of them that is cheaper.
-  static constexpr std::size_t reads_before_asking = 2;
 
   bool in_window(std::size_t slot) const noexcept;
   std::size_t position(std::size_t slot) const noexcept;
   void ask(std::size_t slot, std::size_t ahead) noexcept;
 
   const comm_socket_v4* server_;
+  std::size_t reads_before_asking_;
   std::size_t reads_ = 0;  // without asking
   std::size_t first_ = 0;  // slot of the window
   std::size_t count_ = 0;
