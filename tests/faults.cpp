@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdarg>
 #include <new>
 #include <type_traits>
@@ -60,10 +59,8 @@ Faults& Faults::fail(Call call, int error, unsigned nth, unsigned times) {
   return *this;
 }
 
-Faults& Faults::fail_any(unsigned kth, int error, std::vector<Call> kinds) {
+Faults& Faults::fail_any(unsigned kth) {
   any_left_ = kth;
-  any_error_ = error;
-  any_kinds_ = std::move(kinds);
   return *this;
 }
 
@@ -75,15 +72,12 @@ Faults& Faults::replace(Call call, Hook hook) {
 int Faults::next(Call call) {
   Plan& plan = at(call);
   ++plan.count;
-  const bool meant = any_kinds_.empty() ||
-                     std::find(any_kinds_.begin(), any_kinds_.end(), call) != any_kinds_.end();
-  const bool any = any_left_ != 0 && meant && --any_left_ == 0;
+  const bool any = any_left_ != 0 && --any_left_ == 0;
   const bool planned = plan.count >= plan.from && plan.count < plan.until;
   if (!any && !planned) return 0;
   ++fired_;
   failed_ = call;
-  const int own_error = kKinds[static_cast<std::size_t>(call)].error;
-  return error_ = planned ? plan.error : any_error_ != 0 ? any_error_ : own_error;
+  return planned ? plan.error : kKinds[static_cast<std::size_t>(call)].error;
 }
 
 std::string Faults::calls() const {

@@ -16,7 +16,6 @@
 #include <cstddef>
 #include <functional>
 #include <string>
-#include <vector>
 
 // Each kind with the errno that fail_any gives it. malloc stands for realloc too, operator_new for
 // its form that does not throw.
@@ -53,9 +52,8 @@ class Faults {
   // The nth call of this kind from now on, and the `times` - 1 behind it, fail. A close that fails
   // has closed, as in the kernel.
   Faults& fail(Call call, int error, unsigned nth = 1, unsigned times = 1);
-  // The kth call of any kind fails, or of these kinds with this errno. For loops that end when
-  // fired() is 0.
-  Faults& fail_any(unsigned kth, int error = 0, std::vector<Call> kinds = {});
+  // The kth call of any kind fails. For loops that end when fired() is 0.
+  Faults& fail_any(unsigned kth);
   Faults& replace(Call call, Hook hook);
 
   template <class Body>
@@ -68,9 +66,8 @@ class Faults {
   // "ioctl 1, malloc 2": every kind that was called, in the order of the table above.
   std::string calls() const;
   unsigned fired() const { return fired_; }
-  // What failed last, and with what.
+  // What failed last.
   Call failed() const { return failed_; }
-  int error() const { return error_; }
 
   // For the wrappers: the errno with which this call has to fail, or 0.
   int next(Call call);
@@ -97,11 +94,8 @@ class Faults {
   const Plan& at(Call call) const { return plans_[static_cast<std::size_t>(call)]; }
 
   std::array<Plan, static_cast<std::size_t>(Call::kinds)> plans_;
-  std::vector<Call> any_kinds_;
-  int any_error_ = 0;
   unsigned any_left_ = 0, fired_ = 0;
   Call failed_ = Call::kinds;
-  int error_ = 0;
 };
 
 // The answer of `body` when its nth call of this kind fails.
