@@ -1,6 +1,5 @@
 // The clients of a server: their table, how they come in, and how they are let go.
 #include <fcntl.h>
-#include <signal.h>
 
 #include <climits>
 
@@ -51,8 +50,7 @@ TEST_F(ClientsTest, TheTableGrowsByHalfToExactlyThatSize) {
 
 TEST_F(ClientsTest, AConnectionWaitsWhileTheTableCannotGrow) {
   join(16);
-  const Endpoint late = make_endpoint();
-  EXPECT_EQ(0, comm_socket_v4_connect_to(late.get(), s.socket_path.c_str()));
+  knock();
   const void* const before = s.client.data();
   EXPECT_EQ(R"(DEBUG: new_client() no empty slots available, expanding array
 ERROR: expand_client_list() realloc failed
@@ -98,21 +96,6 @@ TEST_F(ClientsTest, SlotsAreTakenInRotationAndFoundByIndex) {
   EXPECT_EQ(15u, join()) << "a search that starts behind the end starts at 0";
 }
 
-TEST_F(ClientsTest, ABrokenInvariantAborts) {
-  comm_socket_v4_client& empty = s.client[0];
-  const std::pair<std::string, std::function<void()>> rows[] = {
-      {"alloc_client_list: assertion failed: c->client.empty()",
-       [&] { comm_socket_v4_alloc_client_list(&s); }},
-      {"new_client_cancel: assertion failed: c->client_fd < 0",
-       [&] { join(), comm_socket_v4_new_client_cancel(&empty); }},
-      {"client_find_empty_slot: assertion failed: client->halt == 0", [&] { empty.halt = 1; }}};
-  for (const auto& row : rows) {
-    Peer aborting([&] { row.second(), accept(); });
-    EXPECT_EQ(128 + SIGABRT, aborting.wait());
-    EXPECT_EQ("lib/comm_server_clients: comm_socket_v4_" + row.first + "\n", log());
-  }
-}
-
 // --- Accepting ----------------------------------------------------------------------------------
 
 TEST_F(ClientsTest, AcceptTellsWhoConnectedAndWhen) {
@@ -134,12 +117,11 @@ TEST_F(ClientsTest, AcceptTellsWhoConnectedAndWhen) {
 TEST_F(ClientsTest, AFailedAcceptClosesTheServerUnlessNothingWaits) {
   EXPECT_EQ("", refused(EAGAIN, accept()));
   EXPECT_EQ(1u, join()) << "the search has moved past slot 0";
-  const Endpoint late = make_endpoint();
-  EXPECT_EQ(0, comm_socket_v4_connect_to(late.get(), s.socket_path.c_str()));
+  knock();
   EXPECT_EQ(
       "ERROR: accept_connection() getsockopt(SO_PEERCRED) returned error Input/output error\n",
       refused(EIO, failing(Call::getsockopt, EIO, [this] { return accept(); })));
-  EXPECT_TRUE(s.client[2].client_fd == -1 && comm_socket_v4_idle(late.get()) == -1);
+  EXPECT_TRUE(s.client[2].client_fd == -1 && hears_the_end(1));
   EXPECT_TRUE(comm_socket_v4_is_open(&s));
   const rlim_t none = lowest_free_descriptor();
   EXPECT_EQ("ERROR: accept_connection() accept returned error Too many open files\n",

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "connections.h"
 #include "faults.h"
 #include "support.h"
 
@@ -309,19 +308,6 @@ TEST_F(ConnectTest, TheWaitConsumesNoData) {
   EXPECT_EQ(1, wait(connection.client));
   const Packet received(comm_socket_v4_client_get_packet_from_server(connection.client.get()));
   EXPECT_NE(nullptr, received);
-}
-
-TEST_F(ConnectTest, WaitsForADescriptorBeyondThoseOfAnFdSet) {
-  wait_for_place(path());
-  const auto duplicate = [this] { return fcntl(c->socket_fd, F_DUPFD_CLOEXEC, 2500); };
-  const int high = with_descriptor_limit(3000, duplicate);
-  close(std::exchange(c->socket_fd, high));
-  Faults faults;
-  EXPECT_EQ(0, faults.during([&] { return wait(c); }));
-  EXPECT_EQ(1u, faults.count(Call::recv)) << "did not see that it is writeable";
-  faults.fail(Call::malloc, ENOMEM);
-  EXPECT_EQ(Outcome(-1, ENOMEM), outcome(faults, [&] { return wait(c); }));
-  EXPECT_FALSE(is_open(c));
 }
 
 }  // namespace

@@ -40,6 +40,11 @@ class ServerTest : public CommTest {
   void join(std::size_t until) {
     while (peers.size() < until) join();
   }
+  // Connects one more, which is not accepted yet.
+  void knock() {
+    peers.push_back(make_endpoint());
+    EXPECT_EQ(0, comm_socket_v4_connect_to(peers.back().get(), s.socket_path.c_str()));
+  }
   comm_socket_v4_client* accept() { return comm_socket_v4_accept_connection(&s); }
   void release(unsigned long index) { comm_socket_v4_free_client(&s.client[index]); }
   // What was printed since the last call, without the addresses of endpoints.

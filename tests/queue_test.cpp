@@ -1,6 +1,4 @@
 // Packets to a client that does not read.
-#include <unistd.h>
-
 #include "faults.h"
 #include "support.h"
 
@@ -81,19 +79,6 @@ TEST_F(QueueTest, ADeadConnectionShowsOnlyWhileNothingIsQueued) {
   EXPECT_EQ(-1, send(p));
   EXPECT_EQ(ECONNRESET, errno);
   expect_queued(0);
-}
-
-TEST_F(QueueTest, DescriptorsStayOpenUntilTheirPacketIsSent) {
-  fill(1);
-  Packet carrier = numbered(1);
-  EXPECT_TRUE(carrier->attach_fd_to_send(0));
-  EXPECT_EQ(1, send(carrier));
-  EXPECT_LE(0, carrier->attached_fd[0]);
-  drain();
-  queue->flush_queued_packet(c.record());
-  EXPECT_EQ(-1, carrier->attached_fd[0]);
-  receive();
-  EXPECT_EQ(0, close(receive()->get_attached_fd(0)));
 }
 
 TEST_F(QueueTest, QueuesNothingWithoutMemory) {

@@ -122,40 +122,19 @@ TEST_F(ServerSocketTest, RefusesThePathOfALiveServerAndReplacesTheFileOfADeadOne
   close(decoy);
 }
 
-// A connection carries the path of the server that accepted it, for as long as somebody holds it.
-TEST_F(ServerSocketTest, AWorkerOfAnEarlierServerIsNotTakenForTheServer) {
-  Endpoint first = make_endpoint();
-  ASSERT_EQ(0, create(first, at));
-  Endpoint client = join(first.get()).first;
-  Peer worker([&] {
-    close(first->get_socket_fd());
-    pause();
-  });
-  first.reset();
-  Peer server([&] {
-    bound_socket(at);
-    pause();
-  });
-  while (!fs::exists(at)) usleep(1000);
-  EXPECT_EQ(server.pid(), get_socket_server_pid(at.c_str(), 1));
-  for (Peer* const peer : {&worker, &server}) {
-    kill(peer->pid(), SIGKILL);
-    peer->wait();
-  }
-}
-
-TEST_F(ServerSocketTest, ARefusedTakeOverCostsTheLiveServerNoPlaceInItsQueue) {
-  const Endpoint server = make_endpoint(), c = make_endpoint();
+// A connection carries the path of the server that accepted it, and here it is the newer socket.
+TEST_F(ServerSocketTest, AWorkerIsNotTakenForTheServerWhoseConnectionItHolds) {
+  const Endpoint server = make_endpoint();
   ASSERT_EQ(0, create(server, at));
-  comm_socket_v4_set_connect_timeout(c.get(), 50000);
-  const auto connect = [&] { EXPECT_EQ(0, comm_socket_v4_connect_to(c.get(), at.c_str())); };
-  const auto refuse = [&] { expect_refused(at, EADDRINUSE, {live}); };
-  for (const bool full_before : {false, true}) {
-    full_before ? connect() : refuse();
-    full_before ? refuse() : connect();
-    EXPECT_NE(nullptr, comm_socket_v4_accept_connection(server.get()));
-    EXPECT_EQ(nullptr, comm_socket_v4_accept_connection(server.get()));
-  }
+  const Endpoint client = join(server.get()).first;
+  Peer worker([&] {
+    close(server->get_socket_fd());
+    pause();
+  });
+  comm_socket_v4_drop_clients(server.get());
+  EXPECT_EQ(getpid(), get_socket_server_pid(at.c_str(), 1));
+  kill(worker.pid(), SIGKILL);
+  worker.wait();
 }
 
 TEST_F(ServerSocketTest, TheDebugFlagTakesAPathFromALiveServer) {
