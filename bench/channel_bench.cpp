@@ -71,6 +71,7 @@ using Endpoint = std::unique_ptr<comm_socket_v4, DestroyEndpoint>;
 
 // --- Raw sockets: plain, blocking where nothing else is to be done -------------------------------
 
+constexpr std::size_t most_active = 16;
 constexpr std::size_t largest = 65536;
 char raw_buffer[largest];
 
@@ -191,11 +192,16 @@ void answer(comm_socket_v4_client* client, Packet request) {
   const Endpoint server = library_server(path);
   for (;;) {
     comm_socket_v4_server_from_client_readable(server.get(), ULONG_MAX);
+    // As many as may have come since; another round tells whether there are more.
     comm_socket_v4_client* client;
-    if (Packet request{comm_socket_v4_server_get_packet(server.get(), &client)})
+    std::size_t answered = 0;
+    while (answered < most_active) {
+      Packet request(comm_socket_v4_server_get_packet(server.get(), &client));
+      if (request == nullptr) break;
       answer(client, std::move(request));
-    else
-      comm_socket_v4_accept_connection(server.get());
+      ++answered;
+    }
+    if (answered == 0) comm_socket_v4_accept_connection(server.get());
   }
 }
 
