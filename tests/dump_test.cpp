@@ -120,19 +120,17 @@ TEST_F(DumpTest, AHeaderAloneAndTheWordsOfItsFlags) {
 }
 
 TEST_F(DumpTest, SaysWhyAPacketCannotBeShown) {
-  const std::string ping = bytes_of(ping_packet().get());
-  EXPECT_EQ("comm_socket_v4_packet[P]: \n(invalid buffer length)\n",
-            full(exact_packet(ping.substr(0, 62))));
-  EXPECT_EQ("comm_socket_v4_packet[P]: \n(invalid buffer length)\n", full(unterminated(ping)));
-  Packet p = exact_packet(ping);
-  p->buffer[p->buffer_length] = 'x';
-  EXPECT_EQ("comm_socket_v4_packet[P]: \n(last byte of buffer is not nullptr)\n", full(p));
-
-  p->buffer_length = SIZE_MAX;
-  EXPECT_EQ("comm_socket_v4_packet[P]: \n(invalid buffer length)\n", full(p));
-
-  Packet empty = make_packet(), null;
-  EXPECT_EQ("comm_socket_v4_packet[P]: (no buffer)\n", full(empty));
+  const std::string ping = bytes_of(ping_packet().get()), start = "comm_socket_v4_packet[P]: ";
+  const Packet open_ended = exact_packet(ping), endless = exact_packet(ping);
+  open_ended->buffer[94] = 'x';
+  endless->buffer_length = SIZE_MAX;
+  const std::string bad_length = start + "\n(invalid buffer length)\n";
+  EXPECT_EQ(bad_length, full(exact_packet(ping.substr(0, 62))));
+  EXPECT_EQ(bad_length, full(unterminated(ping)));
+  EXPECT_EQ(bad_length, full(endless));
+  EXPECT_EQ(start + "\n(last byte of buffer is not nullptr)\n", full(open_ended));
+  const Packet empty = make_packet(), null;
+  EXPECT_EQ(start + "(no buffer)\n", full(empty));
   for (const Packet* none : {&empty, &null})
     EXPECT_EQ("", listing(*none) + printed(comm_socket_v4_packet_dump_body, *none));
   const StderrCapture captured;
@@ -179,12 +177,11 @@ TEST_F(DumpTest, TheStateOfAnEndpointAndItsOpenClients) {
   server.client_next = 1;
   server.client_idlescan = 4;
   server.client_getpktscan = 5;
-  for (comm_socket_v4_client* open : {&server.client[0], &server.client[2]}) {
-    open->client_fd = 1000;
-    open->cred = {7, 8, 9};
-    open->accept_time_us = UINT64_MAX;
-    open->server = &server;
-  }
+  comm_socket_v4_client& open = server.client[2];
+  open.client_fd = 1000;
+  open.cred = {7, 8, 9};
+  open.accept_time_us = UINT64_MAX;
+  open.server = &server;
   const StderrCapture captured;
   comm_socket_v4_dump_state(&server, nullptr);
   comm_socket_v4_dump_state(&pair, nullptr);
@@ -194,13 +191,12 @@ TEST_F(DumpTest, TheStateOfAnEndpointAndItsOpenClients) {
       "  socket_path:      @name\n  server:           yes\n"
       "  connect timeout:  1.500 / 0.250 routine\n"
       "  client list:      TABLE alloc=3/max=2/next=1/idlescan=4/getpktscan=5\n"
-      "    client[0]: fd=1000 cred(pid=7/uid=8/gid=9) at=18446744073709551615 server=SERVER\n"
       "    client[2]: fd=1000 cred(pid=7/uid=8/gid=9) at=18446744073709551615 server=SERVER\n"
       "comm_socket_v4[PAIR]:\n  socketpair:       yes\n  socket_fd:        -1\n"
       "  socket_path:      \n  server:           no\n  connect timeout:  0.000 / 0.000 routine\n"
       "  client list:      (nil) alloc=0/max=0/next=0/idlescan=0/getpktscan=0\n"
       "comm_socket_v4[nullptr] = No state\n",
-      named(named(named(captured.text(), &server, "SERVER"), &pair, "PAIR"), server.client.data(),
+      named(named(named(captured.text(), &server, "SERVER"), &pair, "PAIR"), &server.client[0],
             "TABLE"));
   server.client.clear();
 }

@@ -139,9 +139,10 @@ TEST_F(EndpointTest, CloseLeavesAFileThatItCannotRemoveAndKeepsErrnoWhateverFail
 }
 
 TEST_F(EndpointTest, PrintsTheClassesOfItsLogMask) {
+  StderrCapture captured;
   for (unsigned mask = 0; mask < 16; ++mask) {
     c->log_mask = mask & 15;
-    const StderrCapture captured;
+    captured.clear();
     comm_socket_v4_error(c, "%s %d\n", "e", 1);
     comm_socket_v4_warning(c, "%s %d", "w", 2);
     comm_socket_v4_bug(c, "%s %d", "b", 3);
@@ -155,16 +156,15 @@ TEST_F(EndpointTest, PrintsTheClassesOfItsLogMask) {
   EXPECT_EQ(0u, (comm_socket_v4_shut_up(c), unsigned{c->log_mask}));
   EXPECT_EQ(15u, (comm_socket_v4_debug_logging(c), unsigned{c->log_mask}));
   EXPECT_EQ(3u, (comm_socket_v4_normal_logging(c), unsigned{c->log_mask}));
-  const StderrCapture captured;
-  const auto print = [this] { return comm_socket_v4_error(c, "100%% of %s\n", "it"), 0; };
+  captured.clear();
+  const auto print = [this] { return comm_socket_v4_error(c, "100%% of %s", "it"), 0; };
   print();
+  const std::string address = testing::PrintToString(static_cast<void*>(c));
+  EXPECT_EQ("comm_socket_v4 ERROR [" + address + "]: 100% of it\n", captured.text());
   const int memory = dup(2);
   close(2);  // The next line is lost, which is no error to the caller.
-  const Outcome lost = outcome(print);
+  EXPECT_EQ(Outcome(0, errno_before), outcome(print));
   EXPECT_EQ(0, dup2(memory, 2) - 2 + close(memory));
-  EXPECT_EQ(Outcome(0, errno_before), lost);
-  const std::string address = testing::PrintToString(static_cast<void*>(c));
-  EXPECT_EQ("comm_socket_v4 ERROR [" + address + "]: 100% of it\n\n", captured.text());
 }
 
 TEST_F(EndpointTest, APairIsConnectedAndOnlyTheHandedOutEndSurvivesExec) {
