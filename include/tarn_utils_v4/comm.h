@@ -449,7 +449,8 @@ class COMM_V4_EXPORT comm_socket_v4 {
   unsigned log_mask : 4;  // 1 errors, 2 warnings and bug reports, 8 debug
   struct {
     std::uint32_t server : 1;
-    std::uint32_t bound : 1;         // bound to socket_path, and so removes it at close
+    std::uint32_t bound : 1;         // bound to socket_path, and so removes it at close; cleared by
+                                     // an application that wants the file to stay
     std::uint32_t idle_enabled : 1;  // comm_socket_v4_idle works only while set
     std::uint32_t debug : 1;  // the application's: a server takes a path over from a live one
     std::uint32_t socketpair : 1;
@@ -549,7 +550,9 @@ COMM_V4_EXPORT int comm_socket_v4_destroy(comm_socket_v4* c);
 // client. The file is whatever socket lies at the path by then, so a copy of the endpoint in a
 // forked child must not be closed, and a relative path needs the working directory of its opening.
 // Sets flags.idle_enabled. Keeps path, log level, tag, callback, timeouts, flags.debug and a packet
-// that waits in next_packet. Returns 0 and leaves errno alone.
+// that waits in next_packet. Closing while packets of the peer are unread makes the kernel reset
+// the connection: the peer gets ECONNRESET in place of what still waits for it. Returns 0 and
+// leaves errno alone.
 COMM_V4_EXPORT int comm_socket_v4_close(comm_socket_v4* c);
 // 1 or 0; 0 for null.
 COMM_V4_EXPORT int comm_socket_v4_is_open(const comm_socket_v4* c);
@@ -594,7 +597,8 @@ COMM_V4_EXPORT void comm_socket_v4_dump_state(const comm_socket_v4* c, std::FILE
 COMM_V4_EXPORT int comm_socket_v4_create_server(comm_socket_v4* c, const char* path);
 // Binds an open server to its path again. -1 when c is null or not an open server; errno is then 0.
 // Else 0, with the errno of the bind: 0 after success, EINVAL while it is still bound, for which
-// newer kernels say EADDRINUSE when the file is there, or why it failed otherwise.
+// newer kernels say EADDRINUSE when the file is there, or why it failed otherwise. Linux binds a
+// socket once: a file that was removed does not come back.
 COMM_V4_EXPORT int comm_socket_v4_reopen_server(comm_socket_v4* c);
 // Takes one waiting connection into an empty slot. Null with EAGAIN when none waits, with ENOMEM
 // when the table cannot grow (the connection keeps waiting), and when the credentials of the peer
@@ -696,7 +700,8 @@ COMM_V4_EXPORT int comm_socket_v4_connect_use_socketpair(comm_socket_v4* c, int 
 // --- The application's loop ---------------------------------------------------------------------
 
 // Idle: work that does not block. Reads at most one packet per connection into its slot, unless one
-// waits there; completes a pending connect; never accepts; runs receive callbacks. A server visits
+// waits there; completes a pending connect; never accepts; runs receive callbacks. A record of zero
+// bytes reads as the end of the connection. A server visits
 // half of its slots per call, and its clients never make it fail. -1 on a closed endpoint, null too
 // (ENOTCONN); when the connection of a client ends (ENOTCONN), fails or could not be made: the
 // endpoint is closed then; with ENOMEM or the error of ioctl(2): nothing was read, and it stays
@@ -714,7 +719,9 @@ COMM_V4_EXPORT int comm_socket_v4_client_idle(comm_socket_v4_client* c);
 // at all clients in turn, starting behind the one that delivered last, and stores the sender in
 // *from, good until the table grows (null without a packet); `from` may be null. A client with halt
 // set is left alone; with pending_response_packet set its next packet is read, but not handed out.
-// A null endpoint gives null from get_packet_from_server.
+// A null endpoint gives null from get_packet_from_server. Null also when
+// a packet was read and dropped with others behind it: watch level-triggered, and after an idle or
+// a wait call until null before sleeping elsewhere.
 COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_server_get_packet(
     comm_socket_v4* s, comm_socket_v4_client** from);
 COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_client_get_packet(comm_socket_v4_client* c);
