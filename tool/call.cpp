@@ -11,7 +11,7 @@
 #include "tool/files.h"
 #include "tool/packet_check.h"
 #include "tool/packet_print.h"
-#include "tool/packet_spec.h"
+#include "tool/packet_recipe.h"
 
 namespace {
 
@@ -31,7 +31,7 @@ constexpr char help[] =
 
 struct Call {
   std::string path;
-  PacketSpec packet;
+  PacketRecipe packet;
   std::uint64_t timeout_us = 5'000'000;
   Format format = Format::readable;
   std::optional<std::string> folder;

@@ -9,7 +9,7 @@
 #include "tool/files.h"
 #include "tool/packet_check.h"
 #include "tool/packet_print.h"
-#include "tool/packet_spec.h"
+#include "tool/packet_recipe.h"
 
 namespace {
 

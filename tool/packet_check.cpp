@@ -7,7 +7,7 @@
 #include <cstdio>
 
 #include "tool/captured_log.h"
-#include "tool/packet_spec.h"
+#include "tool/packet_recipe.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 
 #include "tool/connection.h"
 #include "tool/event_loop.h"
-#include "tool/packet_spec.h"
+#include "tool/packet_recipe.h"
 #include "tool/round_trips.h"
 
 namespace {
@@ -57,11 +57,11 @@ void parse(int argc, char** argv, Settings& settings) {
       {"PATH"}, 0)[0];
 }
 
-PacketSpec request_of(const Settings& settings) {
-  PacketSpec spec;
-  spec.set_command(settings.command.value_or("ping"));
-  spec.set_data(std::string(settings.size, 'x'));
-  return spec;
+PacketRecipe request_of(const Settings& settings) {
+  PacketRecipe recipe;
+  recipe.set_command(settings.command.value_or("ping"));
+  recipe.set_data(std::string(settings.size, 'x'));
+  return recipe;
 }
 
 std::uint64_t now_ns() {
@@ -232,7 +232,7 @@ class Pinger {
   }
 
   const Settings& settings_;
-  PacketSpec request_;
+  PacketRecipe request_;
   std::optional<StopSignals> signals_;  // while connecting, SIGINT just ends the program
   Progress progress_;
   EndpointPtr endpoint_;

@@ -15,7 +15,7 @@
 
 #include "tool/arguments.h"
 #include "tool/files.h"
-#include "tool/packet_spec.h"
+#include "tool/packet_recipe.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "tool/packet_recipe.h"
 #include "tool/packet_server.h"
-#include "tool/packet_spec.h"
 #include "tool/request_command.h"
 
 namespace {
@@ -37,7 +37,7 @@ constexpr char help[] =
     "\nExit status: 0 after a signal, 1 when something failed, 2 for wrong usage.\n";
 
 struct Settings : ServerSettings {
-  PacketSpec answer;
+  PacketRecipe answer;
   std::optional<std::string> command;
   std::uint64_t command_timeout_us = 30'000'000;
 };
@@ -151,7 +151,7 @@ class AnsweringServer : public PacketServer {
 };
 
 // An answer that is too long is known at once, however long the command of the request.
-void check_answer(const PacketSpec& answer) {
+void check_answer(const PacketRecipe& answer) {
   const PacketPtr request = new_packet();
   if (request->write_begin(std::string(255, 'x').c_str(), nullptr, 0) != 0) throw std::bad_alloc();
   answer.build(request.get());

@@ -1,6 +1,6 @@
 // A packet as the command line describes it: a request of `call`, or the fixed answer of `serve`.
-#ifndef TOOL_PACKET_SPEC_H
-#define TOOL_PACKET_SPEC_H
+#ifndef TOOL_PACKET_RECIPE_H
+#define TOOL_PACKET_RECIPE_H
 
 #include <cstdint>
 #include <functional>
@@ -37,7 +37,7 @@ constexpr std::size_t max_packet_length = COMM_V4_RECV_SIZE_CAP + 15;
   "dash\n"                                                                                        \
   "goes behind --.\n"
 
-class PacketSpec {
+class PacketRecipe {
  public:
   // The options above, and behind them those of the caller. They set this object.
   std::vector<Option> options(std::vector<Option> own);

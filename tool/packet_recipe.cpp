@@ -1,4 +1,4 @@
-#include "tool/packet_spec.h"
+#include "tool/packet_recipe.h"
 
 #include <fcntl.h>
 
@@ -81,7 +81,7 @@ std::string named_file(const std::string& value) {
 
 // --- From the command line ----------------------------------------------------------------------
 
-std::vector<Option> PacketSpec::options(std::vector<Option> own) {
+std::vector<Option> PacketRecipe::options(std::vector<Option> own) {
   std::vector<Option> all = {
       {"pair", 'p', true, [this](auto& text, auto&) { add_pair(text); }},
       {"data", 'd', true, [this](auto& text, auto&) { data_ = text; }},
@@ -105,13 +105,13 @@ std::vector<Option> PacketSpec::options(std::vector<Option> own) {
   return all;
 }
 
-void PacketSpec::set_command(const std::string& command) {
+void PacketRecipe::set_command(const std::string& command) {
   if (command.empty()) throw UsageError("the command is empty, and no receiver accepts that");
   command_ = bounded(command, max_command, "the command");
   given_ = true;
 }
 
-void PacketSpec::add_argument(const std::string& text) {
+void PacketRecipe::add_argument(const std::string& text) {
   const std::string what = "argument " + std::to_string(++arguments_);
   if (arguments_ > max_arguments) throw UsageError("a packet has at most 255 arguments");
   const auto [type, value] = split_type(text);
@@ -136,7 +136,7 @@ void PacketSpec::add_argument(const std::string& text) {
                              comm_socket_v4_packet& p) { return p.write_argv(bytes.c_str()); });
 }
 
-void PacketSpec::add_pair(std::string_view text) {
+void PacketRecipe::add_pair(std::string_view text) {
   const std::size_t equals = text.find('=');
   if (equals == std::string_view::npos)
     throw UsageError("--pair: " + in_quotes(text) + " is not NAME=VALUE");
@@ -147,8 +147,8 @@ void PacketSpec::add_pair(std::string_view text) {
   add_typed_pair(name, type, value);
 }
 
-void PacketSpec::add_typed_pair(const std::string& name, const std::string& type,
-                                const std::string& value) {
+void PacketRecipe::add_typed_pair(const std::string& name, const std::string& type,
+                                  const std::string& value) {
   const std::string what = "pair " + in_quotes(name);
   const auto bytes = [&what](const std::string& given) {
     return names_file(given) ? named_file(given) : parse_hex(given, what);
@@ -176,7 +176,8 @@ void PacketSpec::add_typed_pair(const std::string& name, const std::string& type
   }
 }
 
-void PacketSpec::add_bytes(const std::string& name, std::uint32_t type, const std::string& bytes) {
+void PacketRecipe::add_bytes(const std::string& name, std::uint32_t type,
+                             const std::string& bytes) {
   writes_.emplace_back([name, type, bytes](comm_socket_v4_packet& p) {
     return p.write_nv_pair_raw(name.c_str(), reinterpret_cast<const unsigned char*>(bytes.data()),
                                bytes.size(), type);
@@ -184,20 +185,20 @@ void PacketSpec::add_bytes(const std::string& name, std::uint32_t type, const st
 }
 
 template <class Number>
-void PacketSpec::add_numbers(const std::string& name, std::vector<Number> numbers,
-                             std::uint32_t type) {
+void PacketRecipe::add_numbers(const std::string& name, std::vector<Number> numbers,
+                               std::uint32_t type) {
   add_bytes(
       name, type,
       std::string(reinterpret_cast<const char*>(numbers.data()), numbers.size() * sizeof(Number)));
 }
 
-void PacketSpec::attach(const std::string& path, int flags) {
+void PacketRecipe::attach(const std::string& path, int flags) {
   if (descriptors_.size() == max_descriptors)
     throw UsageError("at most 8 descriptors can be attached");
   descriptors_.push_back(open_file(path, flags));
 }
 
-void PacketSpec::set_multipart(const std::string& part, const std::string& name) {
+void PacketRecipe::set_multipart(const std::string& part, const std::string& name) {
   const std::string parts[] = {"none", "first", "middle", "last"};
   for (std::uint32_t i = comm_socket_v4_packet::multipart_first; i < std::size(parts); ++i) {
     if (part != parts[i]) continue;
@@ -209,7 +210,7 @@ void PacketSpec::set_multipart(const std::string& part, const std::string& name)
 
 // --- To a packet --------------------------------------------------------------------------------
 
-PacketPtr PacketSpec::build(const comm_socket_v4_packet* request) const {
+PacketPtr PacketRecipe::build(const comm_socket_v4_packet* request) const {
   PacketPtr packet = new_packet();
   packet->flags = multipart_ << comm_socket_v4_packet::multipart_shift;
   packet->set_async(async_);
