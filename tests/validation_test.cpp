@@ -69,6 +69,7 @@ const struct Row {
     {"argv invalid: offset+count > buffer_length", [](Form& f) { f.argv(4, L - 15); }},
     {kAccepted, [](Form& f) { f.pairs(1, L - 16); }},
     {"nv_pair_table invalid: offset+count > buffer_length", [](Form& f) { f.pairs(1, L - 15); }},
+    {"nv_pair_table invalid: offset+count > buffer_length", [](Form& f) { f.pairs(4095, 1); }},
     {kAccepted, [](Form& f) { f.h.error_string_offset = 0; }},
     {kAccepted, [](Form& f) { f.h.error_string_offset = L - 1; }},
     {"error string out of bounds", [](Form& f) { f.h.error_string_offset = L; }},
