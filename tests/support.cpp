@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <regex>
 #include <sstream>
 #include <tuple>
 
@@ -105,14 +104,19 @@ void StderrCapture::clear() {
 }
 
 Lines StderrCapture::lines() const {
-  static const std::regex prefix("comm_socket_v4 ([A-Z]+) \\[[^\\]]*\\]: ");
+  const std::string start = "comm_socket_v4 ", end = "]: ";
   Lines list;
-  std::istringstream in(std::regex_replace(text(), prefix, "$1: "));
-  for (std::string line; std::getline(in, line);)
+  std::istringstream in(text());
+  for (std::string line; std::getline(in, line);) {
+    const std::size_t address = line.find(" [0x"), told = line.find(end);
     if (line.empty() && !list.empty())
       list.back() += '\n';
+    else if (line.rfind(start, 0) == 0 && address < told && told != line.npos)
+      list.push_back(line.substr(start.size(), address - start.size()) + ": " +
+                     line.substr(told + end.size()));
     else
       list.push_back(line);
+  }
   return list;
 }
 
