@@ -1,5 +1,5 @@
 // One scenario that touches everything, played again and again: each time the next one of the calls
-// that it makes of the system and of the allocator fails.
+// that it makes of the system and of the allocator fails, is interrupted, or meets a full queue.
 #include <filesystem>
 #include <new>
 
@@ -8,97 +8,168 @@
 
 namespace {
 
+// These calls give this error, which costs time and nothing else; 0: all fail, each in its own way.
+struct Mode {
+  int error;
+  std::vector<Call> calls;
+};
+
+// Of a step: a failure ends a connection; without memory it may throw std::bad_alloc.
+enum Trait : unsigned { ends = 1, throws = 2 };
+
 class EveryFailureTest : public CommTest {
  protected:
-  // A failure ended a connection, and the rest of the scenario has nobody to talk to.
+  // The rest of the scenario has nobody to talk to.
   struct Over {};
 
   const std::string path_ = path("server"), link_ = path_of_length(120);
+  const Mode* mode_ = nullptr;
   Faults* faults_ = nullptr;
 
-  // A call works, unless a fault came in it; then it works when it is made again, or, but for a
-  // lack of memory, has ended a connection.
-  template <class Body>
-  void step(const char* what, Body works) {
+  // A call answers `good` unless a fault came in it. Then it works when it is made again, as it
+  // always does after a lack of memory, or has ended a connection, as a failed recvmsg always has.
+  // An int tells what happened, and errno why: the error of the call, or what is said of a path
+  // whose holder cannot be asked and of a link that cannot be read.
+  template <class Answer, class Body>
+  void step(const char* what, Answer good, Body body, unsigned traits = 0) {
+    SCOPED_TRACE(what);
     for (int attempt = 1; attempt <= 2; ++attempt) {
       const unsigned fired = faults_->fired();
-      bool worked = false;
+      Outcome got(-1, ENOMEM);
       try {
-        worked = faults_->during(works);
+        got = outcome(*faults_, body);
       } catch (const std::bad_alloc&) {
+        EXPECT_TRUE(traits & throws);
       }
-      const bool met = faults_->fired() != fired, in_call = faults_->failed() < Call::malloc;
-      EXPECT_TRUE(worked || met) << what << " fails, or does not work again";
-      if (worked ? met && faults_->failed() == Call::recvmsg : !met || in_call) throw Over();
+      const bool worked = got.first == good, met = faults_->fired() != fired;
+      const bool fails = met && mode_->error == 0;
+      EXPECT_TRUE(worked || met) << "fails, or does not work again";
+      if (!worked && std::is_same_v<Answer, int>) {
+        const bool of_path = got.second == EADDRINUSE || got.second == ENAMETOOLONG;
+        EXPECT_EQ(fails || of_path ? -1 : 0, got.first);
+        EXPECT_TRUE(of_path || got.second == faults_->error()) << got.second;
+      }
+      if (fails && faults_->failed() == Call::recvmsg) throw Over();
       if (worked) return;
+      if (fails && traits & ends && faults_->failed() < Call::malloc) throw Over();
     }
+    throw Over();
   }
 
-  void play(comm_socket_v4* s, comm_socket_v4* c, comm_socket_v4* late) {
-    comm_socket_v4_client* client = nullptr;
-    Packet p, received;
-    const auto accept = [&] { return comm_socket_v4_accept_connection(s) != nullptr; };
-    const auto receive = [&] {
-      received.reset(comm_socket_v4_server_get_packet(s, &client));
-      return received != nullptr;
-    };
+  void connect(comm_socket_v4* c, const std::string& to) {
+    step(
+        "connect", 0, [&] { return comm_socket_v4_connect_to(c, to.c_str()); }, throws);
+    EXPECT_EQ(1, comm_socket_v4_is_open(c));
+  }
+  unsigned long accept(comm_socket_v4* s) {
+    comm_socket_v4_client* client;
+    const auto call = [&] { return (client = comm_socket_v4_accept_connection(s)) != nullptr; };
+    step("accept", true, call, ends);
+    return comm_socket_v4_client_ptr2index(client);
+  }
+  Packet written() {
+    Packet p;
     const auto write = [&] {
       p = make_packet();
       return p != nullptr && p->write_begin("open", "none", 0) == 0 && p->write_argv("a") == 0 &&
-             p->write_nv_pairf("k", "v") == 0 && p->write_end() == 0 && p->attach_fd_to_send(0);
+             p->write_nv_pair("k", "v") == 0 && p->write_end() == 0;
     };
-    const auto notice = [&] {
-      // A pass looks at half of the clients.
-      return comm_socket_v4_idle(s) == 0 && comm_socket_v4_idle(s) == 0 &&
-             comm_socket_v4_get_disconnected_client(s) != nullptr;
-    };
-    step("create", [&] { return comm_socket_v4_create_server(s, path_.c_str()) == 0; });
-    step("connect", [&] { return comm_socket_v4_connect_to(c, link_.c_str()) == 0; });
+    step("write", true, write, throws);
+    step(
+        "attach", true, [&] { return p->attach_fd_to_send(0); }, throws);
+    return p;
+  }
+  void receive(const Packet& sent, const std::function<comm_socket_v4_packet*()>& retrieve) {
+    Packet p;
+    step("receive", true, [&] { return p.reset(retrieve()), p != nullptr; });
+    EXPECT_TRUE(bytes_of(sent.get()) == bytes_of(p.get()) && p->attached_fd_count() == 1);
+  }
+
+  void play(comm_socket_v4* s, comm_socket_v4* c, comm_socket_v4* late) {
+    if (!std::filesystem::exists(path_)) close(bound_socket(path_));  // the file of a dead server
+    step(
+        "create", 0, [&] { return comm_socket_v4_create_server(s, path_.c_str()); }, throws);
+    connect(c, link_);
     comm_socket_v4_set_connect_timeout_routine(late, 1);
-    step("meet a full queue", [&] { return comm_socket_v4_connect_to(late, path_.c_str()) == 0; });
-    step("wait for a client",
-         [&] { return comm_socket_v4_server_from_client_readable(s, in_ms(1000)) == 1; });
-    step("accept", accept);
-    step("complete", [&] { return comm_socket_v4_connect_check_pending(late) == 1; });
-    step("accept", accept);
-    step("write", write);
-    step("send", [&] { return comm_socket_v4_packet_send_to_server(c, p.get()) > 0; });
-    step("receive", receive);
-    EXPECT_TRUE(bytes_of(p.get()) == bytes_of(received.get()) &&
-                received->attached_fd_count() == 1);
-    step("answer",
-         [&] { return comm_socket_v4_packet_send_to_client(client, received.get()) > 0; });
-    step("wait for it",
-         [&] { return comm_socket_v4_client_from_server_readable(c, in_ms(1000)) == 1; });
+    connect(late, path_);
+    const auto wait = [&] { return comm_socket_v4_connect_wait_for_completion(late, in_ms(999)); };
+    step("wait in the queue", 0, wait, ends);
+    step("wait for a client", 1,
+         [&] { return comm_socket_v4_server_from_client_readable(s, in_ms(999)); });
+    const unsigned long index = accept(s);
+    step(
+        "complete", 1, [&] { return comm_socket_v4_connect_check_pending(late); }, ends);
+    const unsigned long late_index = accept(s);
+    std::vector<Endpoint> crowd;
+    while (crowd.size() < 14) crowd.push_back(join(s).first);
+    const Endpoint last = make_endpoint();
+    comm_socket_v4_connect_to(last.get(), path_.c_str());
+    accept(s);
+    EXPECT_EQ(24u, s->client_allocation_count());
+
+    const Packet request = written(), answer = written();
+    const auto length = static_cast<int>(request->buffer_length);
+    step("send", length, [&] { return comm_socket_v4_packet_send_to_server(c, request.get()); });
+    step("idle", 0, [&] { return comm_socket_v4_idle(s); });
+    comm_socket_v4_client* client = nullptr;
+    receive(request, [&] { return comm_socket_v4_server_get_packet(s, &client); });
+    EXPECT_EQ(s->index2client(index), client);
+    CommLargePacketQueue queue;
+    int ahead = 0;
+    for (const Packet p = ping_packet(); comm_socket_v4_packet_send_to_client(client, p.get()) > 0;)
+      ++ahead;
+    step(
+        "queue", 1, [&] { return queue.send_packet(client, answer.get()); }, throws);
+    for (; ahead > 0; --ahead) Packet(comm_socket_v4_client_get_packet_from_server(c));
+    step("flush", true, [&] { return queue.flush_queued_packet(client), queue.queued_count == 0; });
+    step("wait for it", 1,
+         [&] { return comm_socket_v4_client_from_server_readable(c, in_ms(999)); });
+    receive(answer, [&] { return comm_socket_v4_client_get_packet_from_server(c); });
+
+    comm_socket_v4_close(late);
+    step("notice", true, [&] {
+      return comm_socket_v4_idle(s) == 0 && comm_socket_v4_idle(s) == 0 &&
+             (client = comm_socket_v4_get_disconnected_client(s)) == s->index2client(late_index);
+    });
+    step("release", 0, [&] { return comm_socket_v4_free_client(client), 0; });
+    step("close", 0, [&] { return comm_socket_v4_close(s); });
     comm_socket_v4_close(c);
-    step("notice", notice);
-    step("pair", [&] { return comm_socket_v4_connect_new_socketpair(c) == 0; });
+    step("pair", 0, [&] { return comm_socket_v4_connect_new_socketpair(c); });
+    const int fd = comm_socket_v4_socketpair_get_remote_end(c);
+    step("adopt", 0, [&] { return comm_socket_v4_connect_use_socketpair(late, fd); });
   }
 };
 
-TEST_F(EveryFailureTest, LosesNothingAndLeavesEverythingUsable) {
+TEST_F(EveryFailureTest, IsToldLosesNothingAndLeavesEverythingUsable) {
+  const Mode modes[] = {
+      {0, {}},
+      {EINTR, {Call::sendmsg, Call::recvmsg, Call::select, Call::poll, Call::usleep}},
+      {EAGAIN, {Call::sendmsg, Call::recvmsg, Call::connect, Call::accept4}}};
   StderrCapture captured;
   std::filesystem::create_symlink(path_, link_);
-  unsigned k = 0;
-  for (bool met = true; met && !HasFailure(); captured.clear()) {
-    SCOPED_TRACE(++k);
-    const std::vector<std::string> before = open_descriptors();
-    {
-      const Endpoint s = make_endpoint(), c = make_endpoint(), late = make_endpoint();
-      Faults faults, none;
-      for (Faults* const now : {&faults.fail_any(k), &none}) {
-        faults_ = now;
-        try {
-          play(s.get(), c.get(), late.get());
-        } catch (const Over&) {
+  for (const Mode& mode : modes) {
+    mode_ = &mode;
+    unsigned k = 0;
+    for (bool met = true; met && !HasFailure(); captured.clear()) {
+      SCOPED_TRACE(testing::Message() << "error " << mode.error << ", call " << ++k);
+      const std::vector<std::string> before = open_descriptors();
+      {
+        const Endpoint s = make_endpoint(), c = make_endpoint(), late = make_endpoint();
+        Faults faults, none;
+        faults.fail_any(k, mode.error, mode.calls);
+        for (Faults* const now : {&faults, &none}) {
+          faults_ = &now->replace(Call::usleep, [](auto&, void*) { return 0; });
+          try {
+            play(s.get(), c.get(), late.get());
+          } catch (const Over&) {
+          }
         }
-        for (const Endpoint* const e : {&c, &late, &s}) comm_socket_v4_close(e->get());
+        met = faults.fired() != 0;
       }
-      met = faults.fired() != 0;
+      EXPECT_EQ(before, open_descriptors());
     }
-    EXPECT_EQ(before, open_descriptors());
+    EXPECT_LT(10u, k) << "the scenario makes hardly any calls";
   }
-  EXPECT_LT(50u, k) << "the scenario makes hardly any calls";
 }
 
 // To find out who holds a path takes more allocations than a loop should meet.

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <new>
 #include <type_traits>
@@ -59,8 +60,10 @@ Faults& Faults::fail(Call call, int error, unsigned nth, unsigned times) {
   return *this;
 }
 
-Faults& Faults::fail_any(unsigned kth) {
+Faults& Faults::fail_any(unsigned kth, int error, std::vector<Call> kinds) {
   any_left_ = kth;
+  any_error_ = error;
+  any_kinds_ = std::move(kinds);
   return *this;
 }
 
@@ -72,12 +75,14 @@ Faults& Faults::replace(Call call, Hook hook) {
 int Faults::next(Call call) {
   Plan& plan = at(call);
   ++plan.count;
-  const bool any = any_left_ != 0 && --any_left_ == 0;
+  const bool meant = any_error_ == 0 || std::count(any_kinds_.begin(), any_kinds_.end(), call) != 0;
+  const bool any = any_left_ != 0 && meant && --any_left_ == 0;
   const bool planned = plan.count >= plan.from && plan.count < plan.until;
   if (!any && !planned) return 0;
   ++fired_;
   failed_ = call;
-  return planned ? plan.error : kKinds[static_cast<std::size_t>(call)].error;
+  const int own_error = kKinds[static_cast<std::size_t>(call)].error;
+  return error_ = planned ? plan.error : any_error_ != 0 ? any_error_ : own_error;
 }
 
 std::string Faults::calls() const {

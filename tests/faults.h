@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <vector>
 
 // Each kind with the errno that fail_any gives it. malloc stands for realloc too, operator_new for
 // its form that does not throw.
@@ -52,8 +53,9 @@ class Faults {
   // The nth call of this kind from now on, and the `times` - 1 behind it, fail. A close that fails
   // has closed, as in the kernel.
   Faults& fail(Call call, int error, unsigned nth = 1, unsigned times = 1);
-  // The kth call of any kind fails. For loops that end when fired() is 0.
-  Faults& fail_any(unsigned kth);
+  // The kth call of any kind fails, or with this error that of these kinds. For loops that end when
+  // fired() is 0.
+  Faults& fail_any(unsigned kth, int error = 0, std::vector<Call> kinds = {});
   Faults& replace(Call call, Hook hook);
 
   template <class Body>
@@ -66,8 +68,9 @@ class Faults {
   // "ioctl 1, malloc 2": every kind that was called, in the order of the table above.
   std::string calls() const;
   unsigned fired() const { return fired_; }
-  // What failed last.
+  // What failed last, and with what.
   Call failed() const { return failed_; }
+  int error() const { return error_; }
 
   // For the wrappers: the errno with which this call has to fail, or 0.
   int next(Call call);
@@ -94,8 +97,10 @@ class Faults {
   const Plan& at(Call call) const { return plans_[static_cast<std::size_t>(call)]; }
 
   std::array<Plan, static_cast<std::size_t>(Call::kinds)> plans_;
+  std::vector<Call> any_kinds_;
   unsigned any_left_ = 0, fired_ = 0;
   Call failed_ = Call::kinds;
+  int any_error_ = 0, error_ = 0;
 };
 
 // The answer of `body` when its nth call of this kind fails.
