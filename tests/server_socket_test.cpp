@@ -122,6 +122,20 @@ TEST_F(ServerSocketTest, RefusesThePathOfALiveServerAndReplacesTheFileOfADeadOne
   close(decoy);
 }
 
+TEST_F(ServerSocketTest, ARefusedTakeOverCostsTheLiveServerNoPlaceInItsQueue) {
+  const Endpoint server = make_endpoint(), c = make_endpoint();
+  ASSERT_EQ(0, create(server, at));
+  comm_socket_v4_set_connect_timeout(c.get(), 50000);
+  const auto connect = [&] { EXPECT_EQ(0, comm_socket_v4_connect_to(c.get(), at.c_str())); };
+  const auto refuse = [&] { expect_refused(at, EADDRINUSE, {live}); };
+  for (const bool full_before : {false, true}) {
+    full_before ? connect() : refuse();
+    full_before ? refuse() : connect();
+    EXPECT_NE(nullptr, comm_socket_v4_accept_connection(server.get()));
+    EXPECT_EQ(nullptr, comm_socket_v4_accept_connection(server.get()));
+  }
+}
+
 // A connection carries the path of the server that accepted it, and here it is the newer socket.
 TEST_F(ServerSocketTest, AWorkerIsNotTakenForTheServerWhoseConnectionItHolds) {
   const Endpoint server = make_endpoint();
