@@ -106,7 +106,8 @@ TEST_F(ClientsTest, AcceptTellsWhoConnectedAndWhen) {
   EXPECT_EQ(1, comm_socket_v4_server_from_client_readable(&s, in_ms(5000)));
   const unsigned long before = in_ms(0);
   const comm_socket_v4_client* const client = accept();
-  ASSERT_EQ(&s.client[0], client);
+  ASSERT_TRUE(client == &s.client[0] && client->get_server() == &s);
+  EXPECT_FALSE(s.client_list_not_allocated());
   EXPECT_TRUE(before <= client->accept_time_us && client->accept_time_us <= in_ms(0));
   EXPECT_EQ(peer.pid(), client->cred.pid);
   EXPECT_TRUE(client->cred.uid == getuid() && client->cred.gid == getgid());

@@ -49,6 +49,7 @@ TEST_F(PacketTest, ReadsEachValueByItsOwnTypeOnly) {
   const comm_socket_v4_packet* const p = owner.get();
   EXPECT_STREQ("list", comm_socket_v4_packet_get_command(p));
   EXPECT_STREQ("broken", comm_socket_v4_packet_get_error_string(p));
+  EXPECT_TRUE(p->get_stream_id() == 0xFEDCBA9876543210 && p->get_tag() == 0x99);
   ASSERT_EQ(4u, comm_socket_v4_packet_get_argc(p));
   ASSERT_EQ(9u, comm_socket_v4_packet_nv_entries(p));
   // Of each argument its own type reads; the last one is out of range.
@@ -342,6 +343,7 @@ TEST_F(PacketTest, RefusesToPassThirtyTwoBits) {
       {[](auto* p) { return p->write_nv_pair_raw("n", bytes("abc"), 3, 9); }, 2 + 3, 2},
       {[](auto* p) { return p->write_nv_pair("n", "abc"); }, 2 + 4, 2},
       {[](auto* p) { return p->write_data_binary(bytes("abc"), 3); }, 3, 1},
+      {[](auto* p) { return p->wr_argv.emplace_back(), p->write_end(); }, 4, 1},
       {[](auto* p) { return p->wr_nv_pair.emplace_back(), p->write_end(); }, 16, 1},
   };
   for (const auto& row : rows) {

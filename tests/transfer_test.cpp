@@ -261,6 +261,22 @@ TEST_P(TransferTest, ACallbackMayKeepThePacketThrowOrEndTheConnection) {
   EXPECT_EQ(at_server, *slot == nullptr) << "close keeps a packet that waits";
 }
 
+TEST_P(TransferTest, AControlMessageOfAnImpossibleLengthIsNotFollowed) {
+  for (const std::size_t length : {CMSG_LEN(0) - 1, CMSG_LEN(8)}) {
+    Faults faults;
+    faults.replace(Call::recvmsg, [length](auto& real, void* message) {
+      const long received = real();
+      msghdr& m = *static_cast<msghdr*>(message);
+      m.msg_controllen = CMSG_LEN(4);
+      *static_cast<cmsghdr*>(m.msg_control) = {length, SOL_SOCKET, SCM_RIGHTS};
+      return received;
+    });
+    peer_sends(ping_packet());
+    EXPECT_EQ(0, faults.during([this] { return read(); }));
+    EXPECT_EQ(0u, take()->attached_fd_count());
+  }
+}
+
 // --- Sending ------------------------------------------------------------------------------------
 
 TEST_P(TransferTest, WhatCannotBeSentIsRefusedInThisOrder) {
