@@ -103,9 +103,9 @@ TEST_P(TransferTest, AReadThatFailsLosesNothingOrEndsTheConnection) {
   };
   read_failing(Call::ioctl, EAGAIN);
   read_failing(Call::ioctl, EIO);
-  read_failing(Call::operator_new, ENOMEM);
-  read_failing(Call::operator_new, ENOMEM, 2);  // room for descriptors
-  read_failing(Call::malloc, ENOMEM);
+  read_failing(Call::operator_new, EIO);
+  read_failing(Call::operator_new, EIO, 2);  // room for descriptors
+  read_failing(Call::malloc, EIO);
   read_failing(Call::recvmsg, EAGAIN);
   read_failing(Call::recvmsg, EINTR);
   read_failing(Call::recvmsg, EIO);
@@ -515,7 +515,7 @@ TEST_F(ServerReadTest, WithoutMemoryForTheDisconnectListAClientStaysOpen) {
     do {
       log();
       client.status = {};
-      faults.fail(Call::operator_new, ENOMEM, nth).during([&] { return act(&client); });
+      faults.fail(Call::operator_new, EIO, nth).during([&] { return act(&client); });
     } while (!client.client_is_open());
     EXPECT_EQ(ENOMEM, errno);
     EXPECT_EQ(text, log());
