@@ -1,5 +1,4 @@
 // Packets to a client that does not read.
-#include "faults.h"
 #include "support.h"
 
 namespace {
@@ -79,14 +78,6 @@ TEST_F(QueueTest, ADeadConnectionShowsOnlyWhileNothingIsQueued) {
   EXPECT_EQ(-1, send(p));
   EXPECT_EQ(ECONNRESET, errno);
   expect_queued(0);
-}
-
-TEST_F(QueueTest, QueuesNothingWithoutMemory) {
-  fill(1);
-  Faults faults;
-  faults.fail(Call::operator_new, ENOMEM);
-  EXPECT_THROW(faults.during([&] { return send(p); }), std::bad_alloc);
-  expect_queued(1);
 }
 
 }  // namespace
