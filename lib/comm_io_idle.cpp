@@ -44,13 +44,10 @@ class ClientSide final : public ReceiveSide {
   }
 };
 
-// What is asked about first and what is read at once; the outcome is the same.
-enum class Expected { quiet, packets };
-
 // Half of the table, so that the cost of a call is bounded by it and two calls reach every client.
 void idle_clients(comm_socket_v4* s, Expected expected) {
   const std::size_t visits = (s->client.size() + 1) / 2;
-  QuietClients quiet(s, expected == Expected::quiet ? 0 : 2);
+  QuietClients quiet(s, expected);
   for (std::size_t i = 0; i < visits; ++i) {
     if (s->client_idlescan >= s->client.size()) s->client_idlescan = 0;
     // A receive callback may have closed the server.

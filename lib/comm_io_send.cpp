@@ -163,7 +163,7 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* s,
                                                         comm_socket_v4_client** from) {
   if (from != nullptr) *from = nullptr;
   const std::size_t slots = s->client.size();
-  QuietClients quiet(s, 2);
+  QuietClients quiet(s, Expected::packets);
   for (std::size_t tries = 0; tries < slots; ++tries) {
     if (s->client_getpktscan >= s->client.size()) s->client_getpktscan = 0;
     // A receive callback may have closed the server.

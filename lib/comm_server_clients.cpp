@@ -556,6 +556,18 @@ bool add_server_descriptors(const comm_socket_v4* s, DescriptorSet& set) {
   return false;
 }
 
+// Idles; a closed descriptor must not reach select().
+bool stays_open_before_wait(comm_socket_v4* s, Direction direction) {
+  if (comm_socket_v4_idle_before_wait(s) != 0) return false;
+  if (comm_socket_v4_is_open(s)) return true;
+  comm_socket_v4_bug(s, direction == Direction::read
+                            ? "wait_for_client_to_server_readable() idle() did not signal error "
+                              "but socket was closed----known to cause a crash\n"
+                            : "wait_for_client_to_server_writeable() idle() did not signal error "
+                              "but socket was closed----known to cause a crash\n");
+  return false;
+}
+
 }  // namespace
 
 int comm_socket_v4_server_from_client_readable(comm_socket_v4* s, unsigned long deadline_us) {
@@ -572,13 +584,7 @@ int comm_socket_v4_server_from_client_readable(comm_socket_v4* s, unsigned long 
 
 int comm_socket_v4_client_from_server_readable(comm_socket_v4* s, unsigned long deadline_us) {
   if (!comm_socket_v4_is_open(s) || s->flags.server) return -1;
-  if (comm_socket_v4_idle_before_wait(s) != 0) return -1;
-  if (!comm_socket_v4_is_open(s)) {
-    comm_socket_v4_bug(s,
-                       "wait_for_client_to_server_readable() idle() did not signal error but "
-                       "socket was closed----known to cause a crash\n");
-    return -1;
-  }
+  if (!stays_open_before_wait(s, Direction::read)) return -1;
   if (s->next_packet != nullptr) return 1;
   const int ready = wait_for_descriptor(s->socket_fd, Direction::read, deadline_us);
   if (ready < 0)
@@ -590,13 +596,7 @@ int comm_socket_v4_client_from_server_readable(comm_socket_v4* s, unsigned long 
 int comm_socket_v4_wait_for_client_to_server_writeable(comm_socket_v4* s,
                                                        unsigned long deadline_us) {
   if (!comm_socket_v4_is_open(s)) return -1;
-  if (comm_socket_v4_idle_before_wait(s) != 0) return -1;
-  if (!comm_socket_v4_is_open(s)) {
-    comm_socket_v4_bug(s,
-                       "wait_for_client_to_server_writeable() idle() did not signal error but "
-                       "socket was closed----known to cause a crash\n");
-    return -1;
-  }
+  if (!stays_open_before_wait(s, Direction::write)) return -1;
   const int ready = wait_for_descriptor(s->socket_fd, Direction::write, deadline_us);
   if (ready < 0)
     comm_socket_v4_error(s, "wait_for_client_to_server_writeable() select() error %s\n",

@@ -11,13 +11,16 @@
 // Whether a read from the descriptor would find nothing. False where that is not known.
 bool is_quiet(int fd) noexcept;
 
+// What a pass expects to find; the outcome is the same.
+enum class Expected { quiet, packets };
+
 // Serves one pass over the table.
 class QuietClients {
  public:
-  // So many clients are read without asking: with few of them that is cheaper, unless they are
-  // quiet.
-  QuietClients(const comm_socket_v4* server, std::size_t reads_before_asking) noexcept
-      : server_(server), reads_before_asking_(reads_before_asking) {}
+  // The first clients are read without asking, since with few of them that is cheaper, unless they
+  // are expected to be quiet.
+  QuietClients(const comm_socket_v4* server, Expected expected) noexcept
+      : server_(server), reads_before_asking_(expected == Expected::quiet ? 0 : 2) {}
 
   // Whether a read from the client in `slot`, which is open, would find nothing. Where that is not
   // known the answer is no. `ahead` is how many slots the pass may still visit, this one included.
