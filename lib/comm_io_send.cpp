@@ -144,6 +144,32 @@ namespace {
 
 comm_socket_v4_packet* take(comm_socket_v4_packet*& slot) { return std::exchange(slot, nullptr); }
 
+// A server that is emptied after every wait mostly finds as many packets as the time before.
+Expected expected_by_retrieval(const comm_socket_v4* s) {
+  return s->retrieved_in_a_row == s->retrieved_last_time ? Expected::quiet : Expected::packets;
+}
+
+// Visits the clients in rotation, each once at most.
+comm_socket_v4_packet* next_packet_of_a_client(comm_socket_v4* s, comm_socket_v4_client** from) {
+  const std::size_t slots = s->client.size();
+  QuietClients quiet(s, expected_by_retrieval(s));
+  for (std::size_t tries = 0; tries < slots; ++tries) {
+    if (s->client_getpktscan >= s->client.size()) s->client_getpktscan = 0;
+    // A receive callback may have closed the server.
+    if (s->client.empty()) return nullptr;
+    const std::uint64_t index = s->client_getpktscan;
+    comm_socket_v4_client* const client = &s->client[index];
+    comm_socket_v4_packet* packet = nullptr;
+    if (client->client_is_open() && !quiet.is_quiet(index, slots - tries))
+      packet = comm_socket_v4_client_get_packet(client);
+    if (++s->client_getpktscan >= s->client.size()) s->client_getpktscan = 0;
+    if (packet == nullptr) continue;
+    if (from != nullptr) *from = &s->client[index];
+    return packet;
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 comm_socket_v4_packet* comm_socket_v4_client_get_packet(comm_socket_v4_client* c) {
@@ -162,23 +188,13 @@ comm_socket_v4_packet* comm_socket_v4_client_get_packet(comm_socket_v4_client* c
 comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* s,
                                                         comm_socket_v4_client** from) {
   if (from != nullptr) *from = nullptr;
-  const std::size_t slots = s->client.size();
-  QuietClients quiet(s, Expected::packets);
-  for (std::size_t tries = 0; tries < slots; ++tries) {
-    if (s->client_getpktscan >= s->client.size()) s->client_getpktscan = 0;
-    // A receive callback may have closed the server.
-    if (s->client.empty()) return nullptr;
-    const std::uint64_t index = s->client_getpktscan;
-    comm_socket_v4_client* const client = &s->client[index];
-    comm_socket_v4_packet* packet = nullptr;
-    if (client->client_is_open() && !quiet.is_quiet(index, slots - tries))
-      packet = comm_socket_v4_client_get_packet(client);
-    if (++s->client_getpktscan >= s->client.size()) s->client_getpktscan = 0;
-    if (packet == nullptr) continue;
-    if (from != nullptr) *from = &s->client[index];
-    return packet;
+  comm_socket_v4_packet* const packet = next_packet_of_a_client(s, from);
+  if (packet != nullptr) {
+    ++s->retrieved_in_a_row;
+  } else {
+    s->retrieved_last_time = std::exchange(s->retrieved_in_a_row, 0);
   }
-  return nullptr;
+  return packet;
 }
 
 comm_socket_v4_packet* comm_socket_v4_client_get_packet_from_server(comm_socket_v4* s) {

@@ -63,8 +63,8 @@ bool make_room(comm_socket_v4_packet& p, std::size_t size) {
 
 // Copies bytes, and a NUL that counts if wished, to the write position. There is room for them and
 // for the NUL behind them, which lets a packet be dumped while it is being written.
-void append(comm_socket_v4_packet& p, const void* bytes, std::size_t length, const char* function,
-            bool terminate = false) {
+inline void append(comm_socket_v4_packet& p, const void* bytes, std::size_t length,
+                   const char* function, bool terminate = false) {
   unsigned char* const at = p.buffer + p.buffer_write;
   if (length != 0) std::memcpy(at, bytes, length);
   at[length] = 0;
@@ -73,6 +73,21 @@ void append(comm_socket_v4_packet& p, const void* bytes, std::size_t length, con
   p.buffer_write += size;
   p.buffer_length = p.buffer_write;
   fatal_assert(p.buffer_write <= p.buffer_alloc, "buffer_write <= buffer_alloc", source, function);
+}
+
+// Appends bytes to the buffer, which grows as needed; where they start, 0 when it cannot grow. The
+// callers refuse what a packet cannot hold, so no sum here wraps. Inline, as most copies are short.
+inline comm_v4_offset_t int_copy_data(comm_socket_v4_packet& p, const void* data,
+                                      std::size_t length, bool terminate) {
+  const std::size_t start = p.buffer_write;
+  if (start + length + copy_spare >= p.buffer_alloc && !make_room(p, start + length + growth))
+    return 0;
+  append(p, data, length, __func__, terminate);
+  return static_cast<comm_v4_offset_t>(start);
+}
+
+comm_v4_offset_t int_write_string(comm_socket_v4_packet& p, const char* text, std::size_t max) {
+  return int_copy_data(p, text, strnlen(text, max), true);
 }
 
 // Adds a zero-filled entry. When memory runs out nothing has changed.
@@ -124,32 +139,18 @@ int comm_socket_v4_packet::write_begin(const char* command, const char* error_st
 
   // The header is looked up after each copy, which may move the buffer.
   if (command != nullptr && *command != '\0') {
-    const comm_v4_offset_t offset = int_write_string(command, max_command);
+    const comm_v4_offset_t offset = int_write_string(*this, command, max_command);
     header(buffer)->command_offset = offset;
   }
   if (error_string != nullptr && *error_string != '\0') {
-    const comm_v4_offset_t offset = int_write_string(error_string, max_error_string);
+    const comm_v4_offset_t offset = int_write_string(*this, error_string, max_error_string);
     header(buffer)->error_string_offset = offset;
   }
   write_state = write_state_header;
   return 0;
 }
 
-// --- Copies -------------------------------------------------------------------------------------
-
-comm_v4_offset_t comm_socket_v4_packet::int_copy_data(const unsigned char* data, std::size_t length,
-                                                      bool terminate) {
-  // The callers refuse what a packet cannot hold, so no sum here wraps.
-  const std::size_t start = buffer_write;
-  if (start + length + copy_spare >= buffer_alloc && !make_room(*this, start + length + growth))
-    return 0;
-  append(*this, data, length, __func__, terminate);
-  return static_cast<comm_v4_offset_t>(start);
-}
-
-comm_v4_offset_t comm_socket_v4_packet::int_write_string(const char* text, std::size_t max) {
-  return int_copy_data(reinterpret_cast<const unsigned char*>(text), strnlen(text, max), true);
-}
+// --- Entries ------------------------------------------------------------------------------------
 
 comm_socket_v4_packet_argv* comm_socket_v4_packet::alloc_argv() {
   const std::size_t idx = wr_argv.size();
@@ -173,7 +174,7 @@ int comm_socket_v4_packet::write_argv(const char* text) {
   if (!may_add_argv(*this)) return -1;
   comm_socket_v4_packet_argv* const entry = alloc_argv();
   entry->type_code = comm_v4_type_text;
-  packet_layout::set_value_offset(*entry, int_write_string(text, max_text));
+  packet_layout::set_value_offset(*entry, int_write_string(*this, text, max_text));
   return 0;
 }
 
@@ -182,8 +183,7 @@ int comm_socket_v4_packet::write_argv_number(std::uint8_t type, const void* valu
   if (!may_add_argv(*this)) return -1;
   comm_socket_v4_packet_argv* const entry = alloc_argv();
   entry->type_code = type;
-  packet_layout::set_value_offset(
-      *entry, int_copy_data(static_cast<const unsigned char*>(value), 8, false));
+  packet_layout::set_value_offset(*entry, int_copy_data(*this, value, 8, false));
   return 0;
 }
 
@@ -231,9 +231,8 @@ int comm_socket_v4_packet::write_nv_pair_raw(const char* name, const unsigned ch
   comm_socket_v4_packet_nv_pair* const entry = alloc_nv_pair();
   entry->type_code = type;
   entry->value_length = static_cast<std::uint32_t>(length);
-  entry->name_offset =
-      int_copy_data(reinterpret_cast<const unsigned char*>(name), name_length, true);
-  entry->value_offset = int_copy_data(value, length, terminated);
+  entry->name_offset = int_copy_data(*this, name, name_length, true);
+  entry->value_offset = int_copy_data(*this, value, length, terminated);
   // A value that found no memory is absent, and so has no length.
   if (entry->value_offset == 0) entry->value_length = 0;
   return 0;

@@ -59,7 +59,9 @@ comm_socket_v4::comm_socket_v4()
       client_idlescan(0),
       client_getpktscan(0),
       next_packet(nullptr),
-      socketpair_remote_fd(-1) {}
+      socketpair_remote_fd(-1),
+      retrieved_in_a_row(0),
+      retrieved_last_time(0) {}
 
 comm_socket_v4::~comm_socket_v4() {
   next_packet = comm_socket_v4_packet_release(next_packet);

@@ -54,5 +54,6 @@ int DescriptorSet::select(Direction direction, std::uint64_t timeout_us) noexcep
   timeout.tv_usec = static_cast<suseconds_t>(timeout_us % 1000000u);
   auto* const set = reinterpret_cast<fd_set*>(words_);
   return ::select(highest_ + 1, direction == Direction::read ? set : nullptr,
-                  direction == Direction::write ? set : nullptr, nullptr, &timeout);
+                  direction == Direction::write ? set : nullptr, nullptr,
+                  timeout_us != endless ? &timeout : nullptr);
 }

@@ -9,6 +9,9 @@
 
 enum class Direction { read, write };
 
+// As a deadline and as a time-out. It needs no timer, which costs more than a look at a socket.
+constexpr std::uint64_t endless = UINT64_MAX;
+
 // A set for select(2) without the limit of fd_set: Linux takes a bit set of any length. Up to
 // descriptor 1023 nothing is allocated.
 class DescriptorSet {
@@ -45,7 +48,7 @@ int wait_for_descriptors(Direction direction, std::uint64_t deadline_us, Fill fi
   if (now >= deadline_us) return 0;
   DescriptorSet set;
   if (fill(set)) return 1;
-  const int ready = set.select(direction, deadline_us - now);
+  const int ready = set.select(direction, deadline_us != endless ? deadline_us - now : endless);
   if (ready < 0) return errno == EINTR ? 0 : -1;
   return ready > 0 ? 1 : 0;
 }

@@ -45,20 +45,21 @@ std::size_t read_size(int avail) {
   return known ? static_cast<std::size_t>(avail) : COMM_V4_RECV_SIZE_CAP;
 }
 
-bool reserve_descriptors(comm_socket_v4_packet& packet) noexcept {
+bool reserve_descriptors(std::vector<int>& room) noexcept {
   try {
-    packet.attached_fd.reserve(COMM_V4_MAX_SEND_FDS);
+    room.reserve(COMM_V4_MAX_SEND_FDS);
     return true;
   } catch (const std::bad_alloc&) {
     return false;
   }
 }
 
-// A packet with room for a record of `size` bytes, for the NUL behind it and for every descriptor
-// that may come along: nothing that has arrived can be lost to a lack of memory. Null with ENOMEM.
+// A packet with room for a record of `size` bytes and the NUL behind it, beside room for every
+// descriptor that may come along: nothing that has arrived can be lost to a lack of memory. Null
+// with ENOMEM.
 PacketRef create_packet(const ReceiveSide& side, std::size_t size) {
   PacketRef packet(comm_socket_v4_packet_create());
-  if (packet == nullptr || !reserve_descriptors(*packet)) {
+  if (packet == nullptr || !reserve_descriptors(side.endpoint->descriptor_room)) {
     packet.reset();
     comm_socket_v4_debug(side.endpoint, "client_idle() fd=%d cannot create packet", side.fd);
   } else if (packet->resize_buffer(size + size_margin) != 0) {
@@ -71,6 +72,7 @@ PacketRef create_packet(const ReceiveSide& side, std::size_t size) {
 
 void take_descriptors(const ReceiveSide& side, struct msghdr& message,
                       comm_socket_v4_packet& packet) {
+  std::vector<int>& room = side.endpoint->descriptor_room;
   const char* const end = static_cast<const char*>(message.msg_control) + message.msg_controllen;
   for (struct cmsghdr* control = CMSG_FIRSTHDR(&message); control != nullptr;
        control = CMSG_NXTHDR(&message, control)) {
@@ -87,9 +89,10 @@ void take_descriptors(const ReceiveSide& side, struct msghdr& message,
     for (std::size_t i = 0; i < count; ++i) {
       int fd;
       std::memcpy(&fd, first + i * sizeof(fd), sizeof(fd));
-      packet.attached_fd.push_back(fd);
+      room.push_back(fd);
     }
   }
+  if (!room.empty()) packet.attached_fd.swap(room);
 }
 
 // recvmsg(2) into the packet's buffer, one byte of which stays free. The descriptors that came are
@@ -105,7 +108,6 @@ ssize_t receive_record(const ReceiveSide& side, comm_socket_v4_packet& packet, i
   const ssize_t rd = ::recvmsg(side.fd, &message, MSG_DONTWAIT);
   if (rd < 0) return rd;
   take_descriptors(side, message, packet);
-  if (packet.attached_fd.empty()) std::vector<int>().swap(packet.attached_fd);
   *flags = message.msg_flags;
   return rd;
 }

@@ -101,10 +101,10 @@ TEST_P(TransferTest, AReadThatFailsLosesNothingOrEndsTheConnection) {
     then_read(failing(
         call, error, [this] { return read(); }, nth));
   };
+  read_failing(Call::operator_new, EIO, 2);  // room for descriptors, kept from then on
+  read_failing(Call::operator_new, EIO);
   read_failing(Call::ioctl, EAGAIN);
   read_failing(Call::ioctl, EIO);
-  read_failing(Call::operator_new, EIO);
-  read_failing(Call::operator_new, EIO, 2);  // room for descriptors
   read_failing(Call::malloc, EIO);
   read_failing(Call::recvmsg, EAGAIN);
   read_failing(Call::recvmsg, EINTR);
@@ -112,14 +112,14 @@ TEST_P(TransferTest, AReadThatFailsLosesNothingOrEndsTheConnection) {
   send(ping_packet());
   peer_leaves();  // with a packet unread
   then_read(read());
-  expect_log(R"(WARNING: ioctl(FIONREAD) returns EWOULDBLOCK?
+  expect_log(R"(DEBUG: client_idle() fd=N cannot create packet
+-1 ENOMEM, then a packet
+DEBUG: client_idle() fd=N cannot create packet
+-1 ENOMEM, then a packet
+WARNING: ioctl(FIONREAD) returns EWOULDBLOCK?
 -1 EAGAIN, then a packet
 ERROR: ioctl(FIONREAD) returned error Input/output error
 -1 EIO, then a packet
-DEBUG: client_idle() fd=N cannot create packet
--1 ENOMEM, then a packet
-DEBUG: client_idle() fd=N cannot create packet
--1 ENOMEM, then a packet
 DEBUG: client_idle() fd=N cannot resize packet buffer
 -1 ENOMEM, then a packet
 0, then a packet

@@ -391,9 +391,6 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   COMM_V4_INTERNAL Number argv_number(const comm_socket_v4_packet_argv* entry,
                                       std::uint32_t type) const;
 
-  COMM_V4_INTERNAL comm_v4_offset_t int_copy_data(const unsigned char* data, std::size_t length,
-                                                  bool terminate);
-  COMM_V4_INTERNAL comm_v4_offset_t int_write_string(const char* text, std::size_t max);
   COMM_V4_INTERNAL comm_socket_v4_packet_argv* alloc_argv();
   COMM_V4_INTERNAL comm_socket_v4_packet_nv_pair* alloc_nv_pair();
   COMM_V4_INTERNAL int write_argv_number(std::uint8_t type, const void* value);
@@ -474,6 +471,10 @@ class COMM_V4_EXPORT comm_socket_v4 {
   comm_socket_v4_packet* next_packet;         // of a client: the packet that waits, one reference
   std::deque<std::uint64_t> disconnect_list;  // slots to be released
   std::int32_t socketpair_remote_fd;          // the other end, until it is taken
+  // Kept by the library from one call to the next, so that calls cost less.
+  std::vector<int> descriptor_room;   // for the descriptors of the next packet
+  std::uint64_t retrieved_in_a_row;   // since a retrieval found nothing
+  std::uint64_t retrieved_last_time;  // in the row before
 
   comm_socket_v4();
   ~comm_socket_v4();
