@@ -114,9 +114,66 @@ void raw_wait_readable(int fd) {
   check(::select(fd + 1, set.get(), nullptr, nullptr, nullptr), "select");
 }
 
-void raw_echo(int fd) {
-  const ssize_t length = ::recv(fd, raw_buffer, largest, MSG_DONTWAIT);
-  if (length > 0) ::send(fd, raw_buffer, static_cast<std::size_t>(length), MSG_NOSIGNAL);
+struct RawMessage {
+  explicit RawMessage(std::size_t size) : bytes{raw_buffer, size}, message() {
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+  }
+  struct iovec bytes;
+  struct msghdr message;
+};
+
+ssize_t raw_send_message(int fd, std::size_t size, const int* descriptor = nullptr) {
+  RawMessage raw(size);
+  alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  if (descriptor != nullptr) {
+    raw.message.msg_control = control;
+    raw.message.msg_controllen = sizeof(control);
+    struct cmsghdr* const c = CMSG_FIRSTHDR(&raw.message);
+    c->cmsg_level = SOL_SOCKET;
+    c->cmsg_type = SCM_RIGHTS;
+    c->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(c), descriptor, sizeof(*descriptor));
+  }
+  return ::sendmsg(fd, &raw.message, MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+// Closes a descriptor that came along.
+ssize_t raw_receive_message(int fd, bool ask_size) {
+  int size = 0;
+  if (ask_size && ::ioctl(fd, FIONREAD, &size) != 0) die("ioctl");
+  RawMessage raw(largest);
+  alignas(struct cmsghdr) char control[256];
+  raw.message.msg_control = control;
+  raw.message.msg_controllen = sizeof(control);
+  const ssize_t length = ::recvmsg(fd, &raw.message, MSG_DONTWAIT);
+  if (length <= 0) return length;
+  for (struct cmsghdr* c = CMSG_FIRSTHDR(&raw.message); c != nullptr;
+       c = CMSG_NXTHDR(&raw.message, c)) {
+    int received;
+    std::memcpy(&received, CMSG_DATA(c), sizeof(received));
+    ::close(received);
+  }
+  return length;
+}
+
+// What moves the bytes: send and recv, or what the library needs for its packets, which is sendmsg,
+// FIONREAD and recvmsg.
+enum class Calls { plain, of_the_library };
+
+ssize_t raw_send(int fd, std::size_t size, Calls calls) {
+  return calls == Calls::plain ? ::send(fd, raw_buffer, size, MSG_DONTWAIT | MSG_NOSIGNAL)
+                               : raw_send_message(fd, size);
+}
+
+ssize_t raw_receive(int fd, Calls calls) {
+  return calls == Calls::plain ? ::recv(fd, raw_buffer, largest, MSG_DONTWAIT)
+                               : raw_receive_message(fd, true);
+}
+
+void raw_echo(int fd, Calls calls) {
+  const ssize_t length = raw_receive(fd, calls);
+  if (length > 0) raw_send(fd, static_cast<std::size_t>(length), calls);
 }
 
 [[noreturn]] void serve_raw_select(const std::string& path) {
@@ -132,7 +189,7 @@ void raw_echo(int fd) {
     for (const int fd : clients) set.add(fd);
     check(::select(highest + 1, set.get(), nullptr, nullptr, nullptr), "select");
     for (const int fd : clients)
-      if (set.has(fd)) raw_echo(fd);
+      if (set.has(fd)) raw_echo(fd, Calls::plain);
     if (set.has(listener)) {
       const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
       if (fd >= 0) clients.push_back(fd);
@@ -156,7 +213,7 @@ void watch(int epoll, int fd, std::uint64_t data) {
   check(::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event), "epoll_ctl");
 }
 
-[[noreturn]] void serve_raw_epoll(const std::string& path) {
+[[noreturn]] void serve_raw_epoll(const std::string& path, Calls calls) {
   const int listener = raw_listen(path);
   const int epoll = new_epoll(listener);
   for (;;) {
@@ -164,7 +221,7 @@ void watch(int epoll, int fd, std::uint64_t data) {
     const int ready = ::epoll_wait(epoll, events, 64, -1);
     for (int i = 0; i < ready; ++i) {
       if (events[i].data.u64 != UINT64_MAX) {
-        raw_echo(static_cast<int>(events[i].data.u64));
+        raw_echo(static_cast<int>(events[i].data.u64), calls);
         continue;
       }
       const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
@@ -226,18 +283,24 @@ void answer(comm_socket_v4_client* client, Packet request) {
 
 // --- Contenders ----------------------------------------------------------------------------------
 
-enum class How { raw_select, raw_epoll, library_waits, library_epoll };
+enum class How { raw_select, library_waits, raw_epoll, raw_epoll_same_calls, library_epoll };
 
 struct Contender {
   How how;
   const char* name;
   void (*serve)(const std::string&);
   bool is_library() const { return how == How::library_waits || how == How::library_epoll; }
+  bool selects() const { return how == How::raw_select || how == How::library_waits; }
+  Calls calls() const {
+    return how == How::raw_epoll_same_calls ? Calls::of_the_library : Calls::plain;
+  }
 };
 const Contender contenders[] = {
     {How::raw_select, "raw select", [](const std::string& p) { serve_raw_select(p); }},
     {How::library_waits, "library waits", [](const std::string& p) { serve_library_waits(p); }},
-    {How::raw_epoll, "raw epoll", [](const std::string& p) { serve_raw_epoll(p); }},
+    {How::raw_epoll, "raw epoll", [](const std::string& p) { serve_raw_epoll(p, Calls::plain); }},
+    {How::raw_epoll_same_calls, "raw, same calls",
+     [](const std::string& p) { serve_raw_epoll(p, Calls::of_the_library); }},
     {How::library_epoll, "library epoll", [](const std::string& p) { serve_library_epoll(p); }}};
 
 // A process that runs until this one is done with it.
@@ -261,6 +324,41 @@ class Child {
   pid_t pid_;
 };
 
+// A process that does a number of operations when it is told to.
+class Worker {
+ public:
+  // `prepare` runs in the process and returns what does the operations.
+  Worker(int core, const std::function<std::function<void(std::size_t)>()>& prepare)
+      : told_(), done_(), child_(open_pipes(core), [&] { work(prepare()); }) {}
+  ~Worker() {
+    for (const int fd : {told_[0], told_[1], done_[0], done_[1]}) ::close(fd);
+  }
+
+  void start(std::size_t count) {
+    if (::write(told_[1], &count, sizeof(count)) != sizeof(count)) die("write");
+  }
+  void finish() {
+    char byte;
+    if (::read(done_[0], &byte, 1) != 1) die("read");
+  }
+
+ private:
+  int open_pipes(int core) {
+    check(::pipe(told_), "pipe");
+    check(::pipe(done_), "pipe");
+    return core;
+  }
+  void work(const std::function<void(std::size_t)>& operations) {
+    for (std::size_t count; ::read(told_[0], &count, sizeof(count)) == sizeof(count);) {
+      operations(count);
+      if (::write(done_[1], "", 1) != 1) return;
+    }
+  }
+
+  int told_[2], done_[2];
+  Child child_;
+};
+
 std::string next_name() {
   static int number = 0;
   return "@channel_bench." + std::to_string(::getpid()) + "." + std::to_string(++number);
@@ -282,7 +380,7 @@ int connect_when_it_listens(const std::string& path) {
 // One end of a conversation, in this process. The library adopts the connected socket.
 class Client {
  public:
-  Client(const Contender& contender, int fd) : how_(contender.how), fd_(fd) {
+  Client(const Contender& contender, int fd) : contender_(contender), fd_(fd) {
     if (!contender.is_library()) return;
     endpoint_.reset(comm_socket_v4_create());
     check(comm_socket_v4_connect_use_socketpair(endpoint_.get(), fd), "connect_use_socketpair");
@@ -295,7 +393,7 @@ class Client {
 
   void ask(std::size_t size) {
     if (endpoint_ == nullptr) {
-      if (::send(fd_, raw_buffer, size, MSG_NOSIGNAL) < 0) die("send");
+      if (raw_send(fd_, size, contender_.calls()) < 0) die("send");
       return;
     }
     const Packet request = build_packet(size);
@@ -303,30 +401,24 @@ class Client {
   }
 
   void await() {
-    if (how_ == How::raw_select) {
-      raw_wait_readable(fd_);
-      raw_receive();
-    } else if (how_ == How::raw_epoll) {
-      wait_epoll();
-      raw_receive();
-    } else {
-      Packet response;
-      while (response == nullptr) {
-        if (how_ == How::library_waits)
-          comm_socket_v4_client_from_server_readable(endpoint_.get(), ULONG_MAX);
-        else
-          wait_epoll();
-        response.reset(comm_socket_v4_client_get_packet_from_server(endpoint_.get()));
-      }
-      volatile std::uint64_t seen = read_packet(response.get());
-      static_cast<void>(seen);
+    if (endpoint_ == nullptr) {
+      contender_.selects() ? raw_wait_readable(fd_) : wait_epoll();
+      if (raw_receive(fd_, contender_.calls()) <= 0) die("recv");
+      return;
     }
+    Packet response;
+    while (response == nullptr) {
+      if (contender_.selects())
+        comm_socket_v4_client_from_server_readable(endpoint_.get(), ULONG_MAX);
+      else
+        wait_epoll();
+      response.reset(comm_socket_v4_client_get_packet_from_server(endpoint_.get()));
+    }
+    volatile std::uint64_t seen = read_packet(response.get());
+    static_cast<void>(seen);
   }
 
  private:
-  void raw_receive() {
-    if (::recv(fd_, raw_buffer, largest, MSG_DONTWAIT) <= 0) die("recv");
-  }
   void wait_epoll() {
     if (epoll_ < 0) {
       epoll_ = check(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1");
@@ -336,7 +428,7 @@ class Client {
     check(::epoll_wait(epoll_, &event, 1, -1), "epoll_wait");
   }
 
-  How how_;
+  const Contender& contender_;
   int fd_;
   int epoll_ = -1;
   Endpoint endpoint_;
@@ -409,25 +501,42 @@ class Conversation {
 
 std::vector<double> race_conversations(const Options& options, int server_core, std::size_t total,
                                        std::size_t size) {
-  std::vector<std::unique_ptr<Conversation>> conversations;
+  // Each in a process of its own: one could not have the descriptors of all.
+  std::vector<std::unique_ptr<Worker>> workers;
   std::vector<std::function<void(std::size_t)>> runners;
   for (const Contender& contender : contenders) {
-    conversations.push_back(std::make_unique<Conversation>(contender, server_core, total));
-    Conversation* const conversation = conversations.back().get();
-    runners.push_back([=](std::size_t count) { conversation->run(count, size); });
+    workers.push_back(std::make_unique<Worker>(0, [&] {
+      auto conversation = std::make_shared<Conversation>(contender, server_core, total);
+      return [conversation, size](std::size_t count) { conversation->run(count, size); };
+    }));
+    Worker* const worker = workers.back().get();
+    runners.push_back([worker](std::size_t count) {
+      worker->start(count);
+      worker->finish();
+    });
   }
   return race(options, runners);
 }
 
+void print_columns(const char* varied) {
+  std::printf("%-10s %8s %12s %14s %7s %12s %16s %14s %7s %7s\n", "cores", varied,
+              contenders[0].name, contenders[1].name, "ratio", contenders[2].name,
+              contenders[3].name, contenders[4].name, "ratio", "to same");
+}
+
+void print_row(int core, std::size_t varied, const std::vector<double>& r) {
+  std::printf("%-10s %8zu %12.2f %14.2f %7.2f %12.2f %16.2f %14.2f %7.2f %7.2f\n", cores_name(core),
+              varied, r[0], r[1], r[1] / r[0], r[2], r[3], r[4], r[4] / r[2], r[4] / r[3]);
+}
+
 void round_trips(const Options& options) {
   print_head("Round trips of one client", "microseconds; ratios are library time by raw time");
-  std::printf("%-10s %8s %12s %14s %7s %12s %14s %7s\n", "cores", "bytes", "raw select",
-              "library waits", "ratio", "raw epoll", "library epoll", "ratio");
+  print_columns("bytes");
   for (const int core : {0, 1}) {
     for (const std::size_t size : {std::size_t{94}, std::size_t{1024}, std::size_t{32768}}) {
-      const std::vector<double> r = race_conversations(options, core, 1, size);
-      std::printf("%-10s %8zu %12.2f %14.2f %7.2f %12.2f %14.2f %7.2f\n", cores_name(core), size,
-                  1e6 / r[0], 1e6 / r[1], r[0] / r[1], 1e6 / r[2], 1e6 / r[3], r[2] / r[3]);
+      std::vector<double> r = race_conversations(options, core, 1, size);
+      for (double& figure : r) figure = 1e6 / figure;
+      print_row(core, size, r);
     }
   }
 }
@@ -435,20 +544,19 @@ void round_trips(const Options& options) {
 void clients(const Options& options) {
   print_head("Clients of one server, 16 of them active, 94 bytes",
              "thousand round trips per second; ratios are library rate by raw rate");
-  std::printf("%-10s %8s %12s %14s %7s %12s %14s %7s\n", "cores", "clients", "raw select",
-              "library waits", "ratio", "raw epoll", "library epoll", "ratio");
+  print_columns("clients");
   for (const int core : {0, 1}) {
     for (const std::size_t total : {1, 16, 256, 1000, 4000}) {
-      const std::vector<double> r = race_conversations(options, core, total, small_packet_size);
-      std::printf("%-10s %8zu %12.1f %14.1f %7.2f %12.1f %14.1f %7.2f\n", cores_name(core), total,
-                  r[0] / 1e3, r[1] / 1e3, r[1] / r[0], r[2] / 1e3, r[3] / 1e3, r[3] / r[2]);
+      std::vector<double> r = race_conversations(options, core, total, small_packet_size);
+      for (double& figure : r) figure /= 1e3;
+      print_row(core, total, r);
     }
   }
 }
 
 // --- One way -------------------------------------------------------------------------------------
 
-// Sends records to a process that counts them and answers each full batch with one byte.
+// Sends records to a process that takes them.
 struct Stream {
   const char* name;
   // Waits for and takes what has come; the number of records.
@@ -459,23 +567,8 @@ struct Stream {
 std::size_t drain_raw(int fd, bool ask_size) {
   raw_wait_readable(fd);
   std::size_t taken = 0;
-  for (;; ++taken) {
-    int size = 0;
-    if (ask_size && ::ioctl(fd, FIONREAD, &size) != 0) die("ioctl");
-    char control[256];
-    struct iovec bytes = {raw_buffer, largest};
-    struct msghdr message = {};
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
-    if (::recvmsg(fd, &message, MSG_DONTWAIT) <= 0) return taken;
-    for (struct cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
-      int received;
-      std::memcpy(&received, CMSG_DATA(c), sizeof(received));
-      ::close(received);
-    }
-  }
+  while (raw_receive_message(fd, ask_size) > 0) ++taken;
+  return taken;
 }
 
 std::size_t drain_library(comm_socket_v4* endpoint) {
@@ -499,23 +592,19 @@ class OneWay {
   OneWay(const Stream& stream, int core, std::size_t size, bool with_descriptor)
       : stream_(stream), size_(size), with_descriptor_(with_descriptor) {
     check(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, pair_), "socketpair");
-    check(::pipe(batch_), "pipe");
-    check(::pipe(done_), "pipe");
-    receiver_ = std::make_unique<Child>(core, [this] { receive(); });
+    receiver_ = std::make_unique<Worker>(core, [this] { return prepare_to_receive(); });
     ::close(pair_[1]);
     if (stream_.is_library) adopt(pair_[0]);
   }
   ~OneWay() {
     if (endpoint_ == nullptr) ::close(pair_[0]);
-    for (const int fd : {batch_[0], batch_[1], done_[0], done_[1]}) ::close(fd);
   }
 
   void run(std::size_t count) {
-    if (::write(batch_[1], &count, sizeof(count)) < 0) die("write");
+    receiver_->start(count);
     for (std::size_t sent = 0; sent < count; ++sent)
       stream_.is_library ? send_library() : send_raw();
-    char byte;
-    if (::read(done_[0], &byte, 1) != 1) die("read");
+    receiver_->finish();
   }
 
  private:
@@ -532,21 +621,7 @@ class OneWay {
   }
 
   void send_raw() {
-    alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    struct iovec bytes = {raw_buffer, size_};
-    struct msghdr message = {};
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    if (with_descriptor_) {
-      message.msg_control = control;
-      message.msg_controllen = sizeof(control);
-      struct cmsghdr* const c = CMSG_FIRSTHDR(&message);
-      c->cmsg_level = SOL_SOCKET;
-      c->cmsg_type = SCM_RIGHTS;
-      c->cmsg_len = CMSG_LEN(sizeof(int));
-      std::memcpy(CMSG_DATA(c), &stdin_, sizeof(stdin_));
-    }
-    while (::sendmsg(pair_[0], &message, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+    while (raw_send_message(pair_[0], size_, with_descriptor_ ? &stdin_ : nullptr) < 0) {
       if (errno != EAGAIN) die("sendmsg");
       RawSet set;
       set.reset(pair_[0]);
@@ -555,23 +630,20 @@ class OneWay {
     }
   }
 
-  [[noreturn]] void receive() {
+  std::function<void(std::size_t)> prepare_to_receive() {
     if (stream_.is_library) adopt(pair_[1]);
-    for (;;) {
-      std::size_t count;
-      if (::read(batch_[0], &count, sizeof(count)) != sizeof(count)) ::_exit(0);
+    return [this](std::size_t count) {
       for (std::size_t taken = 0; taken < count;) taken += stream_.take(pair_[1], endpoint_.get());
-      if (::write(done_[1], "", 1) != 1) ::_exit(1);
-    }
+    };
   }
 
   const Stream& stream_;
   std::size_t size_;
   bool with_descriptor_;
   const int stdin_ = STDIN_FILENO;
-  int pair_[2], batch_[2], done_[2];
+  int pair_[2];
   Endpoint endpoint_;
-  std::unique_ptr<Child> receiver_;
+  std::unique_ptr<Worker> receiver_;
 };
 
 std::vector<double> race_streams(const Options& options, int core, std::size_t size,
@@ -631,7 +703,6 @@ int main(int argc, char** argv) {
                    {"streams", streams},
                    {"descriptors", descriptors},
                    {"clients", clients}};
-  // 4000 clients of four servers at once, with both ends of the sockets in different processes.
   struct rlimit limit;
   check(::getrlimit(RLIMIT_NOFILE, &limit), "getrlimit");
   limit.rlim_cur = limit.rlim_max;
