@@ -63,7 +63,7 @@ void expect_next(std::deque<Record>& sent, const comm_socket_v4_packet& p) {
   for (bool found = false; !found; sent.pop_front()) {
     REQUIRE(!sent.empty());
     const Record& next = sent.front();
-    found = next.bytes == bytes_of(p) && next.descriptors == p.attached_fd_count();
+    found = next.bytes == bytes_of(&p) && next.descriptors == p.attached_fd_count();
     REQUIRE(found || !next.sound);
   }
 }
@@ -206,7 +206,7 @@ class World {
     constexpr std::size_t counts[] = {0, 1, 60, 61};
     Peer& peer = any_peer();
     const std::size_t form = in_.below(5), count = counts[in_.below(std::size(counts))];
-    std::string bytes = bytes_of(*make_packet(std::to_string(++serial_), 0));
+    std::string bytes = bytes_of(make_packet(std::to_string(++serial_), 0).get());
     if (form == 1) bytes[in_.below(bytes.size())] = static_cast<char>(in_.below(0x100));
     if (form == 2) bytes = in_.text();
     if (form >= 3) bytes.resize(65548 + form);  // the longest that is received, and one more
@@ -229,7 +229,8 @@ class World {
     const int sent = is_client(peer) ? comm_socket_v4_packet_send_to_server(&client_, p.get())
                                      : peer.queue.send_packet(record(peer), p.get());
     REQUIRE(sent >= 0 || peer.queue.queued_count == 0);
-    if (sent > 0) peer.from_library.push_back({bytes_of(*p), count, p->buffer_length <= 65551});
+    if (sent > 0)
+      peer.from_library.push_back({bytes_of(p.get()), count, p->buffer_length <= 65551});
   }
 
   void take_from_server() {

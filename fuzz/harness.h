@@ -7,12 +7,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 
-#include "tarn_utils_v4/comm.h"
+#include "tests/packets.h"
 
 // A broken promise ends the run, and libFuzzer keeps the input.
 #define REQUIRE(promise) \
@@ -58,25 +56,8 @@ auto make_step(Input& in, Object& object, std::string_view letters, Steps... ste
   return (object.*all[in.one_of(letters)])();
 }
 
-struct ReleasePacket {
-  void operator()(comm_socket_v4_packet* p) const { comm_socket_v4_packet_release(p); }
-};
-using Packet = std::unique_ptr<comm_socket_v4_packet, ReleasePacket>;  // holds one reference
-
 inline std::string text_of(const unsigned char* bytes, std::size_t length) {
   return length != 0 ? std::string(reinterpret_cast<const char*>(bytes), length) : std::string();
-}
-inline std::string bytes_of(const comm_socket_v4_packet& p) {
-  return text_of(p.buffer, p.buffer_length);
-}
-// A packet put together by hand. Its heap block ends with `tail`: a NUL, if as received.
-inline Packet exact_packet(const std::string& bytes, const std::string& tail = {'\0'}) {
-  Packet p(comm_socket_v4_packet_create());
-  p->buffer_length = bytes.size();
-  p->buffer_alloc = bytes.size() + tail.size();
-  p->buffer = static_cast<unsigned char*>(std::malloc(p->buffer_alloc));
-  std::memcpy(p->buffer, (bytes + tail).data(), p->buffer_alloc);
-  return p;
 }
 
 template <class... Number>

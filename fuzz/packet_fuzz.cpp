@@ -9,7 +9,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     REQUIRE(!accepted || tail == std::string(1, '\0'));
     if (accepted) read_everything(*p);
     dump_everything(*p);
-    REQUIRE(bytes_of(*p) == bytes);
+    REQUIRE(bytes_of(p.get()) == bytes);
   }
   return 0;
 }

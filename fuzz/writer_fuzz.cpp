@@ -1,5 +1,6 @@
 // Any sequence of calls of the writer, beside a model of the packet that they make. What was
 // written validates and reads back; a call that is refused has changed nothing.
+#include <cerrno>
 #include <fstream>
 #include <tuple>
 
@@ -44,10 +45,10 @@ class Session {
   void finish() {
     if (!end()) return;
     if (const char* const path = std::getenv("COMM_FUZZ_PACKET"))
-      std::ofstream(path) << bytes_of(p_);
+      std::ofstream(path) << bytes_of(&p_);
     REQUIRE(p_.tag == 1);  // completions
     REQUIRE(p_.buffer[p_.buffer_length] == 0);
-    const Packet sent = exact_packet(bytes_of(p_));
+    const Packet sent = exact_packet(bytes_of(&p_));
     const bool accepted = accepts(sent);
     REQUIRE(accepted == (head_[0] != '\0') && sent->flags == (accepted ? p_.flags : 0));
     REQUIRE(read_everything(*sent) == readable());
@@ -63,12 +64,13 @@ class Session {
   bool in_header() const { return state_ == Writer::write_state_header; }
 
   template <class Call>
-  bool make(bool legal, Call call) {
+  bool make(bool legal, Call call, std::size_t answer = 0) {
     const auto everything = [this] {
-      return std::tuple(bytes_of(p_), p_.buffer_write, p_.wr_argv.size(), p_.wr_nv_pair.size());
+      return std::tuple(bytes_of(&p_), p_.buffer_write, p_.wr_argv.size(), p_.wr_nv_pair.size());
     };
     const auto before = legal ? decltype(everything())() : everything();
-    REQUIRE((call() >= 0) == legal);
+    errno = EILSEQ;
+    REQUIRE(call() == (legal ? static_cast<int>(answer) : -1) && errno == EILSEQ);
     REQUIRE(legal || everything() == before);
     return legal;
   }
@@ -125,10 +127,9 @@ class Session {
     const bool legal = given.empty() || in_header() || state_ == Writer::write_state_data;
     if (legal && !given.empty()) state_ = Writer::write_state_data;
     data_ += legal ? given : "";
-    return make(legal, [&] {
-      const auto* const bytes = reinterpret_cast<const unsigned char*>(given.data());
-      return p_.write_data_binary(bytes, given.size());
-    });
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(given.data());
+    return make(
+        legal, [&] { return p_.write_data_binary(bytes, given.size()); }, given.size());
   }
 
   bool end() {

@@ -11,6 +11,10 @@ class BudgetTest : public ServerTest {
 
   static std::string cost(const std::function<void()>& body) {
     Faults counted;
+    counted.replace(Call::poll, [](auto& real, void* timeout) {
+      EXPECT_EQ(0, *static_cast<int*>(timeout)) << "blocks";
+      return real();
+    });
     counted.during(body);
     return counted.calls();
   }

@@ -35,13 +35,7 @@ std::string listing(const Packet& p) {
   return printed(comm_socket_v4_packet_dump_user_friendly, p);
 }
 
-// At least one byte, without the NUL behind it.
-Packet unterminated(const std::string& content) {
-  Packet p = exact_packet(content);
-  p->buffer_alloc = p->buffer_length;
-  p->buffer = static_cast<unsigned char*>(realloc(p->buffer, p->buffer_alloc));
-  return p;
-}
+Packet unterminated(const std::string& content) { return exact_packet(content, ""); }
 
 TEST_F(DumpTest, TheFullDumpShowsEveryPart) {
   Packet p = rich_packet();

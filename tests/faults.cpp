@@ -127,7 +127,7 @@ WRAP_CALL(ssize_t, recv, data, (int fd, void* data, std::size_t n, int flags), (
 WRAP_CALL(int, ioctl, argument, (int fd, unsigned long request, void* argument),
           (fd, request, argument))
 WRAP_CALL(int, select, r, (int n, fd_set* r, fd_set* w, fd_set* e, timeval* t), (n, r, w, e, t))
-WRAP_CALL(int, poll, fds, (struct pollfd * fds, nfds_t n, int timeout), (fds, n, timeout))
+WRAP_CALL(int, poll, &timeout, (struct pollfd * fds, nfds_t n, int timeout), (fds, n, timeout))
 WRAP_CALL(int, fcntl, nullptr, (int fd, int command, long argument), (fd, command, argument))
 WRAP_CALL(int, dup, nullptr, (int fd), (fd))
 WRAP_CALL(int, close, nullptr, (int fd), (fd))

@@ -42,7 +42,8 @@ enum class Call : std::size_t {
 class Faults {
  public:
   // Stands in for a call that answers a number. `real` makes the call; `subject` is what it reads
-  // or fills in: the msghdr, the int of FIONREAD, the address, the stat buffer, the option value.
+  // or fills in: the msghdr, the int of FIONREAD, the address, the stat buffer, the option value,
+  // the time-out of poll.
   using Hook = std::function<long(const std::function<long()>& real, void* subject)>;
 
   Faults() = default;

@@ -103,7 +103,7 @@ TEST_F(PacketTest, ReadsNothingFromAPacketWithoutHeader) {
 
 TEST_F(PacketTest, LivesAsLongAsItsReferences) {
   comm_socket_v4_packet* p = comm_socket_v4_packet_create();
-  EXPECT_EQ(1, p->refcount);
+  EXPECT_TRUE(p->refcount == 1 && p->get_tag() == 0 && p->buffer_write == 0);
   EXPECT_EQ(2, p->addref());
   comm_socket_v4_packet_addref(p);
   EXPECT_EQ(2, p->release());
@@ -214,51 +214,29 @@ TEST_F(PacketTest, SignatureNeedsFourBytes) {
 
 // --- Writer -------------------------------------------------------------------------------------
 
-TEST_F(PacketTest, EachStateAllowsItsOwnWritesOnly) {
+TEST_F(PacketTest, RefusesWhatItCannotCopy) {
   using P = comm_socket_v4_packet;
   static const std::uint64_t u = 1;
   static const unsigned char b[] = "abc";
-  const struct {
-    int (*write)(P*);
-    const char* results;  // in the states none, header, data, end and received; '-' is -1
-  } rows[] = {
-      {[](P* p) { return p->write_begin("c", "e", 0); }, "0----"},
-      {[](P* p) { return p->write_argv("a"); }, "-0---"},
-      {[](P* p) { return p->write_argvf("%d", 1); }, "-0---"},
-      {[](P* p) { return p->write_argv_uint64(1); }, "-0---"},
-      {[](P* p) { return p->write_argv_end(); }, "00000"},
-      {[](P* p) { return p->write_nv_pair_raw("n", b, 3, 9); }, "-0---"},
-      {[](P* p) { return p->write_nv_pair_raw("n", nullptr, 1, 9); }, "-----"},
-      {[](P* p) { return p->write_nv_pair_raw(nullptr, b, 3, 9); }, "-----"},
-      {[](P* p) { return p->write_nv_pair_binary("n", b, std::size_t{1} << 32); }, "-----"},
-      {[](P* p) { return p->write_nv_pair_uint64("n", &u, 1); }, "-0---"},
-      {[](P* p) { return p->write_nv_pair_uint64("n", &u, kHuge / 8 + 2); }, "-----"},
-      {[](P* p) { return p->write_nv_pair("n", nullptr); }, "-0---"},
-      {[](P* p) { return p->write_nv_pairf("n", "%d", 1); }, "-0---"},
-      {[](P* p) { return p->write_nv_pairf(nullptr, "%d", 1); }, "-----"},
-      {[](P* p) { return p->write_data_binary(b, 3); }, "-33--"},
-      {[](P* p) { return p->write_data_binary(nullptr, 0); }, "00000"},
-      {[](P* p) { return p->write_data_binary(nullptr, 3); }, "-----"},
-      {[](P* p) { return p->write_data_binary(b, 262145); }, "-----"},
-      {[](P* p) { return p->write_end(); }, "-0000"},
-  };
+  int (*const refused[])(P*) = {
+      [](P* p) { return p->write_nv_pair_raw("n", nullptr, 1, 9); },
+      [](P* p) { return p->write_nv_pair_raw(nullptr, b, 3, 9); },
+      [](P* p) { return p->write_nv_pair_binary("n", b, std::size_t{1} << 32); },
+      [](P* p) { return p->write_nv_pair_uint64("n", &u, kHuge / 8 + 2); },
+      [](P* p) { return p->write_nv_pairf(nullptr, "%d", 1); },
+      [](P* p) { return p->write_data_binary(nullptr, 3); },
+      [](P* p) { return p->write_data_binary(b, 262145); }};
+  const Packet p = begin_request(), begun = begin_request(), none = make_packet();
+  for (const auto write : refused)
+    EXPECT_EQ(Outcome(-1, errno_before), outcome([&] { return write(p.get()); }));
+  EXPECT_EQ(0, p->write_data_binary(nullptr, 0) + none->write_data_binary(nullptr, 0));
+  EXPECT_EQ(0, p->write_argv_end() + none->write_argv_end());
+  EXPECT_EQ(0u, p->wr_argv.size() + p->wr_nv_pair.size());
+  EXPECT_TRUE(p->write_state == P::write_state_header &&
+              bytes_of(begun.get()) == bytes_of(p.get()));
+  EXPECT_EQ(0, p->write_nv_pair("n", nullptr));
   const char* const names[] = {"None", "Header", "Data", "End", "?"};
-  for (const auto& row : rows) {
-    for (int state = P::write_state_none; state <= P::write_state_received; ++state) {
-      SCOPED_TRACE("row " + std::to_string(&row - rows) + " in " + names[state]);
-      const Packet p = state == 0 ? make_packet() : state < 3 ? begin_request() : ping_packet();
-      EXPECT_EQ(state == 2 ? 3 : 0, p->write_data_binary(b, state == 2 ? 3 : 0));
-      if (state == P::write_state_received) p->write_state = state;
-      EXPECT_STREQ(names[state], p->write_state_to_str());
-      const std::string before = bytes_of(p.get());
-      const int expected = row.results[state] == '-' ? -1 : row.results[state] - '0';
-      EXPECT_EQ((Outcome{expected, errno_before}), outcome([&] { return row.write(p.get()); }));
-      if (expected >= 0 && state < P::write_state_end) continue;
-      EXPECT_EQ(before, bytes_of(p.get()));
-      EXPECT_EQ(state, p->write_state);
-      EXPECT_EQ(0u, p->wr_argv.size() + p->wr_nv_pair.size());
-    }
-  }
+  for (const int state : {0, 1, 2, 3, 4}) EXPECT_STREQ(names[state], P::write_state_to_str(state));
 }
 
 TEST_F(PacketTest, BeginsWithRoomAsHinted) {
@@ -273,48 +251,6 @@ TEST_F(PacketTest, BeginsWithRoomAsHinted) {
     EXPECT_EQ(63u, p->buffer_length);
     EXPECT_EQ(0u, header_of(p).command_offset + header_of(p).error_string_offset);
   }
-}
-
-// Every text is cut at its limit; the buffer moves while it grows, with the header in it.
-TEST_F(PacketTest, CutsWhatIsTooLong) {
-  const std::string longest(70000, 'x');
-  for (const std::size_t over : {0u, 1u}) {
-    const Packet p = make_packet();
-    const auto text = [&](std::size_t n) { return longest.substr(0, n + over); };
-    ASSERT_EQ(0, p->write_begin(text(255).c_str(), text(4095).c_str(), 1));
-    EXPECT_EQ(0, p->write_argv(text(65535).c_str()));
-    EXPECT_EQ(over ? -1 : 0, p->write_argvf("%s", text(256).c_str()));
-    EXPECT_EQ(0, p->write_nv_pair(text(4095).c_str(), text(65535).c_str()));
-    EXPECT_EQ(0, p->write_nv_pairf("n", "%s", text(65535).c_str()));
-    EXPECT_EQ(0, p->write_end());
-    EXPECT_EQ(255u, std::strlen(p->command()));
-    EXPECT_EQ(4095u, std::strlen(p->error_string()));
-    EXPECT_EQ(65535u, std::strlen(p->argv_text(0)));
-    EXPECT_EQ(over ? 0u : 256u, std::strlen(p->argv_text(1)));
-    EXPECT_EQ(4095u, std::strlen(p->nv_pair_name(p->nv_entry(0))));
-    for (const std::size_t n : {0u, 1u}) {
-      EXPECT_EQ(65535u, std::strlen(p->nv_pair_value_text(p->nv_entry(n))));
-      EXPECT_EQ(65535u, p->nv_entry(n)->length());
-    }
-  }
-}
-
-TEST_F(PacketTest, HoldsAsManyEntriesAsItsCountersCanCount) {
-  const Packet p = begin_request(), q = begin_request();
-  for (std::uint64_t n = 0; n < 255; ++n) EXPECT_EQ(0, p->write_argv_uint64(n));
-  const std::size_t before = p->buffer_write;
-  EXPECT_EQ(-1, p->write_argv("x"));
-  EXPECT_EQ(-1, p->write_argv_double(1));
-  EXPECT_EQ(0, p->write_argv(""));
-  EXPECT_EQ(before, p->buffer_write);
-  for (int n = 0; n < 4095; ++n)
-    EXPECT_EQ(0, p->write_nv_pair("n", "v") + q->write_nv_pair("", ""));
-  EXPECT_EQ(0, q->write_nv_pair("one", "more"));
-  EXPECT_EQ(0, p->write_end() + q->write_end());
-  ASSERT_TRUE(p->argc() == 255 && p->nv_entries() == 4095);
-  EXPECT_EQ(254u, p->argv_uint64(254));
-  EXPECT_STREQ("v", p->nv_pair_value_text(p->nv_entry(4094)));
-  EXPECT_EQ(0u, q->nv_entries() + header_of(q).nv_pair_table_offset);
 }
 
 TEST_F(PacketTest, RefusesAnArgumentBeyondTwentyFourBits) {

@@ -3,19 +3,11 @@
 
 namespace {
 
-Packet numbered(std::uint64_t number) {
-  Packet p = make_packet();
-  p->message_id = number;
-  p->write_begin("n", nullptr, 0);
-  p->write_end();
-  return p;
-}
-
 class QueueTest : public CommTest {
  protected:
   Connection c = connected();
   std::unique_ptr<CommLargePacketQueue> queue = std::make_unique<CommLargePacketQueue>();
-  Packet p = numbered(0);
+  Packet p = ping_packet();
 
   int send(const Packet& packet) { return queue->send_packet(c.record(), packet.get()); }
   // Fills the socket, then queues p so many times.
@@ -34,25 +26,6 @@ class QueueTest : public CommTest {
     EXPECT_EQ(1 + static_cast<int>(count), p->refcount.load());
   }
 };
-
-TEST_F(QueueTest, KeepsTheOrderAndItsPacketsAlive) {
-  std::uint64_t sent = 0, next = 0;
-  const auto read_all = [&] {
-    while (Packet packet = receive()) EXPECT_EQ(next++, packet->message_id);
-  };
-  for (const std::uint64_t backlog : {1u, 1000u}) {
-    while (queue->queued_count < backlog) ASSERT_EQ(1, send(numbered(sent++)));
-    read_all();
-    ASSERT_EQ(1, send(numbered(sent++))) << "goes behind what is queued";
-  }
-  for (std::uint64_t before = 0; before < next; queue->flush_queued_packet(c.record())) {
-    before = next;
-    read_all();
-  }
-  EXPECT_EQ(sent, next);
-  EXPECT_EQ(1, send(p));
-  expect_queued(0);
-}
 
 TEST_F(QueueTest, RefusesThePacketBehind4096AndEndsWithItsPacketsUnsent) {
   fill(4096);

@@ -204,15 +204,6 @@ Packet rich_packet() {
   return packet;
 }
 
-Packet exact_packet(const std::string& bytes) {
-  Packet p = make_packet();
-  p->buffer_length = bytes.size();
-  p->buffer_alloc = bytes.size() + 1;
-  p->buffer = static_cast<unsigned char*>(malloc(p->buffer_alloc));
-  memcpy(p->buffer, bytes.c_str(), p->buffer_alloc);
-  return p;
-}
-
 unsigned long in_ms(unsigned long ms) {
   using std::chrono::microseconds;
   const auto now = std::chrono::steady_clock::now().time_since_epoch();

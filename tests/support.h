@@ -9,21 +9,11 @@
 
 #include <cerrno>
 #include <functional>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "tarn_utils_v4/comm.h"
-
-struct ReleasePacket {
-  void operator()(comm_socket_v4_packet* p) const { comm_socket_v4_packet_release(p); }
-};
-struct DestroyEndpoint {
-  void operator()(comm_socket_v4* c) const { comm_socket_v4_destroy(c); }
-};
-using Packet = std::unique_ptr<comm_socket_v4_packet, ReleasePacket>;  // holds one reference
-using Endpoint = std::unique_ptr<comm_socket_v4, DestroyEndpoint>;
+#include "tests/packets.h"
 
 Endpoint make_endpoint();
 Packet make_packet();
@@ -34,11 +24,6 @@ Packet ping_packet();
 // Every part a packet can have, every type of argument and pair; lists that end with a line of the
 // dump, within one, and empty; more data than it shows.
 Packet rich_packet();
-// These bytes as a packet, as if received but not validated: the heap block ends with the NUL.
-Packet exact_packet(const std::string& bytes);
-inline std::string bytes_of(const comm_socket_v4_packet* p) {
-  return std::string(reinterpret_cast<const char*>(p->buffer), p->buffer_length);
-}
 
 // A moment `ms` from now, as the waits take it.
 unsigned long in_ms(unsigned long ms);

@@ -412,28 +412,6 @@ class ServerReadTest : public ServerTest {
   }
 };
 
-TEST_F(ServerReadTest, ACallbackMayMoveTheTableThatIsBeingRead) {
-  join(16);
-  int answer = 0;
-  s.client[3].set_recv_cb(call_back);
-  callback = [&](auto*) {
-    for (const auto* const before = s.client.data(); s.client.data() == before;) join();
-    return answer;
-  };
-  comm_socket_v4_client* from = nullptr;
-  send_from(3);
-  EXPECT_NE(nullptr, Packet(comm_socket_v4_server_get_packet(&s, &from)));
-  EXPECT_EQ(&s.client[3], from);
-  send_from(3);
-  s.client_idlescan = 0;
-  EXPECT_EQ(1, comm_socket_v4_wait_for_server_to_client_writeable(from, in_ms(1000)));
-  answer = -1;
-  s.client[3].next_packet = comm_socket_v4_packet_release(s.client[3].next_packet);
-  send_from(3);
-  EXPECT_EQ(0, comm_socket_v4_client_idle(&s.client[3]));
-  EXPECT_EQ(nullptr, s.client[3].next_packet);
-}
-
 // Slot 2 is the first one of a window that is asked about at once; slot 5 is in it, and quiet then.
 TEST_F(ServerReadTest, APassSeesWhatACallbackDidToTheClientsBehindIt) {
   for (const bool replaces : {false, true}) {
