@@ -72,7 +72,7 @@ void expect_next(std::deque<Record>& sent, const comm_socket_v4_packet& p) {
 struct Peer {
   comm_socket_v4 end;
   unsigned long slot = COMM_V4_NO_INDEX;
-  bool taken = false, in_callback = false;
+  bool taken = false;
   std::deque<Record> to_library, from_library;
   CommLargePacketQueue queue;
 };
@@ -187,7 +187,7 @@ class World {
 
   void free_client() {
     Peer& peer = any_peer();
-    if (record(peer) == nullptr || peer.in_callback) return;
+    if (record(peer) == nullptr) return;
     comm_socket_v4_free_client(record(peer));
     forget(peer);
   }
@@ -258,17 +258,20 @@ class World {
     kept_.push_back(std::move(p));
   }
 
+  // Acts until it keeps the packet or refuses it, which may be gone from the library by then.
   int on_packet(Peer& peer, comm_socket_v4_packet& p) {
-    const std::size_t act = in_.one_of(".rkaifdc");
-    peer.in_callback = true;
+    p.addref();
+    const Packet held(&p);
+    std::size_t act;
+    while ((act = in_.one_of(".rkaifdc")) > 1) {
+      if (act == 2 && p.addref() > 0) keep(Packet(&p));
+      if (act == 3) accept();
+      if (act == 4) idle();
+      if (act == 5) free_client();
+      if (act == 6) disconnect();
+      if (act == 7 && is_client(peer)) comm_socket_v4_close(&client_);
+    }
     if (act == 1) expect_next(peer.to_library, p);
-    if (act == 2 && p.addref() > 0) keep(Packet(&p));
-    if (act == 3) accept();
-    if (act == 4) idle();
-    if (act == 5) free_client();
-    if (act == 6) disconnect();
-    if (act == 7 && is_client(peer)) comm_socket_v4_close(&client_);
-    peer.in_callback = false;
     return act == 1 ? -1 : 0;
   }
 

@@ -1,7 +1,6 @@
 // What the library asks of the system and of the allocator, counted call by call: numbers that are
 // the same on every machine.
 #include "connections.h"
-#include "faults.h"
 
 namespace {
 

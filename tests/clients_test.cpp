@@ -1,10 +1,8 @@
 // The clients of a server: their table, how they come in, and how they are let go.
-#include <fcntl.h>
 
 #include <climits>
 
 #include "connections.h"
-#include "faults.h"
 #include "lib/endpoint_internal.h"
 
 namespace {

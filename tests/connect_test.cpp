@@ -1,16 +1,8 @@
 // Connecting to a server: at once, through a long path, and while its queue is full.
-#include <fcntl.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-
-#include "faults.h"
 #include "support.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 int connect_to(const Endpoint& c, const std::string& at) {
   return comm_socket_v4_connect_to(c.get(), at.c_str());
@@ -46,6 +38,12 @@ class ConnectTest : public CommTest {
     EXPECT_EQ(0, connect_to(c, at));
     EXPECT_TRUE(is_pending(c));
     captured.clear();
+  }
+  // `c` is connected to `server`.
+  void connect() {
+    const std::string at = abstract_name();
+    EXPECT_EQ(0, comm_socket_v4_create_server(server.get(), at.c_str()));
+    EXPECT_TRUE(connect_to(c, at) == 0 && accept());
   }
   bool accept() { return comm_socket_v4_accept_connection(server.get()) != nullptr; }
   Lines lines() {
@@ -234,7 +232,6 @@ TEST_F(ConnectTest, TriesAgainEvery10MsForAsLongAsItMay) {
 // --- The calls that complete a connect ----------------------------------------------------------
 
 TEST_F(ConnectTest, NothingIsPendingOnOtherEndpoints) {
-  const Connection connection = connected();
   const Endpoint pair = make_endpoint();
   EXPECT_EQ(0, comm_socket_v4_connect_new_socketpair(pair.get()));
   const std::string misuse = "BUG: connect_check_pending() ";
@@ -249,9 +246,10 @@ TEST_F(ConnectTest, NothingIsPendingOnOtherEndpoints) {
     EXPECT_EQ(expected.empty(), is_open(end));
   };
   expect(c, {-1, ETIMEDOUT}, {-1, EINVAL}, closed);
-  expect(connection.server, {1, 0}, {-1, EINVAL}, unset);
   expect(pair, {1, 0}, {-1, EINVAL}, unset);
-  expect(connection.client, {1, 0}, {1, errno_before}, {});
+  connect();
+  expect(c, {1, 0}, {1, errno_before}, {});
+  expect(server, {1, 0}, {-1, EINVAL}, unset);
 }
 
 TEST_F(ConnectTest, TheWaitAsksTheSocketWhatBecameOfIt) {
@@ -294,13 +292,12 @@ TEST_F(ConnectTest, TheWaitAsksTheSocketWhatBecameOfIt) {
 }
 
 TEST_F(ConnectTest, TheWaitConsumesNoData) {
-  const Connection connection = connected();
+  connect();
   const Packet sent = ping_packet();
-  EXPECT_EQ(94, comm_socket_v4_packet_send_to_client(connection.record(), sent.get()));
-  connection.client->status.connect_pending = 1;
-  EXPECT_EQ(1, wait(connection.client));
-  const Packet received(comm_socket_v4_client_get_packet_from_server(connection.client.get()));
-  EXPECT_NE(nullptr, received);
+  EXPECT_EQ(94, comm_socket_v4_packet_send_to_client(server->index2client(0), sent.get()));
+  c->status.connect_pending = 1;
+  EXPECT_EQ(1, wait(c));
+  EXPECT_NE(nullptr, Packet(comm_socket_v4_client_get_packet_from_server(c.get())));
 }
 
 }  // namespace

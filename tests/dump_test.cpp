@@ -1,8 +1,6 @@
 // What the dumps print, whole and to the letter, and that any packet can be printed.
-#include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 
 #include "support.h"
 

@@ -1,19 +1,11 @@
 // The endpoint object: its fields, its log lines, its closing, and the socket pair.
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <new>
 #include <tuple>
 
-#include "faults.h"
 #include "support.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 class EndpointTest : public CommTest {
  protected:

@@ -1,10 +1,7 @@
 // One scenario that touches everything, played again and again: each time the next one of the calls
 // that it makes of the system and of the allocator fails, is interrupted, or meets a full queue.
-#include <filesystem>
-#include <new>
 
 #include "connections.h"
-#include "faults.h"
 
 namespace {
 
@@ -30,8 +27,8 @@ class EveryFailureTest : public CommTest {
   // always does after a lack of memory, or has ended a connection, as a failed recvmsg always has.
   // An int tells what happened, and errno why: the error of the call, or what is said of a path
   // whose holder cannot be asked and of a link that cannot be read.
-  template <class Answer, class Body>
-  void step(const char* what, Answer good, Body body, unsigned traits = 0) {
+  template <unsigned traits = 0, class Answer, class Body>
+  void step(const char* what, Answer good, Body body) {
     SCOPED_TRACE(what);
     for (int attempt = 1; attempt <= 2; ++attempt) {
       const unsigned fired = faults_->fired();
@@ -57,14 +54,13 @@ class EveryFailureTest : public CommTest {
   }
 
   void connect(comm_socket_v4* c, const std::string& to) {
-    step(
-        "connect", 0, [&] { return comm_socket_v4_connect_to(c, to.c_str()); }, throws);
+    step<throws>("connect", 0, [&] { return comm_socket_v4_connect_to(c, to.c_str()); });
     EXPECT_EQ(1, comm_socket_v4_is_open(c));
   }
   unsigned long accept(comm_socket_v4* s) {
     comm_socket_v4_client* client;
     const auto call = [&] { return (client = comm_socket_v4_accept_connection(s)) != nullptr; };
-    step("accept", true, call, ends);
+    step<ends>("accept", true, call);
     return comm_socket_v4_client_ptr2index(client);
   }
   Packet written() {
@@ -74,9 +70,8 @@ class EveryFailureTest : public CommTest {
       return p != nullptr && p->write_begin("open", "none", 0) == 0 && p->write_argv("a") == 0 &&
              p->write_nv_pair("k", "v") == 0 && p->write_end() == 0;
     };
-    step("write", true, write, throws);
-    step(
-        "attach", true, [&] { return p->attach_fd_to_send(0); }, throws);
+    step<throws>("write", true, write);
+    step<throws>("attach", true, [&] { return p->attach_fd_to_send(0); });
     return p;
   }
   void receive(const Packet& sent, const std::function<comm_socket_v4_packet*()>& retrieve) {
@@ -86,19 +81,17 @@ class EveryFailureTest : public CommTest {
   }
 
   void play(comm_socket_v4* s, comm_socket_v4* c, comm_socket_v4* late) {
-    if (!std::filesystem::exists(path_)) close(bound_socket(path_));  // the file of a dead server
-    step(
-        "create", 0, [&] { return comm_socket_v4_create_server(s, path_.c_str()); }, throws);
+    if (!fs::exists(path_)) close(bound_socket(path_));  // the file of a dead server
+    step<throws>("create", 0, [&] { return comm_socket_v4_create_server(s, path_.c_str()); });
     connect(c, link_);
     comm_socket_v4_set_connect_timeout_routine(late, 1);
     connect(late, path_);
     const auto wait = [&] { return comm_socket_v4_connect_wait_for_completion(late, in_ms(999)); };
-    step("wait in the queue", 0, wait, ends);
+    step<ends>("wait in the queue", 0, wait);
     step("wait for a client", 1,
          [&] { return comm_socket_v4_server_from_client_readable(s, in_ms(999)); });
     const unsigned long index = accept(s);
-    step(
-        "complete", 1, [&] { return comm_socket_v4_connect_check_pending(late); }, ends);
+    step<ends>("complete", 1, [&] { return comm_socket_v4_connect_check_pending(late); });
     const unsigned long late_index = accept(s);
     std::vector<Endpoint> crowd;
     while (crowd.size() < 14) crowd.push_back(join(s).first);
@@ -118,8 +111,7 @@ class EveryFailureTest : public CommTest {
     int ahead = 0;
     for (const Packet p = ping_packet(); comm_socket_v4_packet_send_to_client(client, p.get()) > 0;)
       ++ahead;
-    step(
-        "queue", 1, [&] { return queue.send_packet(client, answer.get()); }, throws);
+    step<throws>("queue", 1, [&] { return queue.send_packet(client, answer.get()); });
     for (; ahead > 0; --ahead) Packet(comm_socket_v4_client_get_packet_from_server(c));
     step("flush", true, [&] { return queue.flush_queued_packet(client), queue.queued_count == 0; });
     step("wait for it", 1,
@@ -146,7 +138,7 @@ TEST_F(EveryFailureTest, IsToldLosesNothingAndLeavesEverythingUsable) {
       {EINTR, {Call::sendmsg, Call::recvmsg, Call::select, Call::poll, Call::usleep}},
       {EAGAIN, {Call::sendmsg, Call::recvmsg, Call::connect, Call::accept4}}};
   StderrCapture captured;
-  std::filesystem::create_symlink(path_, link_);
+  fs::create_symlink(path_, link_);
   for (const Mode& mode : modes) {
     mode_ = &mode;
     unsigned k = 0;

@@ -1,10 +1,8 @@
 // The application's loop: idle, retrieval and waits.
-#include <fcntl.h>
 
 #include <climits>
 
 #include "connections.h"
-#include "faults.h"
 
 namespace {
 
@@ -28,10 +26,6 @@ class LoopTest : public ServerTest {
   }
   int send_to(unsigned long slot) {
     return comm_socket_v4_packet_send_to_client(&s.client[slot], ping_packet().get());
-  }
-  void fill(Wait which) {
-    while ((which == client_writes ? send_from(0) : send_to(0)) > 0) {
-    }
   }
   // The slot that the next packet comes from.
   unsigned long next_sender() {
@@ -218,12 +212,10 @@ TEST_F(LoopTest, DescriptorsFrom1024OnWorkAndLowerOnesNeedNoMemory) {
   EXPECT_EQ("0011", ready);
   for (const Wait which : kWaits)
     EXPECT_EQ(-1, failing(Call::malloc, EIO, [&] { return wait(which, in_ms(2)); }));
-  fill(server_writes);
+  while (send_from(0) > 0) {
+  }
   wait_for_all();
-  EXPECT_EQ("0110", ready);
-  fill(client_writes);
-  wait_for_all();
-  EXPECT_EQ("1100", ready);
+  EXPECT_EQ("1001", ready);
 }
 
 }  // namespace

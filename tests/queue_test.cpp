@@ -1,23 +1,23 @@
 // Packets to a client that does not read.
-#include "support.h"
+#include "connections.h"
 
 namespace {
 
-class QueueTest : public CommTest {
+class QueueTest : public ServerTest {
  protected:
-  Connection c = connected();
+  QueueTest() { join(); }
+
   std::unique_ptr<CommLargePacketQueue> queue = std::make_unique<CommLargePacketQueue>();
   Packet p = ping_packet();
 
-  int send(const Packet& packet) { return queue->send_packet(c.record(), packet.get()); }
+  int send(const Packet& packet) { return queue->send_packet(&s.client[0], packet.get()); }
   // Fills the socket, then queues p so many times.
   void fill(std::uint64_t count) {
     while (queue->queued_count < count) ASSERT_EQ(1, send(p));
   }
-  Packet receive() { return Packet(comm_socket_v4_client_get_packet_from_server(c.client.get())); }
   std::uint64_t drain() {
     std::uint64_t packets = 0;
-    while (receive()) ++packets;
+    while (Packet(comm_socket_v4_client_get_packet_from_server(peers[0].get()))) ++packets;
     return packets;
   }
   void expect_queued(std::uint64_t count) {
@@ -41,13 +41,13 @@ TEST_F(QueueTest, RefusesThePacketBehind4096AndEndsWithItsPacketsUnsent) {
 
 TEST_F(QueueTest, ADeadConnectionShowsOnlyWhileNothingIsQueued) {
   fill(2);
-  c.client.reset();
+  peers.clear();
   EXPECT_EQ(1, send(p));
   expect_queued(3);
   queue->dump_queued_packets();
   EXPECT_EQ(-1, send(p));
   EXPECT_EQ(EPIPE, errno);
-  c.record()->status.disconnected = 1;
+  s.client[0].status.disconnected = 1;
   EXPECT_EQ(-1, send(p));
   EXPECT_EQ(ECONNRESET, errno);
   expect_queued(0);

@@ -1,20 +1,11 @@
 // Making a server: the address of a path, and what is done about a path that is taken.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-
-#include "faults.h"
 #include "suite/process.h"
 #include "support.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 int create(const Endpoint& c, const std::string& at) {
   return comm_socket_v4_create_server(c.get(), at.c_str());
@@ -210,9 +201,10 @@ TEST_F(ServerSocketTest, SaysWhatFailedAndRemovesOnlyItsOwnFile) {
 }
 
 TEST_F(ServerSocketTest, ReopenBindsAgainAndToleratesAFailure) {
-  const Connection connection = connected();
-  const Endpoint closed = make_endpoint();
-  comm_socket_v4* const server = connection.server.get();
+  const Endpoint open = make_endpoint(), closed = make_endpoint();
+  comm_socket_v4* const server = open.get();
+  ASSERT_EQ(0, create(open, abstract_name()));
+  const Endpoint client = join(server).first;
   const auto reopen = [](comm_socket_v4* c) {
     return outcome([c] { return comm_socket_v4_reopen_server(c); });
   };
@@ -220,7 +212,7 @@ TEST_F(ServerSocketTest, ReopenBindsAgainAndToleratesAFailure) {
   const StderrCapture captured;
   EXPECT_EQ(Outcome(-1, 0), reopen(nullptr));
   EXPECT_EQ(Outcome(-1, 0), reopen(closed.get()));
-  EXPECT_EQ(Outcome(-1, 0), reopen(connection.client.get()));
+  EXPECT_EQ(Outcome(-1, 0), reopen(client.get()));
   EXPECT_EQ(Outcome(0, EINVAL), reopen(server)) << "it is still bound";
   EXPECT_EQ(Lines{}, captured.lines());
   EXPECT_EQ(Outcome(0, EACCES), failing(Call::bind, EACCES, [&] { return reopen(server); }));

@@ -1,23 +1,15 @@
 #include "support.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <sstream>
-#include <tuple>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -227,12 +219,4 @@ std::pair<Endpoint, unsigned long> join(comm_socket_v4* server) {
   comm_socket_v4_client* record = comm_socket_v4_accept_connection(server);
   EXPECT_NE(nullptr, record);
   return {std::move(client), comm_socket_v4_client_ptr2index(record)};
-}
-
-Connection CommTest::connected() {
-  Connection c;
-  c.server = make_endpoint();
-  EXPECT_EQ(0, comm_socket_v4_create_server(c.server.get(), abstract_name().c_str()));
-  std::tie(c.client, c.index) = join(c.server.get());
-  return c;
 }

@@ -3,17 +3,25 @@
 #ifndef COMM_TESTS_SUPPORT_H
 #define COMM_TESTS_SUPPORT_H
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/types.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "faults.h"
 #include "tests/packets.h"
+
+namespace fs = std::filesystem;
 
 Endpoint make_endpoint();
 Packet make_packet();
@@ -47,12 +55,6 @@ int bound_socket(const std::string& path, int type = SOCK_SEQPACKET);
 // "number -> target" of every open descriptor.
 std::vector<std::string> open_descriptors();
 
-// A server on an abstract name, one client of it, and the slot in which the server accepted it.
-struct Connection {
-  Endpoint server, client;
-  unsigned long index = COMM_V4_NO_INDEX;
-  comm_socket_v4_client* record() const { return server->index2client(index); }
-};
 // Connects one more client to an open server and accepts it.
 std::pair<Endpoint, unsigned long> join(comm_socket_v4* server);
 
@@ -68,7 +70,6 @@ class CommTest : public testing::Test {
   std::string path_of_length(std::size_t length, char fill = 'x');
   // An abstract name that nothing else uses, with its "@".
   static std::string abstract_name();
-  static Connection connected();
 
  private:
   std::vector<std::string> descriptors_;

@@ -2,9 +2,6 @@
 #include "support.h"
 
 #include <gtest/gtest-spi.h>
-#include <unistd.h>
-
-#include "faults.h"
 
 namespace {
 
@@ -35,15 +32,6 @@ TEST_F(SupportTest, EndsAndReportsWhatFailsOrHangs) {
   EXPECT_EQ(124, hanging.wait());
   EXPECT_GT(alarm(20), 10u) << "no alarm was set for the test itself";
   EXPECT_NONFATAL_FAILURE(Peer([] { _exit(3); }), "the peer failed");
-}
-
-TEST_F(SupportTest, FaultsFireWherePlannedAndNowhereElse) {
-  Faults faults;
-  faults.fail(Call::dup, EMFILE, 2);
-  const auto dup_and_close = [] { return close(dup(0)); };
-  EXPECT_EQ(0, faults.during(dup_and_close));
-  EXPECT_EQ(0, dup_and_close()) << "a fault acts outside during()";
-  EXPECT_EQ(-1, faults.during(dup_and_close));
   EXPECT_NONFATAL_FAILURE(Faults().fail(Call::malloc, ENOMEM), "malloc and never came");
 }
 

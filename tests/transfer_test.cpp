@@ -1,12 +1,9 @@
 // One packet over one connection: receiving and sending, at a server and at a client.
-#include <fcntl.h>
 
 #include <bit>
-#include <new>
 #include <sstream>
 
 #include "connections.h"
-#include "faults.h"
 
 namespace {
 
@@ -429,22 +426,6 @@ TEST_F(ServerReadTest, APassSeesWhatACallbackDidToTheClientsBehindIt) {
     EXPECT_NE(nullptr, Packet(comm_socket_v4_server_get_packet(&s, nullptr)));
     EXPECT_EQ(nullptr, Packet(comm_socket_v4_server_get_packet(&s, nullptr)));
   }
-}
-
-TEST_F(ServerReadTest, AReadLeavesTheNextConnectionInItsSlotAlone) {
-  join();
-  knock();
-  comm_socket_v4_client& client = s.client[0];
-  client.set_recv_cb(call_back);
-  callback = [&](auto*) {
-    EXPECT_EQ(&client, replace(0));
-    client.set_recv_cb(nullptr);
-    EXPECT_EQ(0, comm_socket_v4_client_idle(&client));
-    return -1;
-  };
-  send_from(0);
-  EXPECT_EQ(nullptr, comm_socket_v4_client_get_packet(&client));
-  EXPECT_NE(nullptr, client.next_packet);
 }
 
 // The descriptor's number belongs to another connection by then.

@@ -1,5 +1,4 @@
-// The gate between the bytes of a peer and the readers: every rule, its line, and their order.
-#include <cstring>
+// The gate between the bytes of a peer and the readers: every rule, its line, and its limit.
 
 #include "support.h"
 
@@ -134,23 +133,6 @@ TEST_F(ValidationTest, AcceptsTheLastByteThatFitsAndNamesTheRuleThatTheNextOneBr
   }
   expect_verdict(bytes_of(rich_packet().get()), kAccepted, captured);
   expect_verdict(bytes_of(ping_packet().get()), kAccepted, captured);
-}
-
-// The rows stand in the order of the rules: of two damages the earlier one is named.
-TEST_F(ValidationTest, NamesTheFirstOfTwoBrokenRules) {
-  StderrCapture captured;
-  const std::string good = good_bytes();
-  for (const Row& first : kRows) {
-    for (const Row* second = &first + 1; second != std::end(kRows); ++second) {
-      if (first.line == kAccepted || second->line == kAccepted) continue;
-      SCOPED_TRACE(testing::Message() << "rows " << &first - kRows << ", " << second - kRows);
-      std::string bytes = good;
-      Form form(bytes);
-      second->damage(form);
-      first.damage(form);
-      expect_verdict(bytes, first.line, captured);
-    }
-  }
 }
 
 }  // namespace
