@@ -223,7 +223,8 @@ class World {
 
   void send() {
     Peer& peer = any_peer();
-    Packet p = make_packet(in_.text(), in_.below(3));
+    const std::string argument = in_.text();
+    Packet p = make_packet(argument, in_.below(3));
     if (in_.yes() && !kept_.empty()) p.swap(kept_.back());
     const std::size_t count = p->attached_fd_count();
     const int sent = is_client(peer) ? comm_socket_v4_packet_send_to_server(&client_, p.get())

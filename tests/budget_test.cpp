@@ -1,5 +1,7 @@
 // What the library asks of the system and of the allocator, counted call by call: numbers that are
 // the same on every machine.
+#include <climits>
+
 #include "connections.h"
 
 namespace {
@@ -59,8 +61,13 @@ TEST_F(BudgetTest, QuietClientsCostOnePollFor64BeyondTheFirstTwoAndAWaitOneSelec
     EXPECT_EQ(row.receive, cost([&] { receive(); }));
     EXPECT_EQ(row.wait, cost([&] { comm_socket_v4_server_from_client_readable(&s, in_ms(20)); }));
   }
-  EXPECT_EQ("select 1, poll 1",
-            cost([&] { comm_socket_v4_client_from_server_readable(peers[0].get(), in_ms(20)); }));
+  const auto wait = [&](auto deadline) {
+    return comm_socket_v4_client_from_server_readable(peers[0].get(), deadline);
+  };
+  EXPECT_EQ("select 1, poll 1", cost([&] { wait(in_ms(20)); }));
+  Faults untimed;
+  untimed.replace(Call::select, [](auto&, void* timer) { return timer == nullptr; });
+  EXPECT_EQ(1, untimed.during([&] { return wait(ULONG_MAX); })) << "without a deadline";
 }
 
 }  // namespace

@@ -126,7 +126,7 @@ WRAP_CALL(ssize_t, recvmsg, m, (int fd, msghdr* m, int flags), (fd, m, flags))
 WRAP_CALL(ssize_t, recv, data, (int fd, void* data, std::size_t n, int flags), (fd, data, n, flags))
 WRAP_CALL(int, ioctl, argument, (int fd, unsigned long request, void* argument),
           (fd, request, argument))
-WRAP_CALL(int, select, r, (int n, fd_set* r, fd_set* w, fd_set* e, timeval* t), (n, r, w, e, t))
+WRAP_CALL(int, select, t, (int n, fd_set* r, fd_set* w, fd_set* e, timeval* t), (n, r, w, e, t))
 WRAP_CALL(int, poll, &timeout, (struct pollfd * fds, nfds_t n, int timeout), (fds, n, timeout))
 WRAP_CALL(int, fcntl, nullptr, (int fd, int command, long argument), (fd, command, argument))
 WRAP_CALL(int, dup, nullptr, (int fd), (fd))

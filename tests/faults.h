@@ -43,7 +43,7 @@ class Faults {
  public:
   // Stands in for a call that answers a number. `real` makes the call; `subject` is what it reads
   // or fills in: the msghdr, the int of FIONREAD, the address, the stat buffer, the option value,
-  // the time-out of poll.
+  // the time-out of poll or select.
   using Hook = std::function<long(const std::function<long()>& real, void* subject)>;
 
   Faults() = default;
