@@ -1,5 +1,5 @@
-// What the fuzz targets share: how an input is read, packets without a spare byte, and everything
-// that can be read from a packet or printed of it.
+// What the fuzz targets share: how an input is read, and everything that can be read from a packet
+// or printed of it.
 #ifndef COMM_FUZZ_HARNESS_H
 #define COMM_FUZZ_HARNESS_H
 
