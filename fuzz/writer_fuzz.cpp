@@ -16,9 +16,9 @@ std::string cut(const std::string& text, std::size_t most) {
   return std::string(text.c_str()).substr(0, most);
 }
 
-class Session {
+class Model {
  public:
-  explicit Session(const Input& in) : in_(in) {
+  explicit Model(const Input& in) : in_(in) {
     p_.flags = 0xfffffff5;
     p_.set_complete_cb([](comm_socket_v4_packet* p) { return static_cast<int>(++p->tag); });
   }
@@ -32,8 +32,8 @@ class Session {
     const Input call = in_;
     for (int i = 0; i < times && p_.buffer_length < most_bytes; ++i) {
       in_ = call;
-      if (!make_step(in_, *this, "bapde", &Session::begin, &Session::argument, &Session::pair,
-                     &Session::data, &Session::end))
+      if (!make_step(in_, *this, "bapde", &Model::begin, &Model::argument, &Model::pair,
+                     &Model::data, &Model::end))
         break;
     }
     REQUIRE(p_.write_state == state_);
@@ -148,8 +148,8 @@ class Session {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  Session session({data, size});
-  while (session.goes_on()) session.step();
-  session.finish();
+  Model model({data, size});
+  while (model.goes_on()) model.step();
+  model.finish();
   return 0;
 }

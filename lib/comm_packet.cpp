@@ -130,6 +130,7 @@ int comm_socket_v4_packet::get_attached_fd(std::size_t index) {
 }
 
 void comm_socket_v4_packet::close_attached_fd() {
+  ErrnoGuard keep_errno;
   for (int& fd : attached_fd) {
     if (fd >= 0) ::close(fd);
     fd = -1;

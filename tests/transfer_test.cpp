@@ -332,6 +332,7 @@ TEST_P(TransferTest, DescriptorsAreClosedOnceTheyAreOnTheirWay) {
   peer_leaves();
   then_look(send_it(), p);
   connect();
+  shortened.fail(Call::close, EIO);
   then_look(shortened.during(send_it), p);
   then_look(shortened.during([&] { return send(other); }), other);
   then_look(send_it(), p);

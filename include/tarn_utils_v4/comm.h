@@ -371,9 +371,9 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   // Printing, for debugging; null means standard error. They never fail and never change the
   // packet, and any packet may be printed, half-written and hand-made ones included, but not while
   // another thread writes it. Texts are printed as they are, control characters of a peer included.
-  // Errors of the stream are ignored; errno may change. dump shows
-  // raw header bytes, offsets and types; dump_header_user_friendly a readable listing;
-  // dump_user_friendly that and then the raw data; dump_body the raw data only.
+  // Errors of the stream are ignored; errno may change. dump shows raw header bytes, offsets and
+  // types; dump_header_user_friendly a readable listing; dump_user_friendly that and then the raw
+  // data; dump_body the raw data only.
   void dump(std::FILE* out) const;
   void dump_header_user_friendly(std::FILE* out) const;
   void dump_user_friendly(std::FILE* out) const;
@@ -471,7 +471,7 @@ class COMM_V4_EXPORT comm_socket_v4 {
   comm_socket_v4_packet* next_packet;         // of a client: the packet that waits, one reference
   std::deque<std::uint64_t> disconnect_list;  // slots to be released
   std::int32_t socketpair_remote_fd;          // the other end, until it is taken
-  // Kept by the library from one call to the next, so that calls cost less.
+  // The library's own, kept from one call to the next so that calls cost less.
   std::vector<int> descriptor_room;   // for the descriptors of the next packet
   std::uint64_t retrieved_in_a_row;   // since a retrieval found nothing
   std::uint64_t retrieved_last_time;  // in the row before
@@ -702,11 +702,10 @@ COMM_V4_EXPORT int comm_socket_v4_connect_use_socketpair(comm_socket_v4* c, int 
 
 // Idle: work that does not block. Reads at most one packet per connection into its slot, unless one
 // waits there; completes a pending connect; never accepts; runs receive callbacks. A record of zero
-// bytes reads as the end of the connection. A server visits
-// half of its slots per call, and its clients never make it fail. -1 on a closed endpoint, null too
-// (ENOTCONN); when the connection of a client ends (ENOTCONN), fails or could not be made: the
-// endpoint is closed then; with ENOMEM or the error of ioctl(2): nothing was read, and it stays
-// open.
+// bytes reads as the end of the connection. A server visits half of its slots per call, and its
+// clients never make it fail. -1 on a closed endpoint, null too (ENOTCONN); when the connection of
+// a client ends (ENOTCONN), fails or could not be made: the endpoint is closed then; with ENOMEM or
+// the error of ioctl(2): nothing was read, and it stays open.
 COMM_V4_EXPORT int comm_socket_v4_idle(comm_socket_v4* s);
 // The client's half of it, and one record's. 0 also while a packet waits, while a connect is
 // pending or halt is set, and when a connection ended but memory to list it ran out: the next read
@@ -720,9 +719,9 @@ COMM_V4_EXPORT int comm_socket_v4_client_idle(comm_socket_v4_client* c);
 // at all clients in turn, starting behind the one that delivered last, and stores the sender in
 // *from, good until the table grows (null without a packet); `from` may be null. A client with halt
 // set is left alone; with pending_response_packet set its next packet is read, but not handed out.
-// A null endpoint gives null from get_packet_from_server. Null also when
-// a packet was read and dropped with others behind it: watch level-triggered, and after an idle or
-// a wait call until null before sleeping elsewhere.
+// A null endpoint gives null from get_packet_from_server. Null also when a packet was read and
+// dropped with others behind it: watch level-triggered, and after an idle or a wait call until null
+// before sleeping elsewhere.
 COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_server_get_packet(
     comm_socket_v4* s, comm_socket_v4_client** from);
 COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_client_get_packet(comm_socket_v4_client* c);
