@@ -17,5 +17,5 @@ int main(int argc, char** argv) {
     dprintf(1, "%s\n", argv[i]);
     LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
   }
-  return 0;
+  return argc > 1 ? 0 : 1;
 }

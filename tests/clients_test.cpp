@@ -1,5 +1,4 @@
 // The clients of a server: their table, how they come in, and how they are let go.
-
 #include <climits>
 
 #include "connections.h"

@@ -1,5 +1,4 @@
 // Connecting to a server: at once, through a long path, and while its queue is full.
-
 #include "support.h"
 
 namespace {

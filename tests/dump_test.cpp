@@ -1,5 +1,4 @@
 // What the dumps print, whole and to the letter, and that any packet can be printed.
-
 #include <cstdlib>
 
 #include "support.h"

@@ -1,6 +1,5 @@
 // One scenario that touches everything, played again and again: each time the next one of the calls
 // that it makes of the system and of the allocator fails, is interrupted, or meets a full queue.
-
 #include "connections.h"
 
 namespace {

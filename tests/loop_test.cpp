@@ -1,5 +1,4 @@
 // The application's loop: idle, retrieval and waits.
-
 #include <climits>
 
 #include "connections.h"

@@ -1,5 +1,4 @@
 // The packet: its bytes, its buffer, references and descriptors, the writer and the readers.
-
 #include "support.h"
 
 namespace {

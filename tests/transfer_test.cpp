@@ -1,5 +1,4 @@
 // One packet over one connection: receiving and sending, at a server and at a client.
-
 #include <bit>
 #include <sstream>
 

@@ -1,5 +1,4 @@
 // The gate between the bytes of a peer and the readers: every rule, its line, and its limit.
-
 #include "support.h"
 
 namespace {
