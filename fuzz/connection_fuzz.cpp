@@ -22,7 +22,12 @@ const int raised_limit = [] {
   const struct rlimit limit = {4096, 4096};
   return setrlimit(RLIMIT_NOFILE, &limit);
 }();
-const std::string server_path = "@comm_fuzz_" + std::to_string(getpid());
+// Every server has a new name: somebody who looks at /proc/PID/fd may hold the old one for a moment
+// behind its close.
+std::string server_path() {
+  static unsigned number = 0;
+  return "@comm_fuzz_" + std::to_string(getpid()) + "_" + std::to_string(++number);
+}
 
 std::ptrdiff_t count_descriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -130,14 +135,14 @@ class World {
     comm_socket_v4_close(&server_);
     for (Peer& peer : peers_) forget(peer);
     waiting_ = nullptr;
-    REQUIRE(comm_socket_v4_create_server(&server_, server_path.c_str()) == 0);
+    REQUIRE(comm_socket_v4_create_server(&server_, server_path().c_str()) == 0);
   }
 
   // A second connection would have to wait for the accept of the first.
   void connect() {
     Peer& peer = any_peer();
     if (is_client(peer) || waiting_ != nullptr || record(peer) != nullptr) return;
-    REQUIRE(comm_socket_v4_connect_to(&peer.end, server_path.c_str()) == 0);
+    REQUIRE(comm_socket_v4_connect_to(&peer.end, server_.socket_path.c_str()) == 0);
     peer.to_library.clear();
     peer.from_library.clear();
     waiting_ = &peer;
@@ -298,6 +303,12 @@ class World {
 };
 
 }  // namespace
+
+// The library's clock: what an input does is the same on every machine.
+extern "C" std::uint64_t monotonic_clock_us() {
+  static std::uint64_t calls = 0;
+  return ++calls;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::ptrdiff_t before = count_descriptors();
