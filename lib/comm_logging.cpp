@@ -9,6 +9,7 @@
 #include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
 #include "lib/fatal_assert.h"
+#include "lib/standard_error.h"
 
 namespace {
 
@@ -21,9 +22,10 @@ void log_line(const comm_socket_v4* c, unsigned mask_bit, const char* level, con
               va_list args) {
   if (c == nullptr || (c->log_mask & mask_bit) == 0) return;
   ErrnoGuard keep_errno;
-  std::fprintf(stderr, "comm_socket_v4 %s [%p]: ", level, static_cast<const void*>(c));
-  std::vfprintf(stderr, format, args);
-  std::fputc('\n', stderr);
+  char prefix[64];
+  std::snprintf(prefix, sizeof(prefix), "comm_socket_v4 %s [%p]: ", level,
+                static_cast<const void*>(c));
+  write_line_to_standard_error(prefix, format, args);
 }
 
 const char* yes_no(bool value) { return value ? "yes" : "no"; }
@@ -100,6 +102,8 @@ void comm_socket_v4_dump_state(const comm_socket_v4* c, std::FILE* out) {
 
 void fatal_assertion_failed(const char* source, const char* function,
                             const char* condition) noexcept {
-  std::fprintf(stderr, "%s: %s: assertion failed: %s\n", source, function, condition);
+  char line[512];
+  std::snprintf(line, sizeof(line), "%s: %s: assertion failed: %s\n", source, function, condition);
+  write_to_standard_error(line);
   std::abort();
 }

@@ -5,13 +5,13 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <tuple>
 
 #include "lib/errno_guard.h"
+#include "lib/standard_error.h"
 
 namespace {
 
@@ -50,7 +50,8 @@ int comm_socket_v4_packet::release() {
   ErrnoGuard keep_errno;
   const std::int32_t count = --refcount;
   if (count > 0 || count < -1) return count;
-  if (count == -1) std::fputs("comm socket v4 packet error: result released below zero!\n", stderr);
+  if (count == -1)
+    write_to_standard_error("comm socket v4 packet error: result released below zero!\n");
   delete this;
   return 0;
 }

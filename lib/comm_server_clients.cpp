@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -19,6 +18,7 @@
 #include "lib/fatal_assert.h"
 #include "lib/packet_layout.h"
 #include "lib/packet_receive.h"
+#include "lib/standard_error.h"
 #include "suite/time.h"
 
 namespace {
@@ -255,8 +255,7 @@ void comm_socket_v4_client_disconnect_list_clear(comm_socket_v4* c) { c->disconn
 
 comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* c) {
   if (c == nullptr) {
-    ErrnoGuard keep_errno;
-    std::fputs("WARNING: get_disconnected_client() with nullptr object\n", stderr);
+    write_to_standard_error("WARNING: get_disconnected_client() with nullptr object\n");
     return nullptr;
   }
   if (!comm_socket_v4_is_open(c)) {

@@ -1,5 +1,8 @@
 // The endpoint object: its fields, its log lines, its closing, and the socket pair.
+#include <gmock/gmock.h>
+#include <signal.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 
 #include <tuple>
 
@@ -153,10 +156,49 @@ TEST_F(EndpointTest, PrintsTheClassesOfItsLogMask) {
   print();
   const std::string address = testing::PrintToString(static_cast<void*>(c));
   EXPECT_EQ("comm_socket_v4 ERROR [" + address + "]: 100% of it\n", captured.text());
-  const int memory = dup(2);
-  close(2);  // The next line is lost, which is no error to the caller.
-  EXPECT_EQ(Outcome(0, errno_before), outcome(print));
-  EXPECT_EQ(0, dup2(memory, 2) - 2 + close(memory));
+}
+
+TEST_F(EndpointTest, ALineIsOneWriteThatRaisesNoSignalAndLeavesTheProgramsOwn) {
+  static int caught;
+  caught = 0;
+  const Peer daemon([this] {
+    int ends[2], broken[2], file = memfd_create("log", 0);
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends) + pipe(broken) + close(broken[0]));
+    const auto print = [this](const std::string& text) {
+      EXPECT_EQ(Outcome(0, errno_before),
+                outcome([&] { return comm_socket_v4_error(c, "%s", text.c_str()), 0; }));
+    };
+    dup2(ends[0], 2);
+    for (const std::size_t length : {10u, 900u, 983u, 984u, 985u, 9000u}) {
+      const std::string text(length, 'x');
+      char record[10000];
+      print(text);
+      const std::string line(record, static_cast<std::size_t>(recv(ends[1], record, 10000, 0)));
+      EXPECT_EQ(text + '\n', line.substr(line.find(']') + 3));
+    }
+    const rlimit one_byte = {1, 1};
+    setrlimit(RLIMIT_FSIZE, &one_byte);
+    for (const int lost : {broken[1], file}) {  // would end the program by SIGPIPE, by SIGXFSZ
+      dup2(lost, 2);
+      print("x");
+      for (const int number : {SIGPIPE, SIGXFSZ}) signal(number, [](int) { ++caught; });
+      print("x");
+      EXPECT_EQ(0, caught);
+      raise(lost == file ? SIGXFSZ : SIGPIPE);
+      EXPECT_EQ(1, std::exchange(caught, 0)) << "a handler of the program's own";
+      for (const int number : {SIGPIPE, SIGXFSZ}) signal(number, SIG_DFL);
+    }
+    close(2);
+    print("x");
+    dup2(broken[1], 2);
+    sigset_t mask, pending;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGPIPE);
+    sigprocmask(SIG_BLOCK, &mask, nullptr);
+    raise(SIGPIPE);
+    print("x");
+    EXPECT_TRUE(sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1);
+  });
 }
 
 TEST_F(EndpointTest, APairIsConnectedAndOnlyTheHandedOutEndSurvivesExec) {

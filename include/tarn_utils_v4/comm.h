@@ -18,8 +18,10 @@
 //     array points into the packet and lives until the packet is destroyed or its buffer is
 //     resized, which any write may do; an empty text is static.
 //  5. Blocking. Only the four waits, comm_socket_v4_connect_to and
-//     comm_socket_v4_connect_wait_for_completion ever block. No send raises SIGPIPE, and a signal
-//     that ends a wait or a transfer is no failure.
+//     comm_socket_v4_connect_wait_for_completion block, and comm_socket_v4_create_server for two
+//     seconds at most. What the application lends may block all the same: standard error, when it
+//     is a full pipe, and the close of a descriptor that a peer has sent. No send and no log line
+//     raises SIGPIPE, and a signal that ends a wait or a transfer is no failure.
 //  6. Threads. None inside. One thread at a time uses an endpoint, its client records and its
 //     queues, and callbacks run on that thread. A packet may be referenced from several threads
 //     (addref and release are atomic), but is written or read by one thread at a time.
@@ -573,7 +575,9 @@ COMM_V4_EXPORT void comm_socket_v4_shut_up(comm_socket_v4* c);
 // A line "comm_socket_v4 LEVEL [address]: message" if the function's bit of log_mask is set: 1 for
 // errors, 2 for warnings and bug reports, 8 for debug. Otherwise the format is not looked at. A
 // newline is added to every message, also to one that ends in one. They leave errno alone. A line
-// is three writes, so lines of several threads may mix.
+// goes to stderr in one call, and so to its file in one write(2) unless the application buffers the
+// stream. What cannot be written is lost: neither SIGPIPE nor SIGXFSZ comes of it. A pipe that is
+// full makes the call wait for its reader.
 COMM_V4_EXPORT void comm_socket_v4_error(comm_socket_v4* c, const char* format, ...)
     COMM_V4_PRINTF(2, 3);
 COMM_V4_EXPORT void comm_socket_v4_warning(comm_socket_v4* c, const char* format, ...)
