@@ -1,6 +1,8 @@
 // The three ways to open an endpoint: a socket pair, a server socket, a connection to a server.
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <tarn_utils_v4/comm.h>
 #include <unistd.h>
 
@@ -8,11 +10,15 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "lib/descriptor_wait.h"
 #include "lib/fatal_assert.h"
+#include "lib/owned_descriptor.h"
+#include "lib/start_lock.h"
 #include "suite/io.h"
 #include "suite/process.h"
 #include "suite/time.h"
@@ -26,6 +32,9 @@ constexpr int socket_type = SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC;
 constexpr std::size_t max_path_length = sizeof(sockaddr_un::sun_path) - 2;
 // The kernel takes one connection more than the backlog; a client that meets a full queue retries.
 constexpr int listen_backlog = 0;
+constexpr mode_t socket_file_mode = 0666;
+// Has no meaning for a socket, and so marks the file that a bind has just made.
+constexpr mode_t socket_file_mark = S_ISVTX;
 constexpr std::uint64_t default_wait_us = 10000000;
 constexpr std::uint64_t retry_pause_us = 10000;
 
@@ -142,6 +151,11 @@ const char* kind_of(const struct stat& file) {
   return S_ISDIR(file.st_mode) ? "directory" : "non-socket";
 }
 
+// Why it cannot be asked whether a path is served.
+bool is_shortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+}
+
 // The path is in use: removes the socket file of a dead server, refuses everything else with a log
 // line. What the caller finds in errno for a path that is held is what bind said of it.
 int clear_occupied_path(comm_socket_v4* c) {
@@ -158,7 +172,12 @@ int clear_occupied_path(comm_socket_v4* c) {
                          path, kind_of(file));
     return -1;
   }
+  errno = 0;
   const int server_pid = get_socket_server_pid(path, 1);
+  if (server_pid == 0 && is_shortage(errno)) {
+    comm_socket_v4_error(c, "create_server_socket() cannot bind, %s\n", std::strerror(errno));
+    return -1;
+  }
   errno = EADDRINUSE;
   if (server_pid >= 0 && !c->flags.debug) {
     comm_socket_v4_error(c, "create_server_socket() another process is listening on '%s'", path);
@@ -182,6 +201,8 @@ int bind_to_path(comm_socket_v4* c) {
   struct sockaddr_un sun;
   std::size_t length;
   comm_socket_path_to_sockaddr_un(sun, length, c->socket_path);
+  std::optional<StartLock> lock;
+  if (!is_abstract(c->socket_path)) lock.emplace(c->socket_path);
   const auto bind_once = [&] {
     return ::bind(c->socket_fd, as_sockaddr(sun), static_cast<socklen_t>(length));
   };
@@ -195,6 +216,24 @@ int bind_to_path(comm_socket_v4* c) {
   return result;
 }
 
+// chmod(2) of an open file. Linux 6.6 needs no /proc for it.
+void set_mode(int fd, mode_t mode) {
+  constexpr long fchmodat2 = 452;
+  char name[32];
+  std::snprintf(name, sizeof(name), "/proc/self/fd/%d", fd);
+  if (::chmod(name, mode) != 0) ::syscall(fchmodat2, fd, "", mode, AT_EMPTY_PATH);
+}
+
+// Makes the mode of the file independent of the umask. In a directory that others may write the
+// path may name something else by now, which is left alone: only the marked file is touched.
+void set_socket_file_mode(const char* path) {
+  const OwnedDescriptor file(::open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat found;
+  if (!file.is_open() || ::fstat(file.get(), &found) != 0) return;
+  if (S_ISSOCK(found.st_mode) && (found.st_mode & socket_file_mark) != 0)
+    set_mode(file.get(), socket_file_mode);
+}
+
 // Makes the socket listen; on a failure, which is reported, the caller closes the endpoint.
 int open_server_socket(comm_socket_v4* c) {
   c->socket_fd = ::socket(AF_UNIX, socket_type, 0);
@@ -203,9 +242,11 @@ int open_server_socket(comm_socket_v4* c) {
                          std::strerror(errno));
     return -1;
   }
+  // The file gets the mode of the socket, less the umask (unix_bind_bsd() in Linux).
+  ::fchmod(c->socket_fd, socket_file_mode | socket_file_mark);
   if (bind_to_path(c) != 0) return -1;
   // The text of an abstract name could be that of somebody's file.
-  if (!is_abstract(c->socket_path)) ::chmod(c->socket_path.c_str(), 0666);
+  if (!is_abstract(c->socket_path)) set_socket_file_mode(c->socket_path.c_str());
   c->flags.bound = 1;
   if (::listen(c->socket_fd, listen_backlog) != 0) {
     comm_socket_v4_error(c, "create_server_socket(): cannot listen, %s\n", std::strerror(errno));

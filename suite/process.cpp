@@ -17,11 +17,12 @@
 
 namespace {
 
-enum class Answer { nobody, somebody };
+enum class Answer { nobody, somebody, unknown };
 
 // Asks with a datagram socket, whose connect leaves no trace at a listener: the kernel refuses it
 // with EPROTOTYPE when a socket of another type is bound to the file, and with ECONNREFUSED when
 // none is (unix(7)). Whatever else goes wrong says nothing about the server, so it counts as alive.
+// Unknown, with errno, when there is nothing to ask with.
 Answer ask(const char* path) {
   struct sockaddr_un address = {};
   address.sun_family = AF_UNIX;
@@ -29,7 +30,7 @@ Answer ask(const char* path) {
   std::memcpy(address.sun_path, path, std::strlen(path));
 
   const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return Answer::somebody;
+  if (fd < 0) return Answer::unknown;
   const int result =
       ::connect(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof(address));
   const int error = result == 0 ? 0 : errno;
@@ -139,10 +140,14 @@ int find_server(const char* path) {
 }  // namespace
 
 int get_socket_server_pid(const char* path, unsigned int /*reserved*/) {
-  if (ask(path) == Answer::nobody) return -1;
+  const Answer answer = ask(path);
+  if (answer == Answer::nobody) return -1;
+  if (answer == Answer::unknown) return 0;
+  int server = 0;
   try {
-    return find_server(path);
+    server = find_server(path);
   } catch (const std::bad_alloc&) {
-    return 0;
   }
+  errno = 0;
+  return server;
 }

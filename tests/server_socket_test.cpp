@@ -1,6 +1,9 @@
 // Making a server: the address of a path, and what is done about a path that is taken.
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+
+#include <optional>
 
 #include "suite/process.h"
 #include "support.h"
@@ -181,7 +184,11 @@ TEST_F(ServerSocketTest, SaysWhatFailedAndRemovesOnlyItsOwnFile) {
   expect(link, Type::symlink, cannot + held + "non-socket");
   expect(stale, Type::socket, says + "cannot create AF_UNIX packet: " + denied + "\n",
          Call::socket);
-  expect(stale, Type::socket, live, Call::socket, 2);  // none to ask with
+  stale();
+  Faults none_to_ask_with;
+  none_to_ask_with.fail(Call::socket, EMFILE, 2);
+  expect_refused(at, EMFILE, {cannot + "Too many open files\n"}, std::move(none_to_ask_with));
+  EXPECT_TRUE(fs::is_socket(at) && fs::remove(at));
   expect(stale, Type::socket, cannot + denied + "\n", Call::bind);
   expect(stale, Type::not_found, cannot + denied + "\n", Call::bind, 2);
   expect(stale, Type::socket, cannot + "and cannot stat path " + why, Call::lstat);
@@ -198,6 +205,66 @@ TEST_F(ServerSocketTest, SaysWhatFailedAndRemovesOnlyItsOwnFile) {
   expect_refused(path_of_length(107), ENAMETOOLONG, {says + too_long});
   expect_refused("@" + std::string(106, 'n'), ENAMETOOLONG, {says + too_long});
   expect_refused("", EINVAL, {"BUG: create_server_socket() with no socket path"});
+}
+
+// Whatever may happen between two steps of a start happens after every one of them.
+TEST_F(ServerSocketTest, TheModeIsThatOfTheBoundSocketAndOfNothingThatTookItsPlace) {
+  const std::string file = path("file"), other = path("other");
+  std::ofstream(file) << "text";
+  close(bound_socket(other));
+  for (const std::string& victim : {file, other}) fs::permissions(victim, fs::perms(0600));
+  const StderrCapture captured;
+  for (const Call step : {Call::bind, Call::fstat, Call::chmod})
+    for (const bool link : {true, false}) {
+      Faults swapping;
+      swapping.replace(step, [&](auto& real, void*) {
+        const long early = step == Call::chmod ? 0 : real();
+        fs::remove(at);
+        link ? fs::create_symlink(file, at) : fs::create_hard_link(other, at);
+        return step == Call::chmod ? real() : early;
+      });
+      const Endpoint c = make_endpoint();
+      EXPECT_EQ(0, swapping.during([&] { return create(c, at); }));
+      EXPECT_EQ(link ? file : other, (link ? fs::read_symlink(at) : fs::path(other)).string());
+      comm_socket_v4_close(c.get());
+      fs::remove(at);
+      for (const std::string& victim : {file, other})
+        EXPECT_EQ(fs::perms(0600), fs::status(victim).permissions()) << victim;
+    }
+}
+
+TEST_F(ServerSocketTest, OneAtATimeLooksRemovesAndBindsButNobodyWaitsForEver) {
+  const int directory = open(path("").c_str(), O_RDONLY | O_CLOEXEC);
+  const auto is_locked = [&] {
+    const bool locked = flock(directory, LOCK_EX | LOCK_NB) != 0;
+    if (!locked) flock(directory, LOCK_UN);
+    return locked;
+  };
+  close(bound_socket(at));
+  std::optional<Peer> forked;  // holds copies of every descriptor
+  Faults watched;
+  for (const Call step : {Call::lstat, Call::unlink, Call::bind})
+    watched.replace(step, [&, step](auto& real, void*) {
+      EXPECT_TRUE(is_locked());
+      if (step == Call::unlink) forked.emplace([] { pause(); });
+      return real();
+    });
+  const Endpoint c = make_endpoint();
+  EXPECT_EQ(0, watched.during([&] { return create(c, at); }));
+  EXPECT_EQ("2 1", std::to_string(watched.count(Call::bind)) + ' ' +
+                       std::to_string(watched.count(Call::unlink)));
+  EXPECT_FALSE(is_locked());
+  ASSERT_TRUE(forked.has_value());
+  kill(forked->pid(), SIGKILL);
+  forked->wait();
+  comm_socket_v4_close(c.get());
+
+  ASSERT_EQ(0, flock(directory, LOCK_EX));
+  Faults paused;
+  paused.replace(Call::usleep, [](auto&, void*) { return 0; });
+  EXPECT_EQ(0, paused.during([&] { return create(make_endpoint(), at); }));
+  EXPECT_EQ(2000u, paused.count(Call::usleep));
+  close(directory);
 }
 
 TEST_F(ServerSocketTest, ReopenBindsAgainAndToleratesAFailure) {

@@ -596,9 +596,13 @@ COMM_V4_EXPORT void comm_socket_v4_dump_state(const comm_socket_v4* c, std::FILE
 // others cannot write. The backlog is 0: a client that meets a full queue gets EAGAIN and tries
 // again, which comm_socket_v4_connect_to does by itself. The file of a dead server is replaced; a
 // live server's is not (unless flags.debug is set), nor one of which that cannot be found out, nor
-// anything that is not a socket.
+// anything that is not a socket. Of several servers that start at once one gets the path: they take
+// turns by a lock (flock(2)) on its directory, which is waited for two seconds at most and done
+// without where it cannot be had. The mode is given to the file that was bound, by way of
+// /proc/self/fd or, from Linux 6.6 on, without; where neither works the umask has its say.
 // -1 with the endpoint closed and the path kept: EINVAL without a path, ENAMETOOLONG above 106
-// characters, ENOMEM, EADDRINUSE when the path is held, or what the failing system call left.
+// characters, ENOMEM, EADDRINUSE when the path is held, EMFILE and its like also when there is no
+// descriptor to ask with whether it is, or what the failing system call left.
 COMM_V4_EXPORT int comm_socket_v4_create_server(comm_socket_v4* c, const char* path);
 // Binds an open server to its path again. -1 when c is null or not an open server; errno is then 0.
 // Else 0, with the errno of the bind: 0 after success, EINVAL while it is still bound, for which

@@ -1,0 +1,23 @@
+// One server at a time looks at a path, clears it and binds to it.
+#ifndef TARN_LIB_START_LOCK_H
+#define TARN_LIB_START_LOCK_H
+
+#include <string>
+
+#include "lib/owned_descriptor.h"
+
+// A lock (flock(2)) on the directory of the path, among the processes that use this library.
+// Whoever can open the directory may hold it, so it is waited for two seconds at most; without it
+// the owner goes on all the same. Leaves errno alone.
+class StartLock {
+ public:
+  explicit StartLock(const std::string& path) noexcept;
+  ~StartLock();
+  StartLock(const StartLock&) = delete;
+  StartLock& operator=(const StartLock&) = delete;
+
+ private:
+  OwnedDescriptor directory_;
+};
+
+#endif
