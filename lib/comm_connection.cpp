@@ -16,6 +16,7 @@
 #include <string>
 
 #include "lib/descriptor_wait.h"
+#include "lib/endpoint_internal.h"
 #include "lib/fatal_assert.h"
 #include "lib/owned_descriptor.h"
 #include "lib/start_lock.h"
@@ -89,13 +90,21 @@ bool may_become_socketpair(comm_socket_v4* c, bool makes_new) {
   return true;
 }
 
+// Nothing says that an adopted socket has a peer.
+bool has_peer(int fd) {
+  struct sockaddr_un peer;
+  socklen_t length = sizeof(peer);
+  return ::getpeername(fd, reinterpret_cast<struct sockaddr*>(&peer), &length) == 0;
+}
+
 void become_socketpair(comm_socket_v4* c, int fd) {
   c->socket_fd = fd;
+  comm_v4_internals::of(c).pair_has_peer = has_peer(fd);
   c->flags.server = 0;
   c->flags.bound = 0;
   c->flags.idle_enabled = 1;
   c->flags.socketpair = 1;
-  c->status = {};
+  clear_word(c->status);
 }
 
 }  // namespace

@@ -59,9 +59,14 @@ void idle_clients(comm_socket_v4* s, Expected expected) {
   }
 }
 
+// Of a socket without a peer poll(2) may say nothing although a read fails.
+bool is_known_to_be_connected(const comm_socket_v4* s) {
+  return s->flags.socketpair ? comm_v4_internals::of(s).pair_has_peer
+                             : !comm_socket_v4_connection_pending(s);
+}
+
 bool has_nothing_to_do(const comm_socket_v4* s) {
-  return s->next_packet == nullptr && !comm_socket_v4_connection_pending(s) &&
-         is_quiet(s->socket_fd);
+  return s->next_packet == nullptr && is_known_to_be_connected(s) && is_quiet(s->socket_fd);
 }
 
 int idle(comm_socket_v4* s, Expected expected) {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "lib/client_slot.h"
+#include "lib/endpoint_internal.h"
 #include "lib/fatal_assert.h"
 #include "lib/quiet_clients.h"
 
@@ -146,7 +147,8 @@ comm_socket_v4_packet* take(comm_socket_v4_packet*& slot) { return std::exchange
 
 // A server that is emptied after every wait mostly finds as many packets as the time before.
 Expected expected_by_retrieval(const comm_socket_v4* s) {
-  return s->retrieved_in_a_row == s->retrieved_last_time ? Expected::quiet : Expected::packets;
+  const comm_v4_internals& own = comm_v4_internals::of(s);
+  return own.retrieved_in_a_row == own.retrieved_last_time ? Expected::quiet : Expected::packets;
 }
 
 // Visits the clients in rotation, each once at most.
@@ -189,11 +191,11 @@ comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* s,
                                                         comm_socket_v4_client** from) {
   if (from != nullptr) *from = nullptr;
   comm_socket_v4_packet* const packet = next_packet_of_a_client(s, from);
-  if (packet != nullptr) {
-    ++s->retrieved_in_a_row;
-  } else {
-    s->retrieved_last_time = std::exchange(s->retrieved_in_a_row, 0);
-  }
+  comm_v4_internals& own = comm_v4_internals::of(s);
+  if (packet != nullptr)
+    ++own.retrieved_in_a_row;
+  else
+    own.retrieved_last_time = std::exchange(own.retrieved_in_a_row, 0);
   return packet;
 }
 

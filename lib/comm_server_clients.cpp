@@ -33,8 +33,7 @@ constexpr std::size_t max_slots = std::size_t{1} << 20;
 // --- Record -------------------------------------------------------------------------------------
 
 comm_socket_v4_client::comm_socket_v4_client() noexcept
-    : status(),
-      halt(0),
+    : halt(0),
       pending_response_packet(nullptr),
       client_fd(-1),
       cred(),
@@ -42,7 +41,10 @@ comm_socket_v4_client::comm_socket_v4_client() noexcept
       next_packet(nullptr),
       server(nullptr),
       tag(0),
-      recv_cb(nullptr) {}
+      recv_cb(nullptr),
+      generation_(0) {
+  clear_word(status);
+}
 
 comm_socket_v4* comm_socket_v4_client::get_server() const { return server; }
 bool comm_socket_v4_client::client_is_open() const {
@@ -211,6 +213,7 @@ comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* c) {
     comm_socket_v4_close(c);
     return nullptr;
   }
+  comm_v4_internals::generation(*client) = ++comm_v4_internals::of(c).accepted;
   client->server = c;
   client->client_fd = fd;
   client->accept_time_us = monotonic_clock_us();
@@ -318,11 +321,12 @@ void comm_socket_v4_free_client(comm_socket_v4_client* c) {
   comm_socket_v4_packet_release(c->next_packet);
   c->next_packet = nullptr;
   c->cred = {};
-  c->status = {};
+  clear_word(c->status);
   c->accept_time_us = 0;
   c->halt = 0;
   c->client_fd = -1;
   c->server = nullptr;
+  comm_v4_internals::generation(*c) = 0;
 }
 
 void comm_socket_v4_drop_clients(comm_socket_v4* c) {

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 
+#include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
 #include "lib/fatal_assert.h"
 
@@ -45,8 +46,6 @@ void close_socket(comm_socket_v4* c) {
 
 comm_socket_v4::comm_socket_v4()
     : log_mask(3),
-      flags(),
-      status(),
       tag(0),
       recv_cb(nullptr),
       socket_fd(-1),
@@ -60,13 +59,16 @@ comm_socket_v4::comm_socket_v4()
       client_getpktscan(0),
       next_packet(nullptr),
       socketpair_remote_fd(-1),
-      retrieved_in_a_row(0),
-      retrieved_last_time(0) {}
+      internals_(new comm_v4_internals) {
+  clear_word(flags);
+  clear_word(status);
+}
 
 comm_socket_v4::~comm_socket_v4() {
   next_packet = comm_socket_v4_packet_release(next_packet);
   comm_socket_v4_close(this);
   comm_socket_v4_set_socket_path(this, nullptr);
+  delete internals_;
 }
 
 comm_socket_v4* comm_socket_v4_create() { return new (std::nothrow) comm_socket_v4; }
@@ -87,7 +89,7 @@ int comm_socket_v4_close(comm_socket_v4* c) {
   c->flags.bound = 0;
   c->flags.socketpair = 0;
   c->flags.idle_enabled = 1;
-  c->status = {};
+  clear_word(c->status);
   return 0;
 }
 

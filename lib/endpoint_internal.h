@@ -1,10 +1,34 @@
-// Operations on endpoints that one source offers to the others and not to the application.
+// What the library keeps for itself of endpoints and client records, and operations that one source
+// offers to the others and not to the application.
 #ifndef TARN_LIB_ENDPOINT_INTERNAL_H
 #define TARN_LIB_ENDPOINT_INTERNAL_H
 
 #include <tarn_utils_v4/comm.h>
 
 #include <cstdarg>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+// Of an endpoint, made and destroyed with it. Close keeps it.
+struct comm_v4_internals {
+  std::vector<int> descriptor_room;       // for the descriptors of the next packet
+  std::uint64_t retrieved_in_a_row = 0;   // since a retrieval found nothing
+  std::uint64_t retrieved_last_time = 0;  // in the row before
+  bool pair_has_peer = false;             // of the socket of a pair, as far as is known
+  std::uint64_t accepted = 0;             // connections, in all the life of the endpoint
+
+  static comm_v4_internals& of(const comm_socket_v4* c) { return *c->internals_; }
+  // The number of the connection among all that the endpoint accepted; 0 in an empty record.
+  static std::uint64_t& generation(comm_socket_v4_client& client) { return client.generation_; }
+};
+
+// Every bit, those without a name too.
+template <class Word>
+void clear_word(Word& word) {
+  static_assert(sizeof(word) == 4);
+  std::memset(&word, 0, sizeof(word));
+}
 
 // lib/comm_logging
 

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "lib/endpoint_internal.h"
 #include "lib/fatal_assert.h"
 #include "lib/packet_layout.h"
 
@@ -59,7 +60,8 @@ bool reserve_descriptors(std::vector<int>& room) noexcept {
 // with ENOMEM.
 PacketRef create_packet(const ReceiveSide& side, std::size_t size) {
   PacketRef packet(comm_socket_v4_packet_create());
-  if (packet == nullptr || !reserve_descriptors(side.endpoint->descriptor_room)) {
+  if (packet == nullptr ||
+      !reserve_descriptors(comm_v4_internals::of(side.endpoint).descriptor_room)) {
     packet.reset();
     comm_socket_v4_debug(side.endpoint, "client_idle() fd=%d cannot create packet", side.fd);
   } else if (packet->resize_buffer(size + size_margin) != 0) {
@@ -72,7 +74,7 @@ PacketRef create_packet(const ReceiveSide& side, std::size_t size) {
 
 void take_descriptors(const ReceiveSide& side, struct msghdr& message,
                       comm_socket_v4_packet& packet) {
-  std::vector<int>& room = side.endpoint->descriptor_room;
+  std::vector<int>& room = comm_v4_internals::of(side.endpoint).descriptor_room;
   const char* const end = static_cast<const char*>(message.msg_control) + message.msg_controllen;
   for (struct cmsghdr* control = CMSG_FIRSTHDR(&message); control != nullptr;
        control = CMSG_NXTHDR(&message, control)) {

@@ -3,8 +3,11 @@
 #include <climits>
 
 #include "connections.h"
+#include "lib/endpoint_internal.h"
 
 namespace {
+
+comm_v4_internals& own(comm_socket_v4* c) { return comm_v4_internals::of(c); }
 
 class BudgetTest : public ServerTest {
  protected:
@@ -26,9 +29,9 @@ TEST_F(BudgetTest, APacketCostsOneCallToSendTwoToReceiveAndEveryTimeTheSameMemor
   join();
   comm_socket_v4* const c = peers[0].get();
   const std::string came = "recvmsg 1, ioctl 1, malloc 1, operator_new 1";
-  s.descriptor_room.reserve(COMM_V4_MAX_SEND_FDS);
-  c->descriptor_room.reserve(COMM_V4_MAX_SEND_FDS);
-  s.retrieved_last_time = 1;
+  own(&s).descriptor_room.reserve(COMM_V4_MAX_SEND_FDS);
+  own(c).descriptor_room.reserve(COMM_V4_MAX_SEND_FDS);
+  own(&s).retrieved_last_time = 1;
   for (int i = 0; i < 100; ++i) {
     EXPECT_EQ("malloc 1, operator_new 3", cost([&] { packet = ping_packet(); }));
     EXPECT_EQ("sendmsg 1", cost([&] { comm_socket_v4_packet_send_to_server(c, packet.get()); }));
@@ -51,13 +54,13 @@ TEST_F(BudgetTest, QuietClientsCostOnePollFor64BeyondTheFirstTwoAndAWaitOneSelec
               {3, "recvmsg 2, ioctl 2, poll 1, malloc 2, operator_new 2", "select 1, poll 1"},
               {66, "recvmsg 2, ioctl 2, poll 1, malloc 2, operator_new 2", "select 1, poll 2"},
               {67, "recvmsg 2, ioctl 2, poll 2, malloc 2, operator_new 2", "select 1, poll 2"}};
-  s.descriptor_room.reserve(COMM_V4_MAX_SEND_FDS);
+  own(&s).descriptor_room.reserve(COMM_V4_MAX_SEND_FDS);
   for (const auto& row : rows) {
     join(row.clients);
     // An idle pass over all of them, the first one first.
     s.client.resize(2 * row.clients);
     s.client_idlescan = s.client_getpktscan = 0;
-    s.retrieved_in_a_row = s.retrieved_last_time + 1;
+    own(&s).retrieved_in_a_row = own(&s).retrieved_last_time + 1;
     EXPECT_EQ(row.receive, cost([&] { receive(); }));
     EXPECT_EQ(row.wait, cost([&] { comm_socket_v4_server_from_client_readable(&s, in_ms(20)); }));
   }

@@ -47,6 +47,18 @@ TEST_F(EndpointTest, StartsClosed) {
                    comm_socket_v4_destroy(nullptr));
   EXPECT_EQ(nullptr, failing(Call::operator_new, ENOMEM, comm_socket_v4_create));
   EXPECT_THROW(failing(Call::operator_new, ENOMEM, comm_socket_v4_create, 2), std::bad_alloc);
+
+  // Bits without a name are 0, too.
+  alignas(16) unsigned char memory[2 * sizeof *c];
+  std::uint32_t words[3];
+  memset(memory, 0xFF, sizeof memory);
+  auto* const made = new (memory) comm_socket_v4;
+  auto* const record = new (memory + sizeof *c) comm_socket_v4_client;
+  memcpy(words, &made->flags, 4);
+  memcpy(words + 1, &made->status, 4);
+  memcpy(words + 2, &record->status, 4);
+  made->~comm_socket_v4();
+  EXPECT_THAT(words, testing::Each(0));
 }
 
 TEST_F(EndpointTest, CloseEndsEveryRoleAndKeepsWhatTheApplicationSet) {
@@ -152,8 +164,7 @@ TEST_F(EndpointTest, PrintsTheClassesOfItsLogMask) {
   EXPECT_EQ(15u, (comm_socket_v4_debug_logging(c), unsigned{c->log_mask}));
   EXPECT_EQ(3u, (comm_socket_v4_normal_logging(c), unsigned{c->log_mask}));
   captured.clear();
-  const auto print = [this] { return comm_socket_v4_error(c, "100%% of %s", "it"), 0; };
-  print();
+  comm_socket_v4_error(c, "100%% of %s", "it");
   const std::string address = testing::PrintToString(static_cast<void*>(c));
   EXPECT_EQ("comm_socket_v4 ERROR [" + address + "]: 100% of it\n", captured.text());
 }

@@ -185,6 +185,14 @@ BUG: wait_for_client_to_server_writeable() idle() did not signal error but socke
       log());
 }
 
+// poll(2) says nothing of a listening socket, and a read from it fails.
+TEST_F(LoopTest, AWaitOnASocketWithoutPeerFailsAsItsReadDoes) {
+  peers.push_back(make_endpoint());
+  ASSERT_EQ(0, comm_socket_v4_connect_use_socketpair(client(), bound_socket(path())));
+  for (const Wait which : {client_reads, client_writes})
+    EXPECT_EQ("-1 EINVAL", answered(wait(which, in_ms(50))));
+}
+
 TEST_F(LoopTest, DescriptorsFrom1024OnWorkAndLowerOnesNeedNoMemory) {
   join();
   s.flags.idle_enabled = client()->flags.idle_enabled = 0;

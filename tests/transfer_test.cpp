@@ -400,14 +400,31 @@ class ServerReadTest : public ServerTest {
   void send_from(std::size_t peer) {
     comm_socket_v4_packet_send_to_server(peers[peer].get(), carrier(1).get());
   }
-  // One that waits takes the place of the client, and the number of its descriptor; it has sent.
+  // One that waits takes the place of the client, and the number of its descriptor, all within one
+  // tick of the clock; it has sent.
   comm_socket_v4_client* replace(unsigned long index) {
+    const std::uint64_t time = s.client[index].accept_time_us;
     send_from(peers.size() - 1);
     release(index);
     s.client_next = index;
-    return accept();
+    comm_socket_v4_client* const client = accept();
+    client->accept_time_us = time;
+    return client;
   }
 };
+
+// What was not validated leaves the slot, whatever the callback wrote into the record.
+TEST_F(ServerReadTest, ACallbackMayWriteToItsRecord) {
+  join();
+  s.client[0].set_recv_cb([](comm_socket_v4_client* c, comm_socket_v4_packet* p) {
+    c->accept_time_us = p->buffer[0] = 0;
+    c->server = nullptr;
+    return 0;
+  });
+  send_from(0);
+  EXPECT_EQ(nullptr, comm_socket_v4_client_get_packet(&s.client[0]));
+  EXPECT_EQ(nullptr, s.client[0].next_packet);
+}
 
 // Slot 2 is the first one of a window that is asked about at once; slot 5 is in it, and quiet then.
 TEST_F(ServerReadTest, APassSeesWhatACallbackDidToTheClientsBehindIt) {

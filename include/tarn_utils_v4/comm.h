@@ -418,7 +418,7 @@ class COMM_V4_EXPORT comm_socket_v4_client {
                                                    // set no further packet is handed out
   std::int32_t client_fd;                          // non-blocking, close-on-exec; -1 when empty
   struct ucred cred;                               // pid, uid and gid of the peer, from the kernel
-  std::uint64_t accept_time_us;
+  std::uint64_t accept_time_us;        // when, on the clock of the deadlines; only for reading
   comm_socket_v4_packet* next_packet;  // the packet that waits to be retrieved, one reference owned
   comm_socket_v4* server;              // null when empty
   std::uint64_t tag;                   // the application's; a reused slot still has the old value,
@@ -438,6 +438,10 @@ class COMM_V4_EXPORT comm_socket_v4_client {
   // not destroy the endpoint. The packet of a client that it releases is gone with the client. An
   // exception drops the packet and passes through.
   void set_recv_cb(int (*cb)(comm_socket_v4_client*, comm_socket_v4_packet*));
+
+ private:
+  friend struct comm_v4_internals;
+  std::uint64_t generation_;
 };
 
 // ------------------------------------------------------------------------------------------------
@@ -473,10 +477,6 @@ class COMM_V4_EXPORT comm_socket_v4 {
   comm_socket_v4_packet* next_packet;         // of a client: the packet that waits, one reference
   std::deque<std::uint64_t> disconnect_list;  // slots to be released
   std::int32_t socketpair_remote_fd;          // the other end, until it is taken
-  // The library's own, kept from one call to the next so that calls cost less.
-  std::vector<int> descriptor_room;   // for the descriptors of the next packet
-  std::uint64_t retrieved_in_a_row;   // since a retrieval found nothing
-  std::uint64_t retrieved_last_time;  // in the row before
 
   comm_socket_v4();
   ~comm_socket_v4();
@@ -497,6 +497,10 @@ class COMM_V4_EXPORT comm_socket_v4 {
   comm_socket_v4_client* index2client(unsigned long index);
   // The slot of a record; COMM_V4_NO_INDEX for null, an empty record or one outside the table.
   static unsigned long client_ptr2index_noerr(const comm_socket_v4_client* client);
+
+ private:
+  friend struct comm_v4_internals;
+  struct comm_v4_internals* const internals_;
 };
 
 constexpr unsigned long COMM_V4_NO_INDEX = ~0ul;
@@ -729,7 +733,8 @@ COMM_V4_EXPORT int comm_socket_v4_client_idle(comm_socket_v4_client* c);
 // set is left alone; with pending_response_packet set its next packet is read, but not handed out.
 // A null endpoint gives null from get_packet_from_server. Null also when a packet was read and
 // dropped with others behind it: watch level-triggered, and after an idle or a wait call until null
-// before sleeping elsewhere.
+// before sleeping elsewhere. errno is what the idle beneath left, which tells how a connection of a
+// client ended; where there was just nothing to read it says nothing.
 COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_server_get_packet(
     comm_socket_v4* s, comm_socket_v4_client** from);
 COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_client_get_packet(comm_socket_v4_client* c);
@@ -739,7 +744,10 @@ COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_client_get_packet_from_serv
 // Waits: idle, then block until something is ready or the deadline passes. 1 ready, 0 not ready (or
 // a signal came), -1 on an endpoint that is null, closed or of the wrong kind, when idle fails, or
 // when select(2) fails, which is logged and leaves its errno. Descriptors may have any number, 1024
-// and above too. A wait on a server idles all of it. A client whose halt or pending_response_packet
+// and above too. A wait on a server idles half of its slots, as idle does, and may so notice the
+// end of a client, which no select reports again: look at the disconnect list before a wait without
+// a deadline. On a connection on which nothing has come a wait does not read, and so does not meet
+// what makes a read fail, such as a lack of memory. A client whose halt or pending_response_packet
 // is set makes the server's wait answer 1 as long as it has something. While a connect is pending
 // the waits of a client answer 1: use comm_socket_v4_connect_wait_for_completion.
 //
