@@ -47,6 +47,7 @@ class Model {
     if (const char* const path = std::getenv("COMM_FUZZ_PACKET"))
       std::ofstream(path) << bytes_of(&p_);
     REQUIRE(p_.tag == 1);  // completions
+    REQUIRE(p_.wr_nv_pair.size() == (pair_count_ < 4096 ? 0 : pair_count_));
     REQUIRE(p_.buffer[p_.buffer_length] == 0);
     const Packet sent = exact_packet(bytes_of(&p_));
     const bool accepted = accepts(sent);

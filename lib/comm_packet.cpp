@@ -181,12 +181,17 @@ namespace {
 using Packet = comm_socket_v4_packet;
 template <class Result>
 using ArgvReader = Result (Packet::*)(const comm_socket_v4_packet_argv*) const;
+template <class Result>
+using ArgvReaderByIndex = Result (Packet::*)(std::size_t) const;
 
 [[gnu::used]] const auto exported_readers = std::make_tuple(
     &Packet::command, &Packet::error_string, &Packet::data, &Packet::data_length, &Packet::argc,
     &Packet::nv_entries, &Packet::argv, ArgvReader<const char*>(&Packet::argv_text),
     ArgvReader<std::uint64_t>(&Packet::argv_uint64), ArgvReader<std::int64_t>(&Packet::argv_int64),
-    ArgvReader<double>(&Packet::argv_double), &Packet::nv_entry, &Packet::nv_pair_name,
+    ArgvReader<double>(&Packet::argv_double), ArgvReaderByIndex<const char*>(&Packet::argv_text),
+    ArgvReaderByIndex<std::uint64_t>(&Packet::argv_uint64),
+    ArgvReaderByIndex<std::int64_t>(&Packet::argv_int64),
+    ArgvReaderByIndex<double>(&Packet::argv_double), &Packet::nv_entry, &Packet::nv_pair_name,
     &Packet::nv_pair_value_raw, &Packet::nv_pair_value_binary, &Packet::nv_pair_value_text,
     &Packet::nv_pair_value_uint64, &Packet::nv_pair_value_int64, &Packet::nv_pair_value_double);
 

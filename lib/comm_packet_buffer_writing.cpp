@@ -334,7 +334,8 @@ int comm_socket_v4_packet::write_int_append_tables() {
     return -1;
   }
   wr_argv.clear();
-  wr_nv_pair.clear();
+  // Too many pairs go nowhere, and stay where they are.
+  if (wr_nv_pair.size() <= packet_layout::max_nv_pair_entries) wr_nv_pair.clear();
   return 0;
 }
 

@@ -539,8 +539,8 @@ class Validation {
 
 }  // namespace
 
-int comm_socket_v4_validate_packet_contents(comm_socket_v4* c, comm_socket_v4_packet* p,
-                                            comm_socket_v4_packet_header* header) {
+int comm_socket_v4_validate_packet_contents(comm_socket_v4* c, const comm_socket_v4_packet* p,
+                                            const comm_socket_v4_packet_header* header) {
   return Validation(c, *p, *header).passes() ? 0 : -1;
 }
 

@@ -14,7 +14,6 @@ namespace packet_layout {
 
 static_assert(std::endian::native == std::endian::little, "packets are little-endian");
 static_assert(std::numeric_limits<double>::is_iec559 && sizeof(double) == 8, "binary64 doubles");
-static_assert(sizeof(unsigned long) == 8, "deadlines and indices are 64 bits wide");
 
 static_assert(sizeof(comm_socket_v4_packet_header) == COMM_V4_HEADER_LENGTH);
 static_assert(offsetof(comm_socket_v4_packet_header, header_length) == 4);

@@ -42,6 +42,7 @@
 //     command                       255 bytes, a longer one is cut
 //     error string, name            4095 bytes, likewise
 //     text                          65,535 bytes, likewise
+//     formatted argument            256 bytes, a longer one is refused
 //     data in one write call        262,144 bytes
 //     a packet that is received     64 to 65,551 bytes; a longer one can be sent, and is dropped
 //     attached descriptors          8; a received packet that is sent on carries up to 60
@@ -76,6 +77,8 @@
 class comm_socket_v4;
 class comm_socket_v4_client;
 class comm_socket_v4_packet;
+
+static_assert(sizeof(unsigned long) == 8, "deadlines and indices are unsigned longs of 64 bits");
 
 // ------------------------------------------------------------------------------------------------
 // Bytes of a packet. They travel as they are: little-endian, without alignment or padding, every
@@ -261,7 +264,7 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   // touches errno. When memory runs out while a string or a value is copied the write still returns
   // 0, and the value is absent from the packet; the receiver refuses a packet without a command or
   // with such a pair. Pairs are not counted: with more than 4095 every write returns 0, and the
-  // packet goes out without any of them.
+  // packet goes out without any of them; they stay in wr_nv_pair.
   //
   // write_begin: null or empty strings are left out. `size_hint` is the expected size of the whole
   // packet in bytes; 0 means 8192, anything else is raised to 4096. -1 with ENOMEM when there is no
@@ -330,26 +333,30 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   std::uint64_t argv_uint64(const comm_socket_v4_packet_argv* entry) const;
   std::int64_t argv_int64(const comm_socket_v4_packet_argv* entry) const;
   double argv_double(const comm_socket_v4_packet_argv* entry) const;
-  // The same by index. Templates, so that a literal 0 is an index and not a null entry.
+  // The same by index. The templates make a literal 0 an index and not a null entry.
+  const char* argv_text(std::size_t index) const;
+  std::uint64_t argv_uint64(std::size_t index) const;
+  std::int64_t argv_int64(std::size_t index) const;
+  double argv_double(std::size_t index) const;
   template <class Index,
             class = typename std::enable_if<std::is_convertible<Index, std::size_t>::value>::type>
   const char* argv_text(Index index) const {
-    return argv_text(argv(static_cast<std::size_t>(index)));
+    return argv_text(static_cast<std::size_t>(index));
   }
   template <class Index,
             class = typename std::enable_if<std::is_convertible<Index, std::size_t>::value>::type>
   std::uint64_t argv_uint64(Index index) const {
-    return argv_uint64(argv(static_cast<std::size_t>(index)));
+    return argv_uint64(static_cast<std::size_t>(index));
   }
   template <class Index,
             class = typename std::enable_if<std::is_convertible<Index, std::size_t>::value>::type>
   std::int64_t argv_int64(Index index) const {
-    return argv_int64(argv(static_cast<std::size_t>(index)));
+    return argv_int64(static_cast<std::size_t>(index));
   }
   template <class Index,
             class = typename std::enable_if<std::is_convertible<Index, std::size_t>::value>::type>
   double argv_double(Index index) const {
-    return argv_double(argv(static_cast<std::size_t>(index)));
+    return argv_double(static_cast<std::size_t>(index));
   }
   // Null when index is at or beyond nv_entries(). Pairs keep the order of writing, and several may
   // share a name. The entry passed to the others comes from here and is not null.
@@ -800,9 +807,8 @@ COMM_V4_EXPORT int comm_socket_v4_client_on_recv_packet(comm_socket_v4* s,
 // p->buffer; p has at least 64 bytes and a NUL behind them. Not checked: header_length, flags, ids,
 // types of pairs, overlaps, where a text ends, whether the length of a list is a multiple of 8.
 // Only reads; leaves errno alone.
-COMM_V4_EXPORT int comm_socket_v4_validate_packet_contents(comm_socket_v4* c,
-                                                           comm_socket_v4_packet* p,
-                                                           comm_socket_v4_packet_header* header);
+COMM_V4_EXPORT int comm_socket_v4_validate_packet_contents(
+    comm_socket_v4* c, const comm_socket_v4_packet* p, const comm_socket_v4_packet_header* header);
 
 // --- Packet: the members as functions. Null is taken only where it is mentioned. ----------------
 
@@ -1001,6 +1007,19 @@ inline std::int64_t comm_socket_v4_packet::argv_int64(
 
 inline double comm_socket_v4_packet::argv_double(const comm_socket_v4_packet_argv* entry) const {
   return argv_number<double>(entry, comm_v4_type_double);
+}
+
+inline const char* comm_socket_v4_packet::argv_text(std::size_t index) const {
+  return argv_text(argv(index));
+}
+inline std::uint64_t comm_socket_v4_packet::argv_uint64(std::size_t index) const {
+  return argv_uint64(argv(index));
+}
+inline std::int64_t comm_socket_v4_packet::argv_int64(std::size_t index) const {
+  return argv_int64(argv(index));
+}
+inline double comm_socket_v4_packet::argv_double(std::size_t index) const {
+  return argv_double(argv(index));
 }
 
 inline const comm_socket_v4_packet_nv_pair* comm_socket_v4_packet::nv_entry(
