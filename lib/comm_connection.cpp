@@ -18,7 +18,7 @@
 #include "lib/descriptor_wait.h"
 #include "lib/endpoint_internal.h"
 #include "lib/fatal_assert.h"
-#include "lib/owned_descriptor.h"
+#include "lib/owners.h"
 #include "lib/start_lock.h"
 #include "suite/io.h"
 #include "suite/process.h"
@@ -236,7 +236,7 @@ void set_mode(int fd, mode_t mode) {
 // Makes the mode of the file independent of the umask. In a directory that others may write the
 // path may name something else by now, which is left alone: only the marked file is touched.
 void set_socket_file_mode(const char* path) {
-  const OwnedDescriptor file(::open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  const Descriptor file(::open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat found;
   if (!file.is_open() || ::fstat(file.get(), &found) != 0) return;
   if (S_ISSOCK(found.st_mode) && (found.st_mode & socket_file_mark) != 0)

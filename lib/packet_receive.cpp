@@ -7,13 +7,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <new>
 #include <utility>
 #include <vector>
 
 #include "lib/endpoint_internal.h"
 #include "lib/fatal_assert.h"
+#include "lib/owners.h"
 #include "lib/packet_layout.h"
 
 unsigned int comm_socket_v4_recv_corrupt_debug = 0;
@@ -23,11 +23,6 @@ namespace {
 // Asked for beyond the size that the kernel announces.
 constexpr std::size_t size_margin = 16;
 constexpr std::size_t min_received_length = COMM_V4_HEADER_LENGTH + 1;
-
-struct ReleasePacket {
-  void operator()(comm_socket_v4_packet* p) const { comm_socket_v4_packet_release(p); }
-};
-using PacketRef = std::unique_ptr<comm_socket_v4_packet, ReleasePacket>;
 
 // FIONREAD answers the sum of all records that wait on a local socket, 0 for an empty queue and for
 // a peer that has gone.
@@ -58,8 +53,8 @@ bool reserve_descriptors(std::vector<int>& room) noexcept {
 // A packet with room for a record of `size` bytes and the NUL behind it, beside room for every
 // descriptor that may come along: nothing that has arrived can be lost to a lack of memory. Null
 // with ENOMEM.
-PacketRef create_packet(const ReceiveSide& side, std::size_t size) {
-  PacketRef packet(comm_socket_v4_packet_create());
+Packet create_packet(const ReceiveSide& side, std::size_t size) {
+  Packet packet(comm_socket_v4_packet_create());
   if (packet == nullptr ||
       !reserve_descriptors(comm_v4_internals::of(side.endpoint).descriptor_room)) {
     packet.reset();
@@ -117,7 +112,7 @@ ssize_t receive_record(const ReceiveSide& side, comm_socket_v4_packet& packet, i
 // A packet in the slot that leaves it again unless it is kept.
 class OfferedPacket {
  public:
-  OfferedPacket(ReceiveSide& side, PacketRef packet) : side_(side), packet_(packet.release()) {
+  OfferedPacket(ReceiveSide& side, Packet packet) : side_(side), packet_(packet.release()) {
     *side_.slot() = packet_;
   }
   ~OfferedPacket() {
@@ -143,7 +138,7 @@ class OfferedPacket {
 };
 
 // Callback, checks and validation; what passes stays in the slot.
-void deliver(ReceiveSide& side, PacketRef received) {
+void deliver(ReceiveSide& side, Packet received) {
   OfferedPacket packet(side, std::move(received));
   const int answer = side.offer(packet.get());
   if (!packet.in_slot()) return;
@@ -176,7 +171,7 @@ int receive_packet(ReceiveSide& side) {
   if (*side.slot() != nullptr) return 0;
   int avail;
   if (!ask_announced_bytes(side, &avail)) return -1;
-  PacketRef packet = create_packet(side, read_size(avail));
+  Packet packet = create_packet(side, read_size(avail));
   if (packet == nullptr) return -1;
   fatal_assert(packet->buffer_alloc >= 1, "c->next_packet->buffer_alloc >= 1", side.source,
                side.function);

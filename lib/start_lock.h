@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "lib/owned_descriptor.h"
+#include "lib/owners.h"
 
 // A lock (flock(2)) on the directory of the path, among the processes that use this library.
 // Whoever can open the directory may hold it, so it is waited for two seconds at most; without it
@@ -17,7 +17,7 @@ class StartLock {
   StartLock& operator=(const StartLock&) = delete;
 
  private:
-  OwnedDescriptor directory_;
+  Descriptor directory_;
 };
 
 #endif
