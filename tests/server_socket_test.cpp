@@ -106,6 +106,7 @@ TEST_F(ServerSocketTest, RefusesThePathOfALiveServerAndReplacesTheFileOfADeadOne
       expect_refused(at, EADDRINUSE, {live});
       // In /proc/net/unix the text is still that of the live server, whose file this is no more.
       EXPECT_TRUE(fs::remove(at) && close(bound_socket(at, type)) == 0);
+      await_death(at);
       EXPECT_GT(0, get_socket_server_pid(at.c_str(), 1));
       const StderrCapture captured;
       EXPECT_EQ(0, create(make_endpoint(), at));
@@ -137,8 +138,10 @@ TEST_F(ServerSocketTest, AWorkerIsNotTakenForTheServerWhoseConnectionItHolds) {
   const Endpoint client = join(server.get()).first;
   Peer worker([&] {
     close(server->get_socket_fd());
+    fs::create_directory(path("holds"));
     pause();
   });
+  while (!fs::exists(path("holds"))) usleep(1000);
   comm_socket_v4_drop_clients(server.get());
   EXPECT_EQ(getpid(), get_socket_server_pid(at.c_str(), 1));
   kill(worker.pid(), SIGKILL);
@@ -162,7 +165,7 @@ TEST_F(ServerSocketTest, SaysWhatFailedAndRemovesOnlyItsOwnFile) {
                     held = "path " + quoted + " already occupied by ";
   const std::string denied = "Permission denied", why = quoted + " (" + denied + ")";
   const auto nothing = [] {};
-  const auto stale = [this] { close(bound_socket(at)); };
+  const auto stale = [this] { close(bound_socket(at)), await_death(at); };
   const auto file = [this] { std::ofstream(at) << "text"; };
   const auto directory = [this] { fs::create_directory(at); };
   const auto fifo = [this] { mkfifo(at.c_str(), 0600); };

@@ -1,5 +1,6 @@
 #include "support.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -9,7 +10,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <random>
 #include <sstream>
+
+#include "suite/process.h"
 
 namespace {
 
@@ -40,7 +44,7 @@ CommTest::CommTest() : descriptors_(open_descriptors()) {
   snprintf(hang_message, sizeof hang_message, "TIMEOUT in %s.%s\n", info->test_suite_name(),
            info->name());
   signal(SIGALRM, on_alarm);
-  alarm(20);
+  alarm(300);
 }
 
 CommTest::~CommTest() {
@@ -63,8 +67,9 @@ std::string CommTest::path_of_length(std::size_t length, char fill) {
 }
 
 std::string CommTest::abstract_name() {
+  static const std::string run = std::to_string(std::random_device()());
   static int number = 0;
-  return "@comm_v4_test_" + std::to_string(getpid()) + "_" + std::to_string(++number);
+  return "@comm_v4_test_" + run + "_" + std::to_string(++number);
 }
 
 StderrCapture::StderrCapture()
@@ -211,6 +216,15 @@ int bound_socket(const std::string& path, int type) {
   EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(length)));
   EXPECT_EQ(type == SOCK_DGRAM ? -1 : 0, listen(fd, 0));
   return fd;
+}
+
+void await_end(int fd) {
+  pollfd end = {fd, POLLRDHUP, 0};
+  EXPECT_EQ(1, poll(&end, 1, -1));
+}
+
+void await_death(const std::string& path) {
+  while (get_socket_server_pid(path.c_str(), 1) >= 0) usleep(1000);
 }
 
 std::pair<Endpoint, unsigned long> join(comm_socket_v4* server) {

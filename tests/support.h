@@ -52,6 +52,11 @@ Outcome outcome(Faults& faults, Call&& call) {
 // A socket bound to `path` as a program without this library makes one; it listens, unless it is of
 // type SOCK_DGRAM.
 int bound_socket(const std::string& path, int type = SOCK_SEQPACKET);
+// Of a connection whose other end has been closed: until this end knows. Of a socket file whose
+// socket has been closed: until nobody is behind it. Both can take a moment, since who looks at
+// /proc/PID/fd just then holds the socket.
+void await_end(int fd);
+void await_death(const std::string& path);
 // "number -> target" of every open descriptor.
 std::vector<std::string> open_descriptors();
 
@@ -59,7 +64,7 @@ std::vector<std::string> open_descriptors();
 std::pair<Endpoint, unsigned long> join(comm_socket_v4* server);
 
 // A test fails when its descriptors differ before and after, its own members destroyed. A test that
-// hangs ends the run, with its name; alarm(n) in a test gives it more time than 20 seconds.
+// hangs ends the run, with its name, after more time than a busy machine takes.
 class CommTest : public testing::Test {
  protected:
   CommTest();
@@ -99,7 +104,7 @@ class StderrCapture {
 // `seconds`, and with its parent. Make it before the descriptors that it shall not inherit.
 class Peer {
  public:
-  explicit Peer(const std::function<void()>& body, unsigned seconds = 10);
+  explicit Peer(const std::function<void()>& body, unsigned seconds = 200);
   ~Peer();  // expects that it ended with 0, unless wait() was called
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;

@@ -30,7 +30,7 @@ TEST_F(SupportTest, EndsAndReportsWhatFailsOrHangs) {
   EXPECT_EQ(1, failing.wait());
   Peer hanging([] { pause(); }, 1);
   EXPECT_EQ(124, hanging.wait());
-  EXPECT_GT(alarm(20), 10u) << "no alarm was set for the test itself";
+  EXPECT_LT(0u, alarm(300)) << "no alarm was set for the test itself";
   EXPECT_NONFATAL_FAILURE(Peer([] { _exit(3); }), "the peer failed");
   EXPECT_NONFATAL_FAILURE(Faults().fail(Call::malloc, ENOMEM), "malloc and never came");
 }
