@@ -244,6 +244,7 @@ TEST_F(ServerSocketTest, OneAtATimeLooksRemovesAndBindsButNobodyWaitsForEver) {
     return locked;
   };
   close(bound_socket(at));
+  await_death(at);
   std::optional<Peer> forked;  // holds copies of every descriptor
   Faults watched;
   for (const Call step : {Call::lstat, Call::unlink, Call::bind})
