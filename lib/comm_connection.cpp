@@ -30,7 +30,8 @@ constexpr char source[] = "lib/comm_connection";
 
 constexpr int socket_type = SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC;
 // With the NUL that other programs expect behind a path, one byte of sun_path stays unused.
-constexpr std::size_t max_path_length = sizeof(sockaddr_un::sun_path) - 2;
+static_assert(COMM_V4_MAX_SERVER_PATH == sizeof(sockaddr_un::sun_path) - 2);
+static_assert(COMM_V4_MAX_ABSTRACT_NAME == sizeof(sockaddr_un::sun_path));
 // The kernel takes one connection more than the backlog; a client that meets a full queue retries.
 constexpr int listen_backlog = 0;
 constexpr mode_t socket_file_mode = 0666;
@@ -58,8 +59,7 @@ const struct sockaddr* as_sockaddr(const struct sockaddr_un& sun) {
 
 void comm_socket_path_to_sockaddr_un(struct sockaddr_un& sun, std::size_t& len,
                                      const std::string& path) {
-  fatal_assert(path.length() <= sizeof(sun.sun_path), "path.length() <= sizeof(sun.sun_path)",
-               source, __func__);
+  FATAL_ASSERT(path.length() <= sizeof(sun.sun_path));
   sun = {};
   sun.sun_family = AF_UNIX;
   std::memcpy(sun.sun_path, path.data(), path.length());
@@ -264,13 +264,13 @@ int open_server_socket(comm_socket_v4* c) {
   return 0;
 }
 
-int comm_socket_v4_create_server_socket(comm_socket_v4* c) {
+int create_server_socket(comm_socket_v4* c) {
   if (c->socket_path.empty()) {
     errno = EINVAL;
     comm_socket_v4_bug(c, "create_server_socket() with no socket path");
     return -1;
   }
-  if (c->socket_path.length() > max_path_length) {
+  if (c->socket_path.length() > COMM_V4_MAX_SERVER_PATH) {
     errno = ENAMETOOLONG;
     comm_socket_v4_error(c,
                          "create_server_socket() socket path too long for AF_UNIX domain (I warned "
@@ -292,7 +292,7 @@ int comm_socket_v4_create_server(comm_socket_v4* c, const char* path) {
   comm_socket_v4_set_socket_path(c, path);
   c->flags.server = 1;
   c->flags.bound = 0;
-  if (comm_socket_v4_create_server_socket(c) != 0) {
+  if (create_server_socket(c) != 0) {
     comm_socket_v4_error(c, "create_server(): failed to create server socket");
     comm_socket_v4_close(c);
     return -1;
@@ -366,7 +366,7 @@ int resolve_long_path(comm_socket_v4* c, struct sockaddr_un& sun) {
     return -1;
   }
   const std::size_t target_length = std::strlen(link);
-  if (target_length > max_path_length) {
+  if (target_length > COMM_V4_MAX_SERVER_PATH) {
     errno = ENAMETOOLONG;
     comm_socket_v4_error(c,
                          "create_server_socket() socket path too long for AF_UNIX domain and "
@@ -383,12 +383,12 @@ int resolve_long_path(comm_socket_v4* c, struct sockaddr_un& sun) {
 int build_server_address(comm_socket_v4* c, struct sockaddr_un& sun, std::size_t& length) {
   const std::string& path = c->socket_path;
   if (starts_with_at(path)) {
-    if (path.length() > sizeof(sun.sun_path)) {
+    if (path.length() > COMM_V4_MAX_ABSTRACT_NAME) {
       errno = ENAMETOOLONG;
       comm_socket_v4_error(c, "connect_to_server() abstract socket name too long");
       return -1;
     }
-  } else if (path.length() > max_path_length) {
+  } else if (path.length() > COMM_V4_MAX_SERVER_PATH) {
     if (resolve_long_path(c, sun) != 0) return -1;
     length = sizeof(sun);
     return 0;
@@ -482,7 +482,7 @@ int finish_pending_connect(comm_socket_v4* c) {
   }
 }
 
-int comm_socket_v4_connect_to_server(comm_socket_v4* c) {
+int connect_to_server(comm_socket_v4* c) {
   if (c->socket_path.empty()) {
     comm_socket_v4_bug(c, "connect_to_server() with no socket path");
     return -1;
@@ -520,7 +520,7 @@ int comm_socket_v4_connect_to(comm_socket_v4* c, const char* path) {
   c->flags.server = 0;
   c->flags.bound = 0;
   c->connect_start = monotonic_clock_us();
-  return comm_socket_v4_connect_to_server(c);
+  return connect_to_server(c);
 }
 
 void comm_socket_v4_set_connect_timeout(comm_socket_v4* c, std::uint64_t usec) {

@@ -51,13 +51,11 @@ void attach_descriptors(const SendSide& side, const comm_socket_v4_packet& p, ch
   control->cmsg_type = SCM_RIGHTS;
   control->cmsg_len = CMSG_LEN(size);
   unsigned char* const fds = CMSG_DATA(control);
-  fatal_assert(reinterpret_cast<std::uintptr_t>(fds) + size <=
-                   reinterpret_cast<std::uintptr_t>(ctrl) + ctrl_size,
-               "(uintptr_t)(&fds[p->attached_fd.size()]) <= "
-               "((uintptr_t)ctrl+(uintptr_t)sizeof(ctrl))",
-               "lib/comm_io_send",
-               side.to_client() ? "comm_socket_v4_packet_send_to_client"
-                                : "comm_socket_v4_packet_send_to_server");
+  if (reinterpret_cast<std::uintptr_t>(fds) + size >
+      reinterpret_cast<std::uintptr_t>(ctrl) + ctrl_size)
+    fatal_assertion_failed("lib/comm_io_send", __func__,
+                           "(uintptr_t)(&fds[p->attached_fd.size()]) <= "
+                           "((uintptr_t)ctrl+(uintptr_t)sizeof(ctrl))");
   std::memcpy(fds, p.attached_fd.data(), size);
 }
 

@@ -1,6 +1,6 @@
 // The packet object: its lifetime, its buffer, its descriptors and header values, and the readers
 // as functions.
-#include <tarn_utils_v4/comm.h>
+#include <tarn_utils_v4/comm_packet.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,7 +18,6 @@ namespace {
 constexpr std::size_t min_buffer_size = 32;
 // Kept behind the packet when surplus memory is given back; it has room for the NUL.
 constexpr std::size_t shrink_spare = 32;
-constexpr std::size_t max_attached_to_send = 8;
 
 }  // namespace
 
@@ -112,9 +111,9 @@ int comm_socket_v4_packet_shrinkfit_buffer(comm_socket_v4_packet* p) {
 // --- Attached descriptors -----------------------------------------------------------------------
 
 bool comm_socket_v4_packet::attach_fd_to_send(int fd) {
-  if (fd < 0 || attached_fd.size() >= max_attached_to_send) return false;
+  if (fd < 0 || attached_fd.size() >= COMM_V4_MAX_ATTACHED_FDS) return false;
   // Room first: nothing may throw between the dup and the moment the packet owns the duplicate.
-  attached_fd.reserve(max_attached_to_send);
+  attached_fd.reserve(COMM_V4_MAX_ATTACHED_FDS);
   const int duplicate = ::dup(fd);
   if (duplicate < 0) return false;
   attached_fd.push_back(duplicate);

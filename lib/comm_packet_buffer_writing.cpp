@@ -1,6 +1,6 @@
 // The writer: one pass over a growing buffer. Strings and values are copied at once; the entries
 // that point at them are collected and written as two tables with the first data or at the end.
-#include <tarn_utils_v4/comm.h>
+#include <tarn_utils_v4/comm_packet.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,16 +18,8 @@
 namespace {
 
 using packet_layout::header;
-using packet_layout::max_packet_length;
 
 constexpr char source[] = "lib/comm_packet_buffer_writing";
-
-constexpr std::size_t max_command = 255;
-constexpr std::size_t max_error_string = 4095;
-constexpr std::size_t max_name = 4095;
-constexpr std::size_t max_text = 65535;
-constexpr std::size_t max_formatted_argv = 256;
-constexpr std::size_t max_data_per_call = 262144;
 
 // Most packets have no more of them, and so grow their arrays of entries once.
 constexpr std::size_t usual_argv_entries = 16;
@@ -43,12 +35,11 @@ constexpr std::size_t data_spare = 8192;  // likewise for data
 // Whether `length` more bytes keep every offset and length of the packet within 32 bits. Written
 // so that no sum can wrap.
 bool fits_packet(const comm_socket_v4_packet& p, std::size_t length) {
-  return p.buffer_write <= max_packet_length && length <= max_packet_length - p.buffer_write;
+  return p.buffer_write <= COMM_V4_MAX_PACKET && length <= COMM_V4_MAX_PACKET - p.buffer_write;
 }
 
 bool may_add_argv(const comm_socket_v4_packet& p) {
-  return p.wr_argv.size() < packet_layout::max_argv_entries &&
-         p.buffer_write < packet_layout::argv_value_end;
+  return p.wr_argv.size() < COMM_V4_MAX_ARGUMENTS && p.buffer_write <= COMM_V4_MAX_ARGUMENT_OFFSET;
 }
 
 bool is_terminated(std::uint32_t type) {
@@ -64,7 +55,7 @@ bool make_room(comm_socket_v4_packet& p, std::size_t size) {
 // Copies bytes, and a NUL that counts if wished, to the write position. There is room for them and
 // for the NUL behind them, which lets a packet be dumped while it is being written.
 inline void append(comm_socket_v4_packet& p, const void* bytes, std::size_t length,
-                   const char* function, bool terminate = false) {
+                   bool terminate = false) {
   unsigned char* const at = p.buffer + p.buffer_write;
   if (length != 0) std::memcpy(at, bytes, length);
   at[length] = 0;
@@ -72,7 +63,8 @@ inline void append(comm_socket_v4_packet& p, const void* bytes, std::size_t leng
   at[size] = 0;
   p.buffer_write += size;
   p.buffer_length = p.buffer_write;
-  fatal_assert(p.buffer_write <= p.buffer_alloc, "buffer_write <= buffer_alloc", source, function);
+  if (p.buffer_write > p.buffer_alloc)
+    fatal_assertion_failed(source, __func__, "buffer_write <= buffer_alloc");
 }
 
 // Appends bytes to the buffer, which grows as needed; where they start, 0 when it cannot grow. The
@@ -82,7 +74,7 @@ inline comm_v4_offset_t int_copy_data(comm_socket_v4_packet& p, const void* data
   const std::size_t start = p.buffer_write;
   if (start + length + copy_spare >= p.buffer_alloc && !make_room(p, start + length + growth))
     return 0;
-  append(p, data, length, __func__, terminate);
+  append(p, data, length, terminate);
   return static_cast<comm_v4_offset_t>(start);
 }
 
@@ -97,11 +89,29 @@ Entry* add_entry(std::vector<Entry>& pending, std::size_t usual_entries) {
   return &pending.emplace_back();
 }
 
+comm_socket_v4_packet_argv* alloc_argv(comm_socket_v4_packet& p, std::uint8_t type) {
+  const std::size_t idx = p.wr_argv.size();
+  comm_socket_v4_packet_argv* const entry = add_entry(p.wr_argv, usual_argv_entries);
+  if (p.wr_argv.size() != idx + 1u)
+    fatal_assertion_failed(source, __func__, "wr_argv.size() == (idx+1u)");
+  entry->type_code = type;
+  return entry;
+}
+
+comm_socket_v4_packet_nv_pair* alloc_nv_pair(comm_socket_v4_packet& p, std::uint32_t type) {
+  const std::size_t idx = p.wr_nv_pair.size();
+  comm_socket_v4_packet_nv_pair* const entry = add_entry(p.wr_nv_pair, usual_nv_pair_entries);
+  if (p.wr_nv_pair.size() != idx + 1u)
+    fatal_assertion_failed(source, __func__, "wr_nv_pair.size() == (idx+1u)");
+  entry->type_code = type;
+  return entry;
+}
+
 // Appends pending entries as a table; *offset is where it starts, 0 without one. More entries than
 // `most` go nowhere: the packet is then sent without that table.
 template <class Entry>
 int append_table(comm_socket_v4_packet& p, const std::vector<Entry>& pending, std::size_t most,
-                 const char* function, comm_v4_offset_t* offset) {
+                 comm_v4_offset_t* offset) {
   *offset = 0;
   if (pending.empty() || pending.size() > most) return 0;
   const std::size_t size = pending.size() * sizeof(Entry);
@@ -109,8 +119,58 @@ int append_table(comm_socket_v4_packet& p, const std::vector<Entry>& pending, st
   const std::size_t needed = p.buffer_write + size + table_spare;
   if (needed > p.buffer_alloc && !make_room(p, needed)) return -1;
   *offset = static_cast<comm_v4_offset_t>(p.buffer_write);
-  append(p, pending.data(), size, function);
+  append(p, pending.data(), size);
   return 0;
+}
+
+int write_int_append_argv_table(comm_socket_v4_packet& p) {
+  comm_v4_offset_t offset;
+  if (append_table(p, p.wr_argv, COMM_V4_MAX_ARGUMENTS, &offset) != 0) return -1;
+  if (offset == 0) return 0;
+  header(p.buffer)->argv_offset = offset;
+  header(p.buffer)->argv_count = static_cast<std::uint8_t>(p.wr_argv.size());
+  return 0;
+}
+
+int write_int_append_nv_pair_table(comm_socket_v4_packet& p) {
+  comm_v4_offset_t offset;
+  if (append_table(p, p.wr_nv_pair, COMM_V4_MAX_PAIRS, &offset) != 0) return -1;
+  if (offset == 0) return 0;
+  header(p.buffer)->nv_pair_table_offset = offset;
+  header(p.buffer)->nv_pair_table_count = static_cast<std::uint16_t>(p.wr_nv_pair.size());
+  return 0;
+}
+
+// Both or none: entries that could be added between a first and a second try need one table.
+int write_int_append_tables(comm_socket_v4_packet& p) {
+  const std::size_t start = p.buffer_write;
+  if (write_int_append_argv_table(p) != 0) return -1;
+  if (write_int_append_nv_pair_table(p) != 0) {
+    if (p.buffer_write == start) return -1;
+    header(p.buffer)->argv_offset = 0;
+    header(p.buffer)->argv_count = 0;
+    p.buffer_write = p.buffer_length = start;
+    p.buffer[start] = 0;
+    return -1;
+  }
+  p.wr_argv.clear();
+  // Too many pairs go nowhere, and stay where they are.
+  if (p.wr_nv_pair.size() <= COMM_V4_MAX_PAIRS) p.wr_nv_pair.clear();
+  return 0;
+}
+
+int write_argv_number(comm_socket_v4_packet& p, std::uint8_t type, const void* value) {
+  if (p.write_state != comm_socket_v4_packet::write_state_header || p.buffer == nullptr) return -1;
+  if (!may_add_argv(p)) return -1;
+  comm_socket_v4_packet_argv* const entry = alloc_argv(p, type);
+  packet_layout::set_value_offset(*entry, int_copy_data(p, value, 8, false));
+  return 0;
+}
+
+int write_nv_pair_list(comm_socket_v4_packet& p, const char* name, const void* values,
+                       std::size_t count, std::uint32_t type) {
+  if (count > COMM_V4_MAX_PACKET / 8) return -1;
+  return p.write_nv_pair_raw(name, static_cast<const unsigned char*>(values), count * 8, type);
 }
 
 }  // namespace
@@ -139,31 +199,15 @@ int comm_socket_v4_packet::write_begin(const char* command, const char* error_st
 
   // The header is looked up after each copy, which may move the buffer.
   if (command != nullptr && *command != '\0') {
-    const comm_v4_offset_t offset = int_write_string(*this, command, max_command);
+    const comm_v4_offset_t offset = int_write_string(*this, command, COMM_V4_MAX_COMMAND);
     header(buffer)->command_offset = offset;
   }
   if (error_string != nullptr && *error_string != '\0') {
-    const comm_v4_offset_t offset = int_write_string(*this, error_string, max_error_string);
+    const comm_v4_offset_t offset = int_write_string(*this, error_string, COMM_V4_MAX_ERROR_STRING);
     header(buffer)->error_string_offset = offset;
   }
   write_state = write_state_header;
   return 0;
-}
-
-// --- Entries ------------------------------------------------------------------------------------
-
-comm_socket_v4_packet_argv* comm_socket_v4_packet::alloc_argv() {
-  const std::size_t idx = wr_argv.size();
-  comm_socket_v4_packet_argv* const entry = add_entry(wr_argv, usual_argv_entries);
-  fatal_assert(wr_argv.size() == (idx + 1u), "wr_argv.size() == (idx+1u)", source, __func__);
-  return entry;
-}
-
-comm_socket_v4_packet_nv_pair* comm_socket_v4_packet::alloc_nv_pair() {
-  const std::size_t idx = wr_nv_pair.size();
-  comm_socket_v4_packet_nv_pair* const entry = add_entry(wr_nv_pair, usual_nv_pair_entries);
-  fatal_assert(wr_nv_pair.size() == (idx + 1u), "wr_nv_pair.size() == (idx+1u)", source, __func__);
-  return entry;
 }
 
 // --- Arguments ----------------------------------------------------------------------------------
@@ -172,37 +216,27 @@ int comm_socket_v4_packet::write_argv(const char* text) {
   if (write_state != write_state_header || buffer == nullptr) return -1;
   if (text == nullptr || *text == '\0') return 0;
   if (!may_add_argv(*this)) return -1;
-  comm_socket_v4_packet_argv* const entry = alloc_argv();
-  entry->type_code = comm_v4_type_text;
-  packet_layout::set_value_offset(*entry, int_write_string(*this, text, max_text));
-  return 0;
-}
-
-int comm_socket_v4_packet::write_argv_number(std::uint8_t type, const void* value) {
-  if (write_state != write_state_header || buffer == nullptr) return -1;
-  if (!may_add_argv(*this)) return -1;
-  comm_socket_v4_packet_argv* const entry = alloc_argv();
-  entry->type_code = type;
-  packet_layout::set_value_offset(*entry, int_copy_data(*this, value, 8, false));
+  comm_socket_v4_packet_argv* const entry = alloc_argv(*this, comm_v4_type_text);
+  packet_layout::set_value_offset(*entry, int_write_string(*this, text, COMM_V4_MAX_TEXT));
   return 0;
 }
 
 int comm_socket_v4_packet::write_argv_uint64(std::uint64_t value) {
-  return write_argv_number(comm_v4_type_uint64, &value);
+  return write_argv_number(*this, comm_v4_type_uint64, &value);
 }
 int comm_socket_v4_packet::write_argv_int64(std::int64_t value) {
-  return write_argv_number(comm_v4_type_int64, &value);
+  return write_argv_number(*this, comm_v4_type_int64, &value);
 }
 int comm_socket_v4_packet::write_argv_double(double value) {
-  return write_argv_number(comm_v4_type_double, &value);
+  return write_argv_number(*this, comm_v4_type_double, &value);
 }
 
 int comm_socket_v4_packet::vwrite_argvf(const char* format, va_list args) {
   if (write_state != write_state_header) return -1;
   ErrnoGuard keep_errno;
-  char text[max_formatted_argv + 1];
+  char text[COMM_V4_MAX_FORMATTED_ARGUMENT + 1];
   const int length = std::vsnprintf(text, sizeof(text), format, args);
-  if (length < 0 || static_cast<std::size_t>(length) > max_formatted_argv) return -1;
+  if (length < 0 || static_cast<std::size_t>(length) > COMM_V4_MAX_FORMATTED_ARGUMENT) return -1;
   return write_argv(text);
 }
 
@@ -223,13 +257,12 @@ int comm_socket_v4_packet::write_nv_pair_raw(const char* name, const unsigned ch
   if (name == nullptr || write_state != write_state_header || buffer == nullptr) return -1;
   if (value == nullptr && length != 0) return -1;
   // A length near the largest one is out before anything is added to it.
-  if (length > max_packet_length) return -1;
-  const std::size_t name_length = strnlen(name, max_name);
+  if (length > COMM_V4_MAX_PACKET) return -1;
+  const std::size_t name_length = strnlen(name, COMM_V4_MAX_NAME);
   const bool terminated = is_terminated(type);
   if (!fits_packet(*this, name_length + 1 + length + (terminated ? 1 : 0))) return -1;
 
-  comm_socket_v4_packet_nv_pair* const entry = alloc_nv_pair();
-  entry->type_code = type;
+  comm_socket_v4_packet_nv_pair* const entry = alloc_nv_pair(*this, type);
   entry->value_length = static_cast<std::uint32_t>(length);
   entry->name_offset = int_copy_data(*this, name, name_length, true);
   entry->value_offset = int_copy_data(*this, value, length, terminated);
@@ -248,23 +281,17 @@ int comm_socket_v4_packet::write_nv_pair_binary(const char* name, const unsigned
   return write_nv_pair_raw(name, value, length, comm_v4_type_binary);
 }
 
-int comm_socket_v4_packet::write_nv_pair_list(const char* name, const void* values,
-                                              std::size_t count, std::uint32_t type) {
-  if (count > max_packet_length / 8) return -1;
-  return write_nv_pair_raw(name, static_cast<const unsigned char*>(values), count * 8, type);
-}
-
 int comm_socket_v4_packet::write_nv_pair_uint64(const char* name, const std::uint64_t* values,
                                                 std::size_t count) {
-  return write_nv_pair_list(name, values, count, comm_v4_type_uint64);
+  return write_nv_pair_list(*this, name, values, count, comm_v4_type_uint64);
 }
 int comm_socket_v4_packet::write_nv_pair_int64(const char* name, const std::int64_t* values,
                                                std::size_t count) {
-  return write_nv_pair_list(name, values, count, comm_v4_type_int64);
+  return write_nv_pair_list(*this, name, values, count, comm_v4_type_int64);
 }
 int comm_socket_v4_packet::write_nv_pair_double(const char* name, const double* values,
                                                 std::size_t count) {
-  return write_nv_pair_list(name, values, count, comm_v4_type_double);
+  return write_nv_pair_list(*this, name, values, count, comm_v4_type_double);
 }
 
 int comm_socket_v4_packet::write_nv_pair_json(const char* name, const char* json,
@@ -274,7 +301,7 @@ int comm_socket_v4_packet::write_nv_pair_json(const char* name, const char* json
 }
 
 int comm_socket_v4_packet::write_nv_pair(const char* name, const char* text) {
-  const std::size_t length = text != nullptr ? strnlen(text, max_text) : 0;
+  const std::size_t length = text != nullptr ? strnlen(text, COMM_V4_MAX_TEXT) : 0;
   return write_nv_pair_raw(name, reinterpret_cast<const unsigned char*>(text), length,
                            comm_v4_type_text);
 }
@@ -301,49 +328,11 @@ int comm_socket_v4_packet::write_nv_pairf(const char* name, const char* format, 
 
 // --- Tables, data and end -----------------------------------------------------------------------
 
-int comm_socket_v4_packet::write_int_append_argv_table() {
-  comm_v4_offset_t offset;
-  if (append_table(*this, wr_argv, packet_layout::max_argv_entries, __func__, &offset) != 0)
-    return -1;
-  if (offset == 0) return 0;
-  header(buffer)->argv_offset = offset;
-  header(buffer)->argv_count = static_cast<std::uint8_t>(wr_argv.size());
-  return 0;
-}
-
-int comm_socket_v4_packet::write_int_append_nv_pair_table() {
-  comm_v4_offset_t offset;
-  if (append_table(*this, wr_nv_pair, packet_layout::max_nv_pair_entries, __func__, &offset) != 0)
-    return -1;
-  if (offset == 0) return 0;
-  header(buffer)->nv_pair_table_offset = offset;
-  header(buffer)->nv_pair_table_count = static_cast<std::uint16_t>(wr_nv_pair.size());
-  return 0;
-}
-
-// Both or none: entries that could be added between a first and a second try need one table.
-int comm_socket_v4_packet::write_int_append_tables() {
-  const std::size_t start = buffer_write;
-  if (write_int_append_argv_table() != 0) return -1;
-  if (write_int_append_nv_pair_table() != 0) {
-    if (buffer_write == start) return -1;
-    header(buffer)->argv_offset = 0;
-    header(buffer)->argv_count = 0;
-    buffer_write = buffer_length = start;
-    buffer[start] = 0;
-    return -1;
-  }
-  wr_argv.clear();
-  // Too many pairs go nowhere, and stay where they are.
-  if (wr_nv_pair.size() <= packet_layout::max_nv_pair_entries) wr_nv_pair.clear();
-  return 0;
-}
-
 int comm_socket_v4_packet::write_data_binary(const unsigned char* data, std::size_t length) {
   if (length == 0) return 0;
-  if (data == nullptr || length > max_data_per_call) return -1;
+  if (data == nullptr || length > COMM_V4_MAX_DATA_PER_WRITE) return -1;
   if (write_state == write_state_header) {
-    if (write_int_append_tables() != 0) return -1;
+    if (write_int_append_tables(*this) != 0) return -1;
     write_state = write_state_data;
   }
   if (write_state != write_state_data) return -1;
@@ -353,7 +342,7 @@ int comm_socket_v4_packet::write_data_binary(const unsigned char* data, std::siz
   if (needed > buffer_alloc && !make_room(*this, needed)) return -1;
   if (header(buffer)->data_offset == 0)
     header(buffer)->data_offset = static_cast<comm_v4_offset_t>(buffer_write);
-  append(*this, data, length, __func__);
+  append(*this, data, length);
   header(buffer)->data_length =
       static_cast<std::uint32_t>(buffer_write) - header(buffer)->data_offset;
   return static_cast<int>(length);
@@ -362,7 +351,7 @@ int comm_socket_v4_packet::write_data_binary(const unsigned char* data, std::siz
 int comm_socket_v4_packet::write_end() {
   if (write_state == write_state_none) return -1;
   if (write_state != write_state_header && write_state != write_state_data) return 0;
-  if (write_int_append_tables() != 0) return -1;
+  if (write_int_append_tables(*this) != 0) return -1;
   buffer_length = buffer_write;
   write_state = write_state_end;
   if (complete_cb != nullptr) complete_cb(this);

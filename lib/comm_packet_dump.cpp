@@ -1,7 +1,7 @@
 // Packets as text, for debugging. A packet may be printed while it is being written, before it was
 // validated, or after somebody put it together by hand: no offset, count or length is followed here
 // except through View, which knows where the packet ends.
-#include <tarn_utils_v4/comm.h>
+#include <tarn_utils_v4/comm_packet.h>
 
 #include <algorithm>
 #include <cstdint>

@@ -25,9 +25,6 @@ namespace {
 
 constexpr char source[] = "lib/comm_server_clients";
 
-constexpr std::size_t initial_slots = 16;
-constexpr std::size_t max_slots = std::size_t{1} << 20;
-
 }  // namespace
 
 // --- Record -------------------------------------------------------------------------------------
@@ -114,8 +111,8 @@ void reset_cursors(comm_socket_v4* c) {
 }  // namespace
 
 int comm_socket_v4_alloc_client_list(comm_socket_v4* c) {
-  fatal_assert(c->client.empty(), "c->client.empty()", source, __func__);
-  if (!grow_table(c, initial_slots)) {
+  FATAL_ASSERT(c->client.empty());
+  if (!grow_table(c, COMM_V4_FIRST_CLIENTS)) {
     comm_socket_v4_error(c, "alloc_client_list() malloc() failed");
     return -1;
   }
@@ -125,12 +122,12 @@ int comm_socket_v4_alloc_client_list(comm_socket_v4* c) {
 
 int comm_socket_v4_expand_client_list(comm_socket_v4* c, unsigned long add) {
   const std::size_t slots = c->client.size();
-  if (slots >= max_slots) {
+  if (slots >= COMM_V4_MAX_CLIENTS) {
     errno = ENOMEM;
     comm_socket_v4_error(c, "expand_client_list() client list is already WAY TOO LONG");
     return -1;
   }
-  const std::size_t wanted = add < max_slots - slots ? slots + add : max_slots;
+  const std::size_t wanted = add < COMM_V4_MAX_CLIENTS - slots ? slots + add : COMM_V4_MAX_CLIENTS;
   if (!grow_table(c, wanted)) {
     comm_socket_v4_error(c, "expand_client_list() realloc failed");
     return -1;
@@ -152,15 +149,13 @@ comm_socket_v4_client* comm_socket_v4_client_find_empty_slot(comm_socket_v4* c) 
     comm_socket_v4_client* const client = &c->client[index];
     const bool empty = client->client_fd < 0;
     if (empty && index > c->client_max) c->client_max = index;
-    fatal_assert(c->client_max < c->client.size(), "c->client_max < c->client.size()", source,
-                 __func__);
+    FATAL_ASSERT(c->client_max < c->client.size());
     c->client_next = index + 1 < slots ? index + 1 : 0;
     if (!empty) continue;
-    fatal_assert(client->halt == 0, "client->halt == 0", source, __func__);
-    fatal_assert(client->client_fd == -1, "client->client_fd == -1", source, __func__);
-    fatal_assert(client->status.error == 0, "client->status.error == 0", source, __func__);
-    fatal_assert(client->status.disconnected == 0, "client->status.disconnected == 0", source,
-                 __func__);
+    FATAL_ASSERT(client->halt == 0);
+    FATAL_ASSERT(client->client_fd == -1);
+    FATAL_ASSERT(client->status.error == 0);
+    FATAL_ASSERT(client->status.disconnected == 0);
     return client;
   }
   return nullptr;
@@ -187,10 +182,9 @@ comm_socket_v4_client* new_client(comm_socket_v4* c) {
 }  // namespace
 
 void comm_socket_v4_new_client_cancel(comm_socket_v4_client* c) {
-  fatal_assert(c->client_fd < 0, "c->client_fd < 0", source, __func__);
-  fatal_assert(c->next_packet == nullptr, "c->next_packet == nullptr", source, __func__);
-  fatal_assert(c->pending_response_packet == nullptr, "c->pending_response_packet == nullptr",
-               source, __func__);
+  FATAL_ASSERT(c->client_fd < 0);
+  FATAL_ASSERT(c->next_packet == nullptr);
+  FATAL_ASSERT(c->pending_response_packet == nullptr);
 }
 
 comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* c) {
@@ -312,7 +306,7 @@ void comm_socket_v4_free_client_check(comm_socket_v4_client* c) {
 }
 
 void comm_socket_v4_free_client(comm_socket_v4_client* c) {
-  fatal_assert(c != nullptr, "c != nullptr", source, __func__);
+  FATAL_ASSERT(c != nullptr);
   ErrnoGuard keep_errno;
   comm_socket_v4_free_client_check(c);
   if (c->client_fd >= 0) ::close(c->client_fd);
@@ -407,7 +401,7 @@ int comm_socket_v4_client_idle_read(comm_socket_v4_client* c) {
 int comm_socket_v4_client_idle(comm_socket_v4_client* c) {
   if (c->halt != 0) return 0;
   if (c->next_packet != nullptr) return 0;
-  fatal_assert(c->server != nullptr, "c->server != nullptr", source, __func__);
+  FATAL_ASSERT(c->server != nullptr);
   if (c->client_fd < 0) {
     comm_socket_v4_bug(c->server, "client_idle() while closed");
     errno = EBADF;
@@ -443,7 +437,7 @@ class Validation {
  private:
   bool table_bounds() const {
     if (h_.sighdr != COMM_V4_SIGHDR) return refuse("packet validation failed. sighdr wrong");
-    if (h_.nv_pair_table_count > packet_layout::max_nv_pair_entries)
+    if (h_.nv_pair_table_count > COMM_V4_MAX_PAIRS)
       return refuse("packet validation failed. nv_pair_table_count >= 4096");
     if (h_.argv_offset >= length_)
       return refuse("packet validation failed. argv_offset out of bounds");

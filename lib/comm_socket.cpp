@@ -33,9 +33,7 @@ void remove_socket_file(comm_socket_v4* c) {
 
 void close_socket(comm_socket_v4* c) {
   if (c->socket_fd < 0) return;
-  if (c->flags.server)
-    fatal_assert(!c->socket_path.empty(), "!c->socket_path.empty()", source,
-                 "comm_socket_v4_close");
+  if (c->flags.server) FATAL_ASSERT(!c->socket_path.empty());
   // The file goes before the socket: in between nobody finds a path on which nobody answers.
   if (c->flags.server && c->flags.bound && c->socket_path[0] != '@') remove_socket_file(c);
   ::close(c->socket_fd);

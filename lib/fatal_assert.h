@@ -6,10 +6,9 @@
 [[noreturn]] void fatal_assertion_failed(const char* source, const char* function,
                                          const char* condition) noexcept;
 
-// `source` is the path of the source file without its ending, as users of the library know it.
-inline void fatal_assert(bool holds, const char* condition, const char* source,
-                         const char* function) noexcept {
-  if (!holds) fatal_assertion_failed(source, function, condition);
-}
+// Every file that uses it has a constant `source`: its path without the ending, as users of the
+// library know it.
+#define FATAL_ASSERT(condition) \
+  ((condition) ? static_cast<void>(0) : fatal_assertion_failed(source, __func__, #condition))
 
 #endif

@@ -3,7 +3,7 @@
 #ifndef TARN_LIB_PACKET_LAYOUT_H
 #define TARN_LIB_PACKET_LAYOUT_H
 
-#include <tarn_utils_v4/comm.h>
+#include <tarn_utils_v4/comm_packet.h>
 
 #include <bit>
 #include <cstddef>
@@ -39,11 +39,6 @@ static_assert(offsetof(comm_socket_v4_packet_nv_pair, type_code) == 12);
 static_assert(alignof(comm_socket_v4_packet_header) == 1);
 static_assert(alignof(comm_socket_v4_packet_argv) == 1);
 static_assert(alignof(comm_socket_v4_packet_nv_pair) == 1);
-
-constexpr std::size_t max_argv_entries = 255;
-constexpr std::size_t max_nv_pair_entries = 4095;
-constexpr std::uint64_t argv_value_end = std::uint64_t{1} << 24;  // of 24-bit value offsets
-constexpr std::uint64_t max_packet_length = UINT32_MAX;
 
 inline comm_socket_v4_packet_header* header(unsigned char* packet) {
   return reinterpret_cast<comm_socket_v4_packet_header*>(packet);

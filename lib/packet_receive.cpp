@@ -22,7 +22,8 @@ namespace {
 
 // Asked for beyond the size that the kernel announces.
 constexpr std::size_t size_margin = 16;
-constexpr std::size_t min_received_length = COMM_V4_HEADER_LENGTH + 1;
+// One byte of the buffer stays free for the NUL.
+static_assert(COMM_V4_RECV_SIZE_CAP + size_margin - 1 == COMM_V4_MAX_RECEIVED_PACKET);
 
 // FIONREAD answers the sum of all records that wait on a local socket, 0 for an empty queue and for
 // a peer that has gone.
@@ -173,8 +174,8 @@ int receive_packet(ReceiveSide& side) {
   if (!ask_announced_bytes(side, &avail)) return -1;
   Packet packet = create_packet(side, read_size(avail));
   if (packet == nullptr) return -1;
-  fatal_assert(packet->buffer_alloc >= 1, "c->next_packet->buffer_alloc >= 1", side.source,
-               side.function);
+  if (packet->buffer_alloc < 1)
+    fatal_assertion_failed(side.source, side.function, "c->next_packet->buffer_alloc >= 1");
 
   int flags = 0;
   const ssize_t rd = receive_record(side, *packet, &flags);
@@ -183,8 +184,8 @@ int receive_packet(ReceiveSide& side) {
     packet.reset();
     return error == EAGAIN || error == EINTR ? 0 : side.on_error(error);
   }
-  fatal_assert(static_cast<std::size_t>(rd) <= packet->buffer_alloc - 1,
-               "rd <= (c->next_packet->buffer_alloc-1)", side.source, side.function);
+  if (static_cast<std::size_t>(rd) > packet->buffer_alloc - 1)
+    fatal_assertion_failed(side.source, side.function, "rd <= (c->next_packet->buffer_alloc-1)");
   if (rd == 0) {
     packet.reset();
     return side.on_end_of_stream(avail);
@@ -200,7 +201,7 @@ int receive_packet(ReceiveSide& side) {
 }
 
 int comm_socket_v4_client_on_recv_packet(comm_socket_v4* s, comm_socket_v4_packet* p) {
-  if (p == nullptr || p->buffer == nullptr || p->buffer_length < min_received_length ||
+  if (p == nullptr || p->buffer == nullptr || p->buffer_length < COMM_V4_MIN_RECEIVED_PACKET ||
       p->buffer_length >= p->buffer_alloc || p->buffer[p->buffer_length] != 0)
     return -1;
   if (comm_socket_v4_recv_corrupt_debug > 0) flip_random_bits(p, comm_socket_v4_recv_corrupt_debug);
