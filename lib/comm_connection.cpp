@@ -55,25 +55,7 @@ const struct sockaddr* as_sockaddr(const struct sockaddr_un& sun) {
   return reinterpret_cast<const struct sockaddr*>(&sun);
 }
 
-}  // namespace
-
-void comm_socket_path_to_sockaddr_un(struct sockaddr_un& sun, std::size_t& len,
-                                     const std::string& path) {
-  FATAL_ASSERT(path.length() <= sizeof(sun.sun_path));
-  sun = {};
-  sun.sun_family = AF_UNIX;
-  std::memcpy(sun.sun_path, path.data(), path.length());
-  if (is_abstract(path)) {
-    sun.sun_path[0] = '\0';
-    len = offsetof(struct sockaddr_un, sun_path) + path.length();
-  } else {
-    len = path.empty() ? 0 : sizeof(sun);
-  }
-}
-
 // --- Socket pair --------------------------------------------------------------------------------
-
-namespace {
 
 // Neither call touches an endpoint that is in use. The messages carry the caller's name.
 bool may_become_socketpair(comm_socket_v4* c, bool makes_new) {
@@ -107,53 +89,7 @@ void become_socketpair(comm_socket_v4* c, int fd) {
   clear_word(c->status);
 }
 
-}  // namespace
-
-int comm_socket_v4_make_socketpair(int* sv) { return ::socketpair(AF_UNIX, socket_type, 0, sv); }
-
-int comm_socket_v4_connect_new_socketpair(comm_socket_v4* c) {
-  if (!may_become_socketpair(c, true)) return -1;
-  comm_socket_v4_close(c);
-  c->socket_path.clear();
-  int sv[2] = {-1, -1};
-  if (comm_socket_v4_make_socketpair(sv) != 0) {
-    comm_socket_v4_error(c, "connect_new_socketpair() unable to make socket pair");
-    comm_socket_v4_close(c);
-    return -1;
-  }
-  become_socketpair(c, sv[0]);
-  c->socketpair_remote_fd = sv[1];
-  return 0;
-}
-
-int comm_socket_v4_connect_use_socketpair(comm_socket_v4* c, int fd) {
-  if (!may_become_socketpair(c, false)) return -1;
-  if (fd < 0) {
-    comm_socket_v4_bug(c, "connect_use_socketpair() invalid socket descriptor");
-    return -1;
-  }
-  struct stat file;
-  if (::fstat(fd, &file) != 0 || !S_ISSOCK(file.st_mode)) {
-    comm_socket_v4_bug(c, "connect_use_socketpair() file descriptor not a socket");
-    return -1;
-  }
-  comm_socket_v4_close(c);
-  c->socket_path.clear();
-  become_socketpair(c, fd);
-  return 0;
-}
-
-int comm_socket_v4_socketpair_get_remote_end(comm_socket_v4* c) {
-  const int fd = c->socketpair_remote_fd;
-  if (fd < 0) return -1;
-  fd_dont_close_on_exec(fd);
-  c->socketpair_remote_fd = -1;
-  return fd;
-}
-
 // --- Server -------------------------------------------------------------------------------------
-
-namespace {
 
 const char* kind_of(const struct stat& file) {
   if (S_ISREG(file.st_mode)) return "file";
@@ -285,43 +221,7 @@ int create_server_socket(comm_socket_v4* c) {
   return 0;
 }
 
-}  // namespace
-
-int comm_socket_v4_create_server(comm_socket_v4* c, const char* path) {
-  comm_socket_v4_close(c);
-  comm_socket_v4_set_socket_path(c, path);
-  c->flags.server = 1;
-  c->flags.bound = 0;
-  if (create_server_socket(c) != 0) {
-    comm_socket_v4_error(c, "create_server(): failed to create server socket");
-    comm_socket_v4_close(c);
-    return -1;
-  }
-  if (comm_socket_v4_alloc_client_list(c) != 0) {
-    comm_socket_v4_error(c, "create_server(): failed to allocate memory for client list");
-    comm_socket_v4_close(c);
-    return -1;
-  }
-  return 0;
-}
-
-int comm_socket_v4_reopen_server(comm_socket_v4* c) {
-  errno = 0;
-  if (!comm_socket_v4_is_open(c) || !c->flags.server || c->socket_path.empty()) return -1;
-  struct sockaddr_un sun;
-  std::size_t length;
-  comm_socket_path_to_sockaddr_un(sun, length, c->socket_path);
-  if (::bind(c->socket_fd, as_sockaddr(sun), static_cast<socklen_t>(length)) == 0) return 0;
-  // The normal case: the socket is still bound.
-  if (errno == EINVAL) return 0;
-  comm_socket_v4_debug(c, "reopen_server() rebind failed, %s, falling back to rebind socket rename",
-                       std::strerror(errno));
-  return 0;
-}
-
 // --- Address of a client's server ---------------------------------------------------------------
-
-namespace {
 
 // The address behind a path that is too long for one, if it is a link to a socket. The text of the
 // link is used as it is, so a relative one starts at the working directory.
@@ -405,11 +305,7 @@ socklen_t stored_address_length(const comm_socket_v4* c) {
       abstract ? offsetof(struct sockaddr_un, sun_path) + c->socket_path.length() : sizeof(c->sun));
 }
 
-}  // namespace
-
 // --- Connecting ---------------------------------------------------------------------------------
-
-namespace {
 
 bool expired(std::uint64_t elapsed_us, std::uint64_t timeout_us) {
   return timeout_us != 0 && elapsed_us >= timeout_us;
@@ -512,7 +408,142 @@ int connect_to_server(comm_socket_v4* c) {
   return finish_pending_connect(c);
 }
 
+// The socket is writeable; asks it whether that means connected.
+int judge_writeable_socket(comm_socket_v4* c) {
+  int error = 0;
+  socklen_t error_size = sizeof(error);
+  if (::getsockopt(c->socket_fd, SOL_SOCKET, SO_ERROR, &error, &error_size) != 0) {
+    comm_socket_v4_error(c, "connect_wait_for_completion() getsockopt(SO_ERROR) returned errno %s",
+                         std::strerror(errno));
+    comm_socket_v4_close(c);
+    return -1;
+  }
+  if (error != 0) {
+    errno = error;
+    comm_socket_v4_error(c,
+                         "connect_wait_for_completion() select() indicates non-blocking connect "
+                         "completed, error %s",
+                         std::strerror(errno));
+    c->status.connect_pending = 0;
+    return -1;
+  }
+  char byte;
+  if (::recv(c->socket_fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) >= 0 || errno == EAGAIN ||
+      errno == EINPROGRESS) {
+    comm_socket_v4_debug(c,
+                         "connect_wait_for_completion() select() indicates non-blocking connect "
+                         "succeeded");
+    c->status.connect_pending = 0;
+    errno = 0;
+    return 1;
+  }
+  // A local socket that the full queue of the server refused is writeable and not connected.
+  if (errno == ENOTCONN) {
+    pause_before_retry();
+    errno = 0;
+    return 0;
+  }
+  comm_socket_v4_error(c, "connect_wait_for_completion() recv() returned errno %s",
+                       std::strerror(errno));
+  comm_socket_v4_close(c);
+  return -1;
+}
+
 }  // namespace
+
+void comm_socket_path_to_sockaddr_un(struct sockaddr_un& sun, std::size_t& len,
+                                     const std::string& path) {
+  FATAL_ASSERT(path.length() <= sizeof(sun.sun_path));
+  sun = {};
+  sun.sun_family = AF_UNIX;
+  std::memcpy(sun.sun_path, path.data(), path.length());
+  if (is_abstract(path)) {
+    sun.sun_path[0] = '\0';
+    len = offsetof(struct sockaddr_un, sun_path) + path.length();
+  } else {
+    len = path.empty() ? 0 : sizeof(sun);
+  }
+}
+
+// --- Socket pair --------------------------------------------------------------------------------
+
+int comm_socket_v4_make_socketpair(int* sv) { return ::socketpair(AF_UNIX, socket_type, 0, sv); }
+
+int comm_socket_v4_connect_new_socketpair(comm_socket_v4* c) {
+  if (!may_become_socketpair(c, true)) return -1;
+  comm_socket_v4_close(c);
+  c->socket_path.clear();
+  int sv[2] = {-1, -1};
+  if (comm_socket_v4_make_socketpair(sv) != 0) {
+    comm_socket_v4_error(c, "connect_new_socketpair() unable to make socket pair");
+    comm_socket_v4_close(c);
+    return -1;
+  }
+  become_socketpair(c, sv[0]);
+  c->socketpair_remote_fd = sv[1];
+  return 0;
+}
+
+int comm_socket_v4_connect_use_socketpair(comm_socket_v4* c, int fd) {
+  if (!may_become_socketpair(c, false)) return -1;
+  if (fd < 0) {
+    comm_socket_v4_bug(c, "connect_use_socketpair() invalid socket descriptor");
+    return -1;
+  }
+  struct stat file;
+  if (::fstat(fd, &file) != 0 || !S_ISSOCK(file.st_mode)) {
+    comm_socket_v4_bug(c, "connect_use_socketpair() file descriptor not a socket");
+    return -1;
+  }
+  comm_socket_v4_close(c);
+  c->socket_path.clear();
+  become_socketpair(c, fd);
+  return 0;
+}
+
+int comm_socket_v4_socketpair_get_remote_end(comm_socket_v4* c) {
+  const int fd = c->socketpair_remote_fd;
+  if (fd < 0) return -1;
+  fd_dont_close_on_exec(fd);
+  c->socketpair_remote_fd = -1;
+  return fd;
+}
+
+// --- Server -------------------------------------------------------------------------------------
+
+int comm_socket_v4_create_server(comm_socket_v4* c, const char* path) {
+  comm_socket_v4_close(c);
+  comm_socket_v4_set_socket_path(c, path);
+  c->flags.server = 1;
+  c->flags.bound = 0;
+  if (create_server_socket(c) != 0) {
+    comm_socket_v4_error(c, "create_server(): failed to create server socket");
+    comm_socket_v4_close(c);
+    return -1;
+  }
+  if (comm_socket_v4_alloc_client_list(c) != 0) {
+    comm_socket_v4_error(c, "create_server(): failed to allocate memory for client list");
+    comm_socket_v4_close(c);
+    return -1;
+  }
+  return 0;
+}
+
+int comm_socket_v4_reopen_server(comm_socket_v4* c) {
+  errno = 0;
+  if (!comm_socket_v4_is_open(c) || !c->flags.server || c->socket_path.empty()) return -1;
+  struct sockaddr_un sun;
+  std::size_t length;
+  comm_socket_path_to_sockaddr_un(sun, length, c->socket_path);
+  if (::bind(c->socket_fd, as_sockaddr(sun), static_cast<socklen_t>(length)) == 0) return 0;
+  // The normal case: the socket is still bound.
+  if (errno == EINVAL) return 0;
+  comm_socket_v4_debug(c, "reopen_server() rebind failed, %s, falling back to rebind socket rename",
+                       std::strerror(errno));
+  return 0;
+}
+
+// --- Connecting ---------------------------------------------------------------------------------
 
 int comm_socket_v4_connect_to(comm_socket_v4* c, const char* path) {
   comm_socket_v4_close(c);
@@ -556,51 +587,6 @@ int comm_socket_v4_connect_check_pending(comm_socket_v4* c) {
   comm_socket_v4_close(c);
   return -1;
 }
-
-namespace {
-
-// The socket is writeable; asks it whether that means connected.
-int judge_writeable_socket(comm_socket_v4* c) {
-  int error = 0;
-  socklen_t error_size = sizeof(error);
-  if (::getsockopt(c->socket_fd, SOL_SOCKET, SO_ERROR, &error, &error_size) != 0) {
-    comm_socket_v4_error(c, "connect_wait_for_completion() getsockopt(SO_ERROR) returned errno %s",
-                         std::strerror(errno));
-    comm_socket_v4_close(c);
-    return -1;
-  }
-  if (error != 0) {
-    errno = error;
-    comm_socket_v4_error(c,
-                         "connect_wait_for_completion() select() indicates non-blocking connect "
-                         "completed, error %s",
-                         std::strerror(errno));
-    c->status.connect_pending = 0;
-    return -1;
-  }
-  char byte;
-  if (::recv(c->socket_fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) >= 0 || errno == EAGAIN ||
-      errno == EINPROGRESS) {
-    comm_socket_v4_debug(c,
-                         "connect_wait_for_completion() select() indicates non-blocking connect "
-                         "succeeded");
-    c->status.connect_pending = 0;
-    errno = 0;
-    return 1;
-  }
-  // A local socket that the full queue of the server refused is writeable and not connected.
-  if (errno == ENOTCONN) {
-    pause_before_retry();
-    errno = 0;
-    return 0;
-  }
-  comm_socket_v4_error(c, "connect_wait_for_completion() recv() returned errno %s",
-                       std::strerror(errno));
-  comm_socket_v4_close(c);
-  return -1;
-}
-
-}  // namespace
 
 int comm_socket_v4_connect_wait_for_completion(comm_socket_v4* c, std::uint64_t deadline_us) {
   if (!comm_socket_v4_is_open(c)) {

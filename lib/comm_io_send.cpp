@@ -12,15 +12,15 @@
 #include "lib/fatal_assert.h"
 #include "lib/quiet_clients.h"
 
-// --- Sending ------------------------------------------------------------------------------------
-
 namespace {
+
+// --- Sending ------------------------------------------------------------------------------------
 
 // What differs between sending to one of a server's clients and on an endpoint's own socket.
 struct SendSide {
   comm_socket_v4* endpoint;  // logs
   const ClientSlot* client;  // null when sending on the endpoint's own socket
-  int closed_errno;          // the answer when the connection is not open, 0 when it is
+  int closed_errno;          // the errno when the connection is not open, 0 when it is
 
   bool to_client() const { return client != nullptr; }
   // Looked up when it is needed: the completion callback may have closed or released anything.
@@ -116,30 +116,7 @@ int send_packet(const SendSide& side, comm_socket_v4_packet& p) {
   return send_bytes(side, p);
 }
 
-}  // namespace
-
-int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* c, comm_socket_v4_packet* p) {
-  if (c == nullptr || p == nullptr) {
-    errno = EINVAL;
-    return -1;
-  }
-  const int closed_errno = c->client_is_open() ? 0 : c->status.disconnected ? ECONNRESET : ENOTCONN;
-  const ClientSlot client(c);
-  return send_packet({c->server, &client, closed_errno}, *p);
-}
-
-int comm_socket_v4_packet_send_to_server(comm_socket_v4* s, comm_socket_v4_packet* p) {
-  if (s == nullptr || p == nullptr) {
-    errno = EINVAL;
-    return -1;
-  }
-  const int closed_errno = comm_socket_v4_is_open(s) ? 0 : ENOTCONN;
-  return send_packet({s, nullptr, closed_errno}, *p);
-}
-
 // --- Retrieval ----------------------------------------------------------------------------------
-
-namespace {
 
 comm_socket_v4_packet* take(comm_socket_v4_packet*& slot) { return std::exchange(slot, nullptr); }
 
@@ -171,6 +148,29 @@ comm_socket_v4_packet* next_packet_of_a_client(comm_socket_v4* s, comm_socket_v4
 }
 
 }  // namespace
+
+// --- Sending ------------------------------------------------------------------------------------
+
+int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* c, comm_socket_v4_packet* p) {
+  if (c == nullptr || p == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  const int closed_errno = c->client_is_open() ? 0 : c->status.disconnected ? ECONNRESET : ENOTCONN;
+  const ClientSlot client(c);
+  return send_packet({c->server, &client, closed_errno}, *p);
+}
+
+int comm_socket_v4_packet_send_to_server(comm_socket_v4* s, comm_socket_v4_packet* p) {
+  if (s == nullptr || p == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  const int closed_errno = comm_socket_v4_is_open(s) ? 0 : ENOTCONN;
+  return send_packet({s, nullptr, closed_errno}, *p);
+}
+
+// --- Retrieval ----------------------------------------------------------------------------------
 
 comm_socket_v4_packet* comm_socket_v4_client_get_packet(comm_socket_v4_client* c) {
   if (c->halt != 0) return nullptr;

@@ -19,6 +19,25 @@ constexpr std::size_t min_buffer_size = 32;
 // Kept behind the packet when surplus memory is given back; it has room for the NUL.
 constexpr std::size_t shrink_spare = 32;
 
+// The header defines the readers inline. Their addresses make the shared library export them as
+// well, whatever the compiler makes of the calls.
+using Packet = comm_socket_v4_packet;
+template <class Result>
+using ArgvReader = Result (Packet::*)(const comm_socket_v4_packet_argv*) const;
+template <class Result>
+using ArgvReaderByIndex = Result (Packet::*)(std::size_t) const;
+
+[[gnu::used]] const auto exported_readers = std::make_tuple(
+    &Packet::command, &Packet::error_string, &Packet::data, &Packet::data_length, &Packet::argc,
+    &Packet::nv_entries, &Packet::argv, ArgvReader<const char*>(&Packet::argv_text),
+    ArgvReader<std::uint64_t>(&Packet::argv_uint64), ArgvReader<std::int64_t>(&Packet::argv_int64),
+    ArgvReader<double>(&Packet::argv_double), ArgvReaderByIndex<const char*>(&Packet::argv_text),
+    ArgvReaderByIndex<std::uint64_t>(&Packet::argv_uint64),
+    ArgvReaderByIndex<std::int64_t>(&Packet::argv_int64),
+    ArgvReaderByIndex<double>(&Packet::argv_double), &Packet::nv_entry, &Packet::nv_pair_name,
+    &Packet::nv_pair_value_raw, &Packet::nv_pair_value_binary, &Packet::nv_pair_value_text,
+    &Packet::nv_pair_value_uint64, &Packet::nv_pair_value_int64, &Packet::nv_pair_value_double);
+
 }  // namespace
 
 // --- Lifetime -----------------------------------------------------------------------------------
@@ -172,29 +191,6 @@ void comm_socket_v4_packet_set_request(comm_socket_v4_packet* p, int v) { p->set
 void comm_socket_v4_packet_set_async(comm_socket_v4_packet* p, int v) { p->set_async(v > 0); }
 
 // --- Readers ------------------------------------------------------------------------------------
-
-namespace {
-
-// The header defines the readers inline. Their addresses make the shared library export them as
-// well, whatever the compiler makes of the calls.
-using Packet = comm_socket_v4_packet;
-template <class Result>
-using ArgvReader = Result (Packet::*)(const comm_socket_v4_packet_argv*) const;
-template <class Result>
-using ArgvReaderByIndex = Result (Packet::*)(std::size_t) const;
-
-[[gnu::used]] const auto exported_readers = std::make_tuple(
-    &Packet::command, &Packet::error_string, &Packet::data, &Packet::data_length, &Packet::argc,
-    &Packet::nv_entries, &Packet::argv, ArgvReader<const char*>(&Packet::argv_text),
-    ArgvReader<std::uint64_t>(&Packet::argv_uint64), ArgvReader<std::int64_t>(&Packet::argv_int64),
-    ArgvReader<double>(&Packet::argv_double), ArgvReaderByIndex<const char*>(&Packet::argv_text),
-    ArgvReaderByIndex<std::uint64_t>(&Packet::argv_uint64),
-    ArgvReaderByIndex<std::int64_t>(&Packet::argv_int64),
-    ArgvReaderByIndex<double>(&Packet::argv_double), &Packet::nv_entry, &Packet::nv_pair_name,
-    &Packet::nv_pair_value_raw, &Packet::nv_pair_value_binary, &Packet::nv_pair_value_text,
-    &Packet::nv_pair_value_uint64, &Packet::nv_pair_value_int64, &Packet::nv_pair_value_double);
-
-}  // namespace
 
 std::size_t comm_socket_v4_packet_get_argc(const comm_socket_v4_packet* p) { return p->argc(); }
 std::size_t comm_socket_v4_packet_nv_entries(const comm_socket_v4_packet* p) {

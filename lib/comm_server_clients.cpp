@@ -1,5 +1,6 @@
-// The clients of a server: the table of their records, accepting and releasing them, reading from
-// one of them, the gate that checks what peers sent, and the waits.
+// The clients of a server, in four rooms: their records and the table of them; how they are
+// accepted and released; the gate that checks what peers sent; reading from one of them, and the
+// waits.
 #include <sys/socket.h>
 #include <tarn_utils_v4/comm.h>
 #include <unistd.h>
@@ -21,13 +22,34 @@
 #include "lib/standard_error.h"
 #include "suite/time.h"
 
+static constexpr char source[] = "lib/comm_server_clients";
+
+// ================================================================================================
+// Record and table: what a slot is, how the table of them grows, and how a slot is found.
+// ================================================================================================
+
 namespace {
 
-constexpr char source[] = "lib/comm_server_clients";
+// Grows the table to exactly `slots`; the new ones are empty. False with ENOMEM, nothing changed.
+bool grow_table(comm_socket_v4* c, std::size_t slots) {
+  try {
+    c->client.reserve(slots);
+    c->client.resize(slots);
+    return true;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return false;
+  }
+}
+
+void reset_cursors(comm_socket_v4* c) {
+  c->client_max = 0;
+  c->client_next = 0;
+  c->client_idlescan = 0;
+  c->client_getpktscan = 0;
+}
 
 }  // namespace
-
-// --- Record -------------------------------------------------------------------------------------
 
 comm_socket_v4_client::comm_socket_v4_client() noexcept
     : halt(0),
@@ -55,8 +77,6 @@ void comm_socket_v4_client::set_recv_cb(int (*cb)(comm_socket_v4_client*, comm_s
 }
 
 int comm_socket_v4_client_is_open(const comm_socket_v4_client* c) { return c->client_is_open(); }
-
-// --- Table --------------------------------------------------------------------------------------
 
 bool comm_socket_v4::client_list_not_allocated() const { return false; }
 unsigned long comm_socket_v4::client_maximum_index() const { return client_max; }
@@ -86,29 +106,6 @@ unsigned long comm_socket_v4_client_ptr2index(comm_socket_v4_client* client) {
 unsigned long comm_socket_v4_client_ptr2index_noerr(const comm_socket_v4_client* client) {
   return comm_socket_v4::client_ptr2index_noerr(client);
 }
-
-namespace {
-
-// Grows the table to exactly `slots`; the new ones are empty. False with ENOMEM, nothing changed.
-bool grow_table(comm_socket_v4* c, std::size_t slots) {
-  try {
-    c->client.reserve(slots);
-    c->client.resize(slots);
-    return true;
-  } catch (const std::bad_alloc&) {
-    errno = ENOMEM;
-    return false;
-  }
-}
-
-void reset_cursors(comm_socket_v4* c) {
-  c->client_max = 0;
-  c->client_next = 0;
-  c->client_idlescan = 0;
-  c->client_getpktscan = 0;
-}
-
-}  // namespace
 
 int comm_socket_v4_alloc_client_list(comm_socket_v4* c) {
   FATAL_ASSERT(c->client.empty());
@@ -161,7 +158,9 @@ comm_socket_v4_client* comm_socket_v4_client_find_empty_slot(comm_socket_v4* c) 
   return nullptr;
 }
 
-// --- Accepting ----------------------------------------------------------------------------------
+// ================================================================================================
+// Accepting and releasing: how a client comes into its slot, and how it leaves it.
+// ================================================================================================
 
 namespace {
 
@@ -221,8 +220,6 @@ comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* c) {
   }
   return client;
 }
-
-// --- Disconnecting and releasing ----------------------------------------------------------------
 
 int comm_socket_v4_client_disconnect_list_add(comm_socket_v4* c, unsigned long index) {
   if (!comm_socket_v4_is_open(c)) {
@@ -333,92 +330,9 @@ void comm_socket_v4_free_clients(comm_socket_v4* c) {
   reset_cursors(c);
 }
 
-// --- Reading from a client ----------------------------------------------------------------------
-
-namespace {
-
-class ServerSide final : public ReceiveSide {
- public:
-  explicit ServerSide(comm_socket_v4_client* c)
-      : ReceiveSide(c->server, c->client_fd, ::source, "comm_socket_v4_client_idle_read"),
-        client_(c) {}
-
-  comm_socket_v4_packet** slot() override {
-    comm_socket_v4_client* const c = client_.record();
-    return c != nullptr ? &c->next_packet : nullptr;
-  }
-  int offer(comm_socket_v4_packet* p) override {
-    comm_socket_v4_client* const c = client_.record();
-    return c->recv_cb != nullptr ? c->recv_cb(c, p) : 0;
-  }
-  int on_error(int error) override {
-    errno = error;
-    // A reset by the peer is an ordinary end of a connection.
-    if (error != ECONNRESET)
-      comm_socket_v4_error(endpoint, "client_idle() fd=%d recv error %s", fd, std::strerror(error));
-    if (!queue_for_release()) return 0;
-    client_.record()->status.error = 1;
-    errno = error;
-    return -1;
-  }
-  int on_end_of_stream(int bytes_announced) override {
-    comm_socket_v4_debug(endpoint, "client_idle() client[%zu] fd=%d disconnected", client_.index(),
-                         fd);
-    if (bytes_announced != 0)
-      comm_socket_v4_bug(
-          endpoint,
-          "client_idle() fd=%d disconnect but FIONREAD last returned %d, something strange?", fd,
-          bytes_announced);
-    if (!queue_for_release()) return 0;
-    client_.record()->status.disconnected = 1;
-    errno = ENOTCONN;
-    return -1;
-  }
-  void warn_of_truncation() override {
-    comm_socket_v4_warning(
-        endpoint, "client_idle() fd=%d returned packet is larger than buffer (server-side)\n", fd);
-  }
-
- private:
-  // When the list has no room the client stays open, and the next read tries again.
-  bool queue_for_release() {
-    if (comm_socket_v4_client_disconnect_list_add(endpoint, client_.index()) == 0) return true;
-    comm_socket_v4_debug(endpoint, "client_idle() fd=%d not able to add client to disconnect list",
-                         fd);
-    return false;
-  }
-
-  ClientSlot client_;
-};
-
-int comm_socket_v4_client_idle_read(comm_socket_v4_client* c) {
-  ServerSide side(c);
-  return receive_packet(side);
-}
-
-}  // namespace
-
-int comm_socket_v4_client_idle(comm_socket_v4_client* c) {
-  if (c->halt != 0) return 0;
-  if (c->next_packet != nullptr) return 0;
-  FATAL_ASSERT(c->server != nullptr);
-  if (c->client_fd < 0) {
-    comm_socket_v4_bug(c->server, "client_idle() while closed");
-    errno = EBADF;
-    return -1;
-  }
-  if (c->status.disconnected) {
-    errno = ENOTCONN;
-    return -1;
-  }
-  if (c->status.error) {
-    errno = EINVAL;
-    return -1;
-  }
-  return comm_socket_v4_client_idle_read(c) != 0 ? -1 : 0;
-}
-
-// --- Validation ---------------------------------------------------------------------------------
+// ================================================================================================
+// Validation: the one gate between what a peer sent and the readers of a packet.
+// ================================================================================================
 
 namespace {
 
@@ -538,9 +452,70 @@ int comm_socket_v4_validate_packet_contents(comm_socket_v4* c, const comm_socket
   return Validation(c, *p, *header).passes() ? 0 : -1;
 }
 
-// --- Waits --------------------------------------------------------------------------------------
+// ================================================================================================
+// Reads and waits: one packet from one client, and waiting for any of them, or for a server.
+// ================================================================================================
 
 namespace {
+
+class ServerSide final : public ReceiveSide {
+ public:
+  explicit ServerSide(comm_socket_v4_client* c)
+      : ReceiveSide(c->server, c->client_fd, ::source, "comm_socket_v4_client_idle_read"),
+        client_(c) {}
+
+  comm_socket_v4_packet** slot() override {
+    comm_socket_v4_client* const c = client_.record();
+    return c != nullptr ? &c->next_packet : nullptr;
+  }
+  int offer(comm_socket_v4_packet* p) override {
+    comm_socket_v4_client* const c = client_.record();
+    return c->recv_cb != nullptr ? c->recv_cb(c, p) : 0;
+  }
+  int on_error(int error) override {
+    errno = error;
+    // A reset by the peer is an ordinary end of a connection.
+    if (error != ECONNRESET)
+      comm_socket_v4_error(endpoint, "client_idle() fd=%d recv error %s", fd, std::strerror(error));
+    if (!queue_for_release()) return 0;
+    client_.record()->status.error = 1;
+    errno = error;
+    return -1;
+  }
+  int on_end_of_stream(int bytes_announced) override {
+    comm_socket_v4_debug(endpoint, "client_idle() client[%zu] fd=%d disconnected", client_.index(),
+                         fd);
+    if (bytes_announced != 0)
+      comm_socket_v4_bug(
+          endpoint,
+          "client_idle() fd=%d disconnect but FIONREAD last returned %d, something strange?", fd,
+          bytes_announced);
+    if (!queue_for_release()) return 0;
+    client_.record()->status.disconnected = 1;
+    errno = ENOTCONN;
+    return -1;
+  }
+  void warn_of_truncation() override {
+    comm_socket_v4_warning(
+        endpoint, "client_idle() fd=%d returned packet is larger than buffer (server-side)\n", fd);
+  }
+
+ private:
+  // When the list has no room the client stays open, and the next read tries again.
+  bool queue_for_release() {
+    if (comm_socket_v4_client_disconnect_list_add(endpoint, client_.index()) == 0) return true;
+    comm_socket_v4_debug(endpoint, "client_idle() fd=%d not able to add client to disconnect list",
+                         fd);
+    return false;
+  }
+
+  ClientSlot client_;
+};
+
+int read_from_client(comm_socket_v4_client* c) {
+  ServerSide side(c);
+  return receive_packet(side);
+}
 
 // Adds the listening socket and every open client; true when a client's packet waits already.
 bool add_server_descriptors(const comm_socket_v4* s, DescriptorSet& set) {
@@ -566,6 +541,26 @@ bool stays_open_before_wait(comm_socket_v4* s, Direction direction) {
 }
 
 }  // namespace
+
+int comm_socket_v4_client_idle(comm_socket_v4_client* c) {
+  if (c->halt != 0) return 0;
+  if (c->next_packet != nullptr) return 0;
+  FATAL_ASSERT(c->server != nullptr);
+  if (c->client_fd < 0) {
+    comm_socket_v4_bug(c->server, "client_idle() while closed");
+    errno = EBADF;
+    return -1;
+  }
+  if (c->status.disconnected) {
+    errno = ENOTCONN;
+    return -1;
+  }
+  if (c->status.error) {
+    errno = EINVAL;
+    return -1;
+  }
+  return read_from_client(c) != 0 ? -1 : 0;
+}
 
 int comm_socket_v4_server_from_client_readable(comm_socket_v4* s, unsigned long deadline_us) {
   if (!comm_socket_v4_is_open(s)) return -1;

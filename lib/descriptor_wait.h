@@ -21,7 +21,7 @@ class DescriptorSet {
   DescriptorSet(const DescriptorSet&) = delete;
   DescriptorSet& operator=(const DescriptorSet&) = delete;
 
-  // A failure, EBADF for a negative descriptor or ENOMEM, is the answer of the select that follows.
+  // A failure, EBADF for a negative descriptor or ENOMEM, is what the select that follows returns.
   void add(int fd) noexcept;
   // As select(2): the number of ready descriptors, 0 after the time-out, or -1 with errno.
   int select(Direction direction, std::uint64_t timeout_us) noexcept;
@@ -40,7 +40,7 @@ class DescriptorSet {
 };
 
 // Waits until a descriptor is ready or the deadline passes: 1, 0 (also when a signal came, with
-// EINTR), or -1 with errno. `fill` adds the descriptors and answers whether something is ready
+// EINTR), or -1 with errno. `fill` adds the descriptors and returns whether something is ready
 // already, which ends the wait with 1; it runs only while the deadline lies ahead.
 template <class Fill>
 int wait_for_descriptors(Direction direction, std::uint64_t deadline_us, Fill fill) {

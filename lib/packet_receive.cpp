@@ -25,7 +25,7 @@ constexpr std::size_t size_margin = 16;
 // One byte of the buffer stays free for the NUL.
 static_assert(COMM_V4_RECV_SIZE_CAP + size_margin - 1 == COMM_V4_MAX_RECEIVED_PACKET);
 
-// FIONREAD answers the sum of all records that wait on a local socket, 0 for an empty queue and for
+// FIONREAD gives the sum of all records that wait on a local socket, 0 for an empty queue and for
 // a peer that has gone.
 bool ask_announced_bytes(const ReceiveSide& side, int* avail) {
   *avail = 0;
@@ -75,6 +75,8 @@ void take_descriptors(const ReceiveSide& side, struct msghdr& message,
   for (struct cmsghdr* control = CMSG_FIRSTHDR(&message); control != nullptr;
        control = CMSG_NXTHDR(&message, control)) {
     const unsigned char* const first = CMSG_DATA(control);
+    // The kernel writes these lengths, no peer does. A wrong one would be its fault, and is not
+    // followed.
     if (control->cmsg_len < CMSG_LEN(0)) break;
     if (control->cmsg_len - CMSG_LEN(0) >
         static_cast<std::size_t>(end - reinterpret_cast<const char*>(first)))

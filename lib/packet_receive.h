@@ -16,7 +16,7 @@ class ReceiveSide {
   // Where the packet waits. Null when the connection's record is gone; looked up each time, since a
   // callback that accepts a connection may move the record.
   virtual comm_socket_v4_packet** slot() = 0;
-  // The answer of the receive callback; 0 without one.
+  // What the receive callback returns; 0 without one.
   virtual int offer(comm_socket_v4_packet* p) = 0;
   // The receive failed, the connection ended: what the read then returns, with errno.
   virtual int on_error(int error) = 0;

@@ -11,7 +11,7 @@
 // Whether a read from the descriptor would find nothing. False where that is not known.
 bool is_quiet(int fd) noexcept;
 
-// What a pass expects to find; the outcome is the same.
+// What a pass most likely finds. It decides how the pass looks, not what it finds.
 enum class Expected { quiet, packets };
 
 // Serves one pass over the table.
