@@ -96,12 +96,13 @@ expect 0 "Asynchronous Response" call echo "${all[@]}"
 for line in "client 1 \(pid [0-9]+, uid $UID, gid [0-9]+\): 'hello'" 'Message ID: 0x10' \
   'Stream ID:  0x5' 'Multipart:  Last' 'Command:    hello' \
   'Argv\[0\]:    a:b' 'Argv\[1\]: .*00ff' 'Argv\[2\]:    -9223372036854775808' \
-  'Argv\[3\]:    -0\.50*' '^empty: ' '^j:\(JSON\) \{"a":1\}' '^u:\(UINT64\) 0*1 0*10 $' \
-  '^i:\(INT64\) -1 2 $' '^d:\(DOUBLE\) 1\.50* $' '^none:\(UINT64\) $' '^b:\(BINARY\) 00 ff $' \
-  "^c:\('ABCD'\) 01 02 $" '^f:\(BINARY\) 63 6f .* 0a $' 'Data:       5 bytes' '^bytes$'; do
+  'Argv\[3\]:    -0\.5$' '^  empty: $' '^  j:\(JSON\) \{"a":1\}' '^  u:\(UINT64\) 0*1 0*10 $' \
+  '^  i:\(INT64\) -1 2 $' '^  d:\(DOUBLE\) 1\.5 $' '^  none:\(UINT64\) $' \
+  '^  b:\(BINARY\) 00 ff $' "^  c:\('ABCD'\) 01 02 $" '^  f:\(BINARY\) 63 6f .* 0a $' \
+  'Data:       5 bytes' '^  bytes$'; do
   check "$line in the response" grep -qE "$line" out echo.out
 done
-expect 0 "^Command@63: 'x'" call echo x -f full
+expect 0 '^\*Argv\[0\]\(INT64\)@65: 7' call echo x int64:7 -f full
 expect 1 "the response is error 7: sour" call echo x -f none --error-code 7 --error-string sour
 expect 0 "" call --no-reply echo "once only"
 check "nothing is printed of it" [ ! -s out ]
@@ -134,13 +135,13 @@ stop INT fixed
 start exec serve --exec-timeout 3 exec \
   --exec 'cat; echo "$#,$1,$2,$TARN_COMM_COMMAND,$TARN_COMM_UID"; [ "$1" != slow ] || sleep 9
           exit "${3:-0}"'
-expect 0 "^2,a b;true,-5,run,$UID$" call exec run "a b;true" int64:-5
-expect 0 "^content$" call exec run -D file
+expect 0 "^  2,a b;true,-5,run,$UID$" call exec run "a b;true" int64:-5
+expect 0 "^  content$" call exec run -D file
 expect 1 "Error str:  the command exited with status 7" call exec run a b 7
 "$tool" call exec run slow > killed &
 slow=$!
 sleep 0.2
-expect 0 "^1,fast" call exec run fast
+expect 0 "^  1,fast" call exec run fast
 check "no waiting for another's command" kill -0 $slow
 wait $slow
 check "an error for a command that takes too long" grep -q "was not done in time" killed
@@ -180,6 +181,40 @@ start lonely proxy lonely nowhere
 expect 1 "the server closed the connection" call lonely x
 check "the proxy says why" grep -q "cannot connect to 'nowhere': No such file" lonely.out
 stop HUP lonely
+
+# --- Texts that would command a terminal, forge lines, or be printed thousands of times
+python3 - << 'END'
+import struct
+text = b"a\nforged\t\x7f\x9b\xc2\x9b\xe2\x80\xae\xe2\x80\xa8\xd8\x9c\xed\xa0\x80\xff caf\xc3\xa9"
+def packet(text, arguments, pairs, data):
+    table = 63 + len(text)
+    tables = struct.pack("<I", 63) * arguments + struct.pack("<IIII", 63, 63, 65488, 1) * pairs
+    start = table + len(tables)
+    body = text + tables + data * (65551 - start)
+    return struct.pack("<IIQQQIIIBIHIII", 0xABCD0201, 63, 0, 0, 0, 0, 63, 63, arguments,
+                       table * (arguments > 0), pairs, (table + 4 * arguments) * (pairs > 0),
+                       start, 65551 - start) + body
+open("evil", "wb").write(packet(text + b"x" * 9000 + b"\0", 255, 2000, b"\n"))
+open("whole", "wb").write(packet(b"whole\0", 0, 0, b"\x1b"))
+END
+for format in readable full; do
+  start seen serve -f $format seen
+  start seen_twice proxy -f $format seen_twice seen
+  # shellcheck disable=SC2016
+  check "an answer to it" raw seen_twice evil 'send S, $p, 0; recv S, $r, 70000, 0; length $r == 65551'
+  expect 0 "^\*Cut: .* 1000000 characters" decode -f $format evil
+  stop TERM seen_twice
+  stop TERM seen
+  for shown in out seen.out seen_twice.out; do
+    check "letters of UTF-8 in $shown" grep -q $'caf\xc3\xa9' $shown
+    check "no other bytes in $shown" \
+      [ "$(LC_ALL=C tr -d '\n\040-\176\303\251' < $shown | wc -c)" -eq 0 ]
+    check "no line of its own in $shown" [ "$(grep -c ^forged $shown)" -eq 0 ]
+    check "a limit to $shown" [ "$(wc -c < $shown)" -lt 2300000 ]
+  done
+done
+expect 0 "^  65536  (1b ){15} *\.{15}$" decode -f full whole
+check "a packet without overlaps is shown whole" [ "$(grep -c Cut out)" -eq 0 ]
 
 # --- decode
 for packet in packets/00000*; do expect 0 "^.Command: " decode "$packet"; done

@@ -12,6 +12,7 @@
 #include "tool/packet_check.h"
 #include "tool/packet_print.h"
 #include "tool/packet_recipe.h"
+#include "tool/visible_text.h"
 
 namespace {
 
@@ -83,7 +84,7 @@ void report_error(const comm_socket_v4_packet& packet, Format format) {
   if (format == Format::readable || format == Format::full) return;
   std::fprintf(stderr, "tarn-comm call: the response is error %llu: %s\n",
                static_cast<unsigned long long>(packet.error_code),
-               visible(packet.error_string(), false).c_str());
+               visible(packet.error_string()).c_str());
 }
 
 int print_response(const Call& call, comm_socket_v4& endpoint, std::uint64_t deadline_us) {

@@ -5,49 +5,15 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <map>
 
 #include "tool/connection.h"
 #include "tool/files.h"
+#include "tool/packet_listing.h"
+#include "tool/visible_text.h"
 
 namespace {
-
-void print_text(std::string_view text) {
-  const std::string shown = visible(text, true);
-  std::fwrite(shown.data(), 1, shown.size(), stdout);
-}
-
-// What the dump writes to a stream.
-std::string dumped(const comm_socket_v4_packet& packet,
-                   void (*dump)(const comm_socket_v4_packet*, std::FILE*)) {
-  char* text = nullptr;
-  std::size_t length = 0;
-  std::FILE* const stream = ::open_memstream(&text, &length);
-  if (stream == nullptr) throw std::bad_alloc();
-  dump(&packet, stream);
-  const bool complete = std::fclose(stream) == 0;
-  std::string result(complete ? text : "", complete ? length : 0);
-  std::free(text);
-  if (!complete) throw std::bad_alloc();
-  return result;
-}
-
-std::string_view data_of(const comm_socket_v4_packet& packet) {
-  return {reinterpret_cast<const char*>(packet.data()), packet.data_length()};
-}
-
-// The listing leaves out descriptors and the size of the data.
-void print_readable(const comm_socket_v4_packet& packet) {
-  print_text(dumped(packet, comm_socket_v4_packet_dump_header_user_friendly));
-  if (!packet.attached_fd.empty()) std::printf("*Descriptors: %zu\n", packet.attached_fd.size());
-  const std::string_view data = data_of(packet);
-  if (data.empty()) return;
-  std::printf("*Data:       %zu bytes\n", data.size());
-  print_text(data);
-  if (data.back() != '\n') std::putchar('\n');
-}
 
 // Waits for what a pipe or a socket brings. A file is always ready.
 void wait_for_bytes(int fd, std::uint64_t deadline_us) {
@@ -77,24 +43,6 @@ void copy_descriptor(int from, int to, std::uint64_t deadline_us) {
 
 }  // namespace
 
-std::string visible(std::string_view text, bool keep_lines) {
-  std::string result;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
-    const bool c1_control = byte == 0xC2 && next >= 0x80 && next <= 0x9F;  // in UTF-8
-    const bool control = byte < 0x20 || byte == 0x7F || c1_control;
-    if (!control || (keep_lines && (byte == '\n' || byte == '\t'))) {
-      result += text[i];
-      continue;
-    }
-    char escape[8];
-    std::snprintf(escape, sizeof(escape), "\\x%02x", byte);
-    result += escape;
-  }
-  return result;
-}
-
 Option format_option(Format& target) {
   return {
       "format", 'f', true, [&target](auto& value, auto& what) {
@@ -110,10 +58,12 @@ Option format_option(Format& target) {
 }
 
 void print_packet(const comm_socket_v4_packet& packet, Format format) {
-  const std::string_view data = data_of(packet);
-  if (format == Format::readable) print_readable(packet);
-  if (format == Format::full) print_text(dumped(packet, comm_socket_v4_packet_dump));
-  if (format == Format::data) std::fwrite(data.data(), 1, data.size(), stdout);
+  if (format == Format::data) {
+    std::fwrite(packet.data(), 1, packet.data_length(), stdout);
+  } else if (format != Format::none) {
+    const std::string listing = listing_of(packet, format == Format::full);
+    std::fwrite(listing.data(), 1, listing.size(), stdout);
+  }
 }
 
 void print_event(std::string_view text) {
@@ -123,7 +73,7 @@ void print_event(std::string_view text) {
   std::timespec_get(&now, TIME_UTC);
   ::localtime_r(&now.tv_sec, &local);
   std::strftime(clock, sizeof(clock), "%H:%M:%S", &local);
-  std::printf("%s.%06ld %s\n", clock, now.tv_nsec / 1000, visible(text, false).c_str());
+  std::printf("%s.%06ld %s\n", clock, now.tv_nsec / 1000, visible(text).c_str());
   std::fflush(stdout);
 }
 

@@ -1,5 +1,4 @@
-// Packets and what they carry, for people and for files. Texts come from strangers: what a terminal
-// would take for a command is shown as an escape.
+// Packets and what they carry, for people and for files.
 #ifndef TOOL_PACKET_PRINT_H
 #define TOOL_PACKET_PRINT_H
 
@@ -17,8 +16,6 @@ enum class Format { readable, full, data, none };
 
 Option format_option(Format& target);
 
-// On one line, or on its lines.
-std::string visible(std::string_view text, bool keep_lines);
 // To standard output. The data format is the bytes of the data, as they are, and nothing else.
 void print_packet(const comm_socket_v4_packet& packet, Format format);
 // One line with the time of day before it, flushed.
