@@ -122,7 +122,22 @@ check "percentiles" grep -qE '^percentiles 50/90/99/99.9 = ([0-9.]+[/ ]){4}ms$' 
 sleep 0.3
 kill -INT $! && wait $!
 check "statistics after SIGINT" grep -qE "^([0-9]+) sent, \1 answered, 0% lost" interrupted
+timeout 20 "$tool" ping -i 0.01 echo 2> err | read -r
+check "ping ends with its reader" grep -q "cannot write standard output: Broken pipe" err
+for words in --version "call --help" "call echo x" "call echo x -D -" "ping -c 1 echo" "serve shut" \
+  "proxy shut echo" decode; do
+  # shellcheck disable=SC2086  # These are words.
+  timeout 20 "$tool" $words <&- >&- 2> err
+  check "$words: status $? with the standard descriptors closed" [ $? -eq 1 ]
+  check "$words: $(cat err)" grep -qE "cannot (read standard input|write standard output)" err
+done
+"$tool" ping -i 0.01 echo > left_alone 2>&1 &
+sleep 0.3
 stop TERM echo
+wait $!
+check "a ping that loses its server: $?" [ $? -eq 1 ]
+check "its end" grep -q "closed the connection" left_alone
+check "its statistics" grep -qE "^[1-9][0-9]* sent, [1-9]" left_alone
 
 # --- Other answers
 start fixed serve -q fixed answer uint64:1 --error-code 3 --error-string "not today" --fd file

@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tool/files.h"
+
 Failure system_failure(const std::string& what) {
   return Failure(what + ": " + std::strerror(errno));
 }
@@ -67,7 +69,8 @@ std::vector<std::string> parse_options(const Subcommand& subcommand, int argc, c
     if (code == '?') throw UsageError("");
     if (code == 'h') {
       std::fputs(subcommand.help, stdout);
-      std::exit(std::fflush(stdout) == 0 ? exit_ok : exit_failed);
+      flush_standard_output();
+      std::exit(exit_ok);
     }
     const auto found = std::find_if(options.begin(), options.end(), [&](const Option& o) {
       return o.letter == code || long_codes + (&o - options.data()) == code;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 
 #include "tool/arguments.h"
@@ -53,4 +54,11 @@ void write_all(int fd, std::string_view bytes, const std::string& what) {
     if (put < 0) throw system_failure("cannot write " + what);
     bytes.remove_prefix(static_cast<std::size_t>(put));
   }
+}
+
+// A write that failed before the last flush is only known to the stream.
+void flush_standard_output() {
+  const std::string what = "cannot write standard output";
+  if (std::fflush(stdout) != 0) throw system_failure(what);
+  if (std::ferror(stdout) != 0) throw Failure(what);
 }

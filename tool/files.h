@@ -16,5 +16,7 @@ std::string read_file(const std::string& path, std::size_t max);
 void make_empty_folder(const std::string& path);
 OwnedFd create_file(const std::string& folder, const std::string& name);
 void write_all(int fd, std::string_view bytes, const std::string& what);
+// What was printed so far has been written, or it is a failure.
+void flush_standard_output();
 
 #endif

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "tool/arguments.h"
+#include "tool/files.h"
 #include "tool/subcommand.h"
 
 namespace {
@@ -33,11 +34,11 @@ void print_help(std::FILE* out) {
       out);
 }
 
-// A socket or a packet's descriptor must not become 0, 1 or 2, where others read and write.
+// A socket or a packet's descriptor must not become 0, 1 or 2, where others read and write. What
+// takes the place of a closed one cannot be used either: a lost output is still a failure.
 void open_standard_descriptors() {
-  int fd = 0;
-  while (fd >= 0 && fd <= STDERR_FILENO) fd = ::open("/dev/null", O_RDWR);
-  if (fd > STDERR_FILENO) ::close(fd);
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    if (::fcntl(fd, F_GETFD) < 0) ::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
 }
 
 int report(const std::string& title, const char* text, int status) {
@@ -52,7 +53,7 @@ int run(const Subcommand& subcommand, int argc, char** argv) {
   argv[0] = title.data();  // getopt begins its messages with it.
   try {
     const int status = subcommand.run(argc, argv);
-    if (std::fflush(stdout) != 0) throw system_failure("cannot write standard output");
+    flush_standard_output();
     return status;
   } catch (const UsageError& error) {
     return report(title, error.what(), exit_usage);
@@ -81,5 +82,6 @@ int main(int argc, char** argv) {
     std::puts("tarn-comm " TARN_COMM_VERSION);
   else
     return report("tarn-comm", ("unknown command " + in_quotes(word)).c_str(), exit_usage);
-  return std::fflush(stdout) == 0 ? exit_ok : exit_failed;
+  if (std::fflush(stdout) == 0) return exit_ok;
+  return report("tarn-comm", "cannot write standard output", exit_failed);
 }

@@ -74,7 +74,6 @@ void print_event(std::string_view text) {
   ::localtime_r(&now.tv_sec, &local);
   std::strftime(clock, sizeof(clock), "%H:%M:%S", &local);
   std::printf("%s.%06ld %s\n", clock, now.tv_nsec / 1000, visible(text).c_str());
-  std::fflush(stdout);
 }
 
 std::string count_of(std::size_t count, const char* thing) {

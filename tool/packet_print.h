@@ -18,7 +18,7 @@ Option format_option(Format& target);
 
 // To standard output. The data format is the bytes of the data, as they are, and nothing else.
 void print_packet(const comm_socket_v4_packet& packet, Format format);
-// One line with the time of day before it, flushed.
+// One line with the time of day before it.
 void print_event(std::string_view text);
 // "'ping', 94 bytes, 1 descriptor"
 std::string summary(const comm_socket_v4_packet& packet);

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "tool/captured_log.h"
+#include "tool/files.h"
 
 namespace {
 
@@ -68,9 +69,10 @@ void PacketServer::run() {
   loop_.watch(signals_.fd(), EPOLLIN, [this](std::uint32_t) { loop_.stop(); });
   listen();
   say("listening on " + in_quotes(server_->socket_path));
+  flush_standard_output();
   loop_.run([this] {
     release_ended();
-    if (std::ferror(stdout) != 0) throw Failure("cannot write standard output");
+    flush_standard_output();
   });
 }
 

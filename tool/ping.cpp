@@ -13,6 +13,7 @@
 
 #include "tool/connection.h"
 #include "tool/event_loop.h"
+#include "tool/files.h"
 #include "tool/packet_recipe.h"
 #include "tool/round_trips.h"
 
@@ -22,7 +23,7 @@ constexpr char help[] =
     "usage: tarn-comm ping [OPTION...] PATH\n"
     "Sends requests to the server at PATH, one after another, and measures how long the answers\n"
     "take. Any packet that comes back is an answer, unless it has the message id of another\n"
-    "request. SIGINT ends it with the statistics.\n\n"
+    "request. SIGINT, SIGTERM and SIGHUP end it with the statistics.\n\n"
     "  -c, --count N             stop after N requests\n"
     "  -i, --interval SECONDS    from request to request (1); 0 sends as fast as answers come\n"
     "  -s, --size N              bytes of data in a request (56)\n"
@@ -31,8 +32,9 @@ constexpr char help[] =
     "  -q, --quiet               only the statistics, and on a terminal the progress\n"
     "  -v, --verbose             let the library log what it does\n"
     "  -h, --help                this text\n"
-    "\nExit status: 0 if an answer came, 1 if none came or the connection failed, 2 for wrong\n"
-    "usage.\n";
+    "\nExit status: 0 if an answer came; 1 if none came, or when something failed, as when the "
+    "server\n"
+    "closes the connection; 2 for wrong usage.\n";
 
 struct Settings {
   std::string path;
@@ -217,13 +219,13 @@ class Pinger {
                 settings_.path.c_str(), sent_, milliseconds(nanoseconds));
     if (answer.error_code != 0) std::printf(" error=%" PRIu64, answer.error_code);
     std::putchar('\n');
-    std::fflush(stdout);
+    flush_standard_output();
   }
 
   void report_loss() {
     if (settings_.quiet) return;
     std::printf("no answer in time: seq=%" PRIu64 "\n", sent_);
-    std::fflush(stdout);
+    flush_standard_output();
   }
 
   // Into a packet that is complete.
