@@ -71,6 +71,8 @@ expect 0 "sees the proxy's process, user and group ids" proxy --help
 expect 2 "call: PATH is empty" call "" x
 expect 2 "ping: --count: '0' is out of range" ping -c 0 s
 expect 2 "serve: the path has 120 characters" serve "$(printf '%0120d' 0)"
+expect 2 "serve: --mode: an abstract name has no mode" serve --mode 600 @s
+expect 2 "proxy: --mode: '1777' is not an octal mode" proxy --mode 1777 s t
 expect 2 "serve: --exec and an answer of its own exclude" serve --exec true s answer
 expect 2 "argument 2: '12x' is not a number" call s x ok uint64:12x
 expect 2 "argument 1: '9223372036854775808' is out of range" call s x int64:9223372036854775808
@@ -140,7 +142,7 @@ check "its end" grep -q "closed the connection" left_alone
 check "its statistics" grep -qE "^[1-9][0-9]* sent, [1-9]" left_alone
 
 # --- Other answers
-start fixed serve -q fixed answer uint64:1 --error-code 3 --error-string "not today" --fd file
+start fixed serve --uid $((UID + 1)) --uid $UID -q fixed answer uint64:1 --error-code 3 --error-string "not today" --fd file
 expect 1 "Message ID: 0x9" call fixed question --message-id 9
 expect 1 "the response is error 3: not today" call fixed question -f none --save-fds given
 check "the server's file" cmp -s file given/descriptor-0
@@ -192,6 +194,11 @@ check "who reads no answers is held up, and loses none" raw proxy good 'for (; $
   for (0 .. $n - 1) { recv S, $r, 70000, 0; unpack("x16Q", $r) == $_ or die "out of order" }'
 expect 1 "proxy: folder 'packets' is not empty" proxy --save packets again server
 stop TERM proxy
+start private proxy --mode 600 --uid $((UID + 1)) private nowhere
+expect 1 "the server closed the connection" call private x
+check "the mode of private" [ "$(stat -c %a private)" = 600 ]
+check "who is turned away" grep -qE "client 1 .* uid $UID, .* turned away: --uid" private.out
+stop TERM private
 start lonely proxy lonely nowhere
 expect 1 "the server closed the connection" call lonely x
 check "the proxy says why" grep -q "cannot connect to 'nowhere': No such file" lonely.out

@@ -8,6 +8,8 @@
 
 #include "tool/arguments.h"
 
+bool is_abstract(const std::string& path) { return path.size() > 1 && path[0] == '@'; }
+
 OwnedFd open_file(const std::string& path, int flags) {
   OwnedFd file(::open(path.c_str(), flags | O_CLOEXEC, 0666));
   if (!file.valid()) throw system_failure("cannot open " + in_quotes(path));

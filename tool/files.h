@@ -8,6 +8,9 @@
 
 #include "tool/handles.h"
 
+// The path of a socket, but of no file.
+bool is_abstract(const std::string& path);
+
 OwnedFd open_file(const std::string& path, int flags);
 // The whole of a file, of standard input for "-". A longer one than `max` bytes is a failure.
 std::string read_file(const std::string& path, std::size_t max);

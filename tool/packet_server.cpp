@@ -3,8 +3,11 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -26,11 +29,23 @@ bool descriptors_to_spare() {
   return next.valid() && static_cast<rlim_t>(next.get()) + reserve <= limit.rlim_cur;
 }
 
-EndpointPtr create_server(const std::string& path, bool verbose) {
+mode_t parse_mode(const std::string& text, const std::string& what) {
+  mode_t mode = 0;
+  const char* const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, mode, 8);
+  if (error != std::errc() || stop != end || mode > 0777)
+    throw UsageError(what + ": " + in_quotes(text) + " is not an octal mode of at most 777");
+  return mode;
+}
+
+EndpointPtr create_server(const ServerSettings& settings) {
+  const std::string& path = settings.path;
   if (path.size() > max_server_path)
     throw UsageError("the path has " + std::to_string(path.size()) +
                      " characters, a server's has at most " + std::to_string(max_server_path));
-  EndpointPtr server = new_endpoint(verbose);
+  if (settings.mode.has_value() && is_abstract(path))
+    throw UsageError("--mode: an abstract name has no mode");
+  EndpointPtr server = new_endpoint(settings.verbose);
   const unsigned mask = server->log_mask;
   std::string reason;
   int result;
@@ -43,6 +58,10 @@ EndpointPtr create_server(const std::string& path, bool verbose) {
   }
   if (result != 0) throw Failure("cannot listen on " + in_quotes(path) + ": " + reason);
   server->log_mask = mask & 15;
+  // Whatever may have taken the place of the socket file, a link is not followed.
+  if (settings.mode.has_value() &&
+      ::fchmodat(AT_FDCWD, path.c_str(), *settings.mode, AT_SYMLINK_NOFOLLOW) != 0)
+    throw system_failure("cannot set the mode of " + in_quotes(path));
   return server;
 }
 
@@ -54,14 +73,23 @@ std::string Peer::name() const {
 }
 
 std::vector<Option> ServerSettings::options(std::vector<Option> own) {
-  std::vector<Option> all = {format_option(format), flag_option("quiet", 'q', quiet),
-                             flag_option("verbose", 'v', verbose)};
+  std::vector<Option> all = {
+      format_option(format),
+      {"mode", 0, true, [this](auto& value, auto& what) { mode = parse_mode(value, what); }},
+      {"uid", 0, true,
+       [this](auto& value, auto& what) {
+         uids.push_back(static_cast<uid_t>(parse_uint64(value, what, 0, UINT32_MAX - 1)));
+       }},
+      flag_option("quiet", 'q', quiet),
+      flag_option("verbose", 'v', verbose)};
   all.insert(all.end(), own.begin(), own.end());
   return all;
 }
 
 PacketServer::PacketServer(const ServerSettings& settings)
-    : settings_(settings), server_(create_server(settings.path, settings.verbose)) {
+    : settings_(settings),
+      server_(create_server(settings)),
+      early_((settings.mode.value_or(S_IWOTH) & S_IWOTH) == 0) {
   server_->set_tag(reinterpret_cast<std::uintptr_t>(this));
 }
 
@@ -69,6 +97,7 @@ void PacketServer::run() {
   loop_.watch(signals_.fd(), EPOLLIN, [this](std::uint32_t) { loop_.stop(); });
   listen();
   say("listening on " + in_quotes(server_->socket_path));
+  while (early_ && accept_client()) continue;
   flush_standard_output();
   loop_.run([this] {
     release_ended();
@@ -91,15 +120,28 @@ void PacketServer::listen() {
   loop_.watch(server_->get_socket_fd(), EPOLLIN, [this](std::uint32_t) { accept_client(); });
 }
 
-void PacketServer::accept_client() {
+// Why somebody is not served; null for everybody else.
+const char* PacketServer::objection_to(const struct ucred& cred) const {
+  const std::vector<uid_t>& uids = settings_.uids;
+  if (!uids.empty() && std::find(uids.begin(), uids.end(), cred.uid) == uids.end())
+    return "--uid does not name this user";
+  // The file was open to everybody at first. To these two its mode makes no difference.
+  if (early_ && cred.uid != ::geteuid() && cred.uid != 0)
+    return "it connected before the socket file had its mode";
+  return nullptr;
+}
+
+bool PacketServer::accept_client() {
   if (!descriptors_to_spare()) {
     say("no descriptors left; further clients wait until one has gone");
-    return loop_.forget(server_->get_socket_fd());
+    loop_.forget(server_->get_socket_fd());
+    return false;
   }
   comm_socket_v4_client* const client = comm_socket_v4_accept_connection(server_.get());
   if (client == nullptr) {
     if (!server_->socket_open()) throw system_failure("cannot accept connections any more");
-    return;
+    if (errno == EAGAIN) early_ = false;
+    return false;
   }
   client->set_recv_cb(on_receive);
   std::unique_ptr<Peer> made = make_peer();
@@ -107,10 +149,16 @@ void PacketServer::accept_client() {
   peer.index = comm_socket_v4_client_ptr2index(client);
   peer.number = ++connections_;
   peer.cred = client->cred;
+  if (const char* const objection = objection_to(peer.cred); objection != nullptr) {
+    say(peer.name() + " turned away: " + objection);
+    comm_socket_v4_free_client(client);
+    return true;
+  }
   peers_[peer.index] = std::move(made);
   say(peer.name() + " connected");
   on_connect(peer);
   update(peer);
+  return true;
 }
 
 void PacketServer::release_ended() {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -35,15 +36,19 @@ struct ServerSettings {
   Format format = Format::readable;
   bool quiet = false;
   bool verbose = false;
+  std::optional<mode_t> mode;  // of the socket file
+  std::vector<uid_t> uids;     // who is served; everybody if there are none
 
-  // --format, --quiet and --verbose, and behind them those of the caller.
+  // Those of SERVER_OPTIONS_HELP, and behind them those of the caller.
   std::vector<Option> options(std::vector<Option> own);
 };
 
-#define SERVER_OPTIONS_HELP                                        \
-  FORMAT_OPTION_HELP                                               \
-  "  -q, --quiet               print nothing\n"                    \
-  "  -v, --verbose             let the library log what it does\n" \
+#define SERVER_OPTIONS_HELP                                                                        \
+  FORMAT_OPTION_HELP                                                                               \
+  "      --mode MODE           of the socket file, octal (666); who may write to it may connect\n" \
+  "      --uid UID             turn away everybody but this user; may be repeated\n"               \
+  "  -q, --quiet               print nothing\n"                                                    \
+  "  -v, --verbose             let the library log what it does\n"                                 \
   "  -h, --help                this text\n"
 
 class PacketServer {
@@ -79,7 +84,8 @@ class PacketServer {
   static int on_receive(comm_socket_v4_client* client, comm_socket_v4_packet* packet);
 
   void listen();
-  void accept_client();
+  bool accept_client();  // whether there was one
+  const char* objection_to(const struct ucred& cred) const;
   void on_client_event(Peer& peer, std::uint32_t events);
   void flush(Peer& peer);
   void give_up_sending(Peer& peer, const std::string& why);
@@ -93,6 +99,7 @@ class PacketServer {
   std::unordered_map<unsigned long, std::unique_ptr<Peer>> peers_;  // by index
   std::vector<Refused> refused_;                                    // in the read that goes on
   unsigned long connections_ = 0;
+  bool early_;  // who is accepted may have connected before the socket file had its mode
 };
 
 // A received packet is complete; marked so, it is sent without a warning.

@@ -19,14 +19,16 @@ constexpr char help[] =
     "usage: tarn-comm serve [OPTION...] PATH [COMMAND [ARG...]]\n"
     "Listens on PATH, prints every packet and who sent it, and answers it: with the packet "
     "itself,\n"
-    "descriptors included, or as the options say. Ends on SIGINT and SIGTERM, and removes the\n"
-    "socket file.\n\n"
+    "descriptors included, or as the options say. Ends on SIGINT, SIGTERM and SIGHUP, and\n"
+    "removes the socket file.\n\n"
     "With a COMMAND or an option for the packet, every answer is that packet. Ids and COMMAND are\n"
     "those of the request unless they are given. An error is an answer with --error-code.\n\n"
     "  -e, --exec SHELL-COMMAND  answer with the output of a command that is run for each request\n"
     "  -T, --exec-timeout SECONDS\n"
     "                            kill the command then (30)\n" SERVER_OPTIONS_HELP
         PACKET_OPTIONS_HELP
+    "\nEverybody on this machine may connect and have the command of --exec run, unless --mode or\n"
+    "--uid says who may.\n"
     "\nA command of --exec finds the data on its standard input, the arguments in $1 and so on, "
     "and\n"
     "the rest in TARN_COMM_COMMAND, TARN_COMM_STREAM_ID, TARN_COMM_MESSAGE_ID, TARN_COMM_PID,\n"
