@@ -199,6 +199,13 @@ expect 1 "the server closed the connection" call private x
 check "the mode of private" [ "$(stat -c %a private)" = 600 ]
 check "who is turned away" grep -qE "client 1 .* uid $UID, .* turned away: --uid" private.out
 stop TERM private
+expect 2 "SERVER_PATH leads back" proxy @$$ @$$
+start circle proxy circle link
+ln -s circle link  # It was not there before.
+expect 1 "the server closed the connection" call circle x
+check "once around" grep -q "client 2 .* turned away: it is this program itself" circle.out
+stop TERM circle
+expect 2 "SERVER_PATH leads back" proxy circle ./link
 start lonely proxy lonely nowhere
 expect 1 "the server closed the connection" call lonely x
 check "the proxy says why" grep -q "cannot connect to 'nowhere': No such file" lonely.out

@@ -1,6 +1,7 @@
 #include "tool/files.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -9,6 +10,14 @@
 #include "tool/arguments.h"
 
 bool is_abstract(const std::string& path) { return path.size() > 1 && path[0] == '@'; }
+
+bool same_socket(const std::string& path, const std::string& other) {
+  if (is_abstract(path) || is_abstract(other)) return path == other;
+  struct stat file;
+  struct stat other_file;
+  return ::stat(path.c_str(), &file) == 0 && ::stat(other.c_str(), &other_file) == 0 &&
+         file.st_dev == other_file.st_dev && file.st_ino == other_file.st_ino;
+}
 
 OwnedFd open_file(const std::string& path, int flags) {
   OwnedFd file(::open(path.c_str(), flags | O_CLOEXEC, 0666));

@@ -10,6 +10,8 @@
 
 // The path of a socket, but of no file.
 bool is_abstract(const std::string& path);
+// Whether both lead to the same one, which exists.
+bool same_socket(const std::string& path, const std::string& other);
 
 OwnedFd open_file(const std::string& path, int flags);
 // The whole of a file, of standard input for "-". A longer one than `max` bytes is a failure.

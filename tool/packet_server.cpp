@@ -128,6 +128,8 @@ const char* PacketServer::objection_to(const struct ucred& cred) const {
   // The file was open to everybody at first. To these two its mode makes no difference.
   if (early_ && cred.uid != ::geteuid() && cred.uid != 0)
     return "it connected before the socket file had its mode";
+  // A proxy may have been led back to itself.
+  if (cred.pid == ::getpid()) return "it is this program itself";
   return nullptr;
 }
 

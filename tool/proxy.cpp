@@ -60,6 +60,9 @@ struct ProxiedPeer : Peer {
 class Proxy : public PacketServer {
  public:
   explicit Proxy(const Settings& settings) : PacketServer(settings), settings_(settings) {
+    // Known only now: its own socket file is there.
+    if (same_socket(settings.path, settings.server_path))
+      throw UsageError("SERVER_PATH leads back to the proxy itself");
     loop().watch(retry_.fd(), EPOLLIN, [this](std::uint32_t) { retry_connecting(); });
   }
 
