@@ -3,6 +3,7 @@
 set -uo pipefail
 [ -n "${BOUNDED-}" ] || BOUNDED=yes exec timeout 110 "$0" "$@"
 tool=$(realpath "$1") && [ -x "$tool" ] || exit 1
+manual=$(realpath "$(dirname "$0")/../tool/tarn-comm.1")
 scratch=$(mktemp -d)
 cd "$scratch" || exit 1
 trap 'kill $(jobs -p) 2> /dev/null; wait; rm -rf "$scratch"' EXIT
@@ -67,6 +68,12 @@ for command in call serve ping proxy decode; do
   expect 0 "^usage: tarn-comm $command" "$command" --help
   expect 2 "^tarn-comm $command: unrecognized option '--nonsense'" "$command" --nonsense
 done
+options() { sed -E 's/[\\"]//g; s/ *, +/, /g' | grep -oE -- "$1" | sort -u; }
+for pattern in ' -[A-Za-z], --[a-z-]+' '--[a-z][a-z-]+'; do
+  check "the options of the manual" diff <(options "$pattern" < "$manual") \
+    <(for command in "" call serve ping proxy decode; do "$tool" $command --help; done |
+      options "$pattern")
+done
 expect 0 "sees the proxy's process, user and group ids" proxy --help
 expect 2 "call: PATH is empty" call "" x
 expect 2 "ping: --count: '0' is out of range" ping -c 0 s
@@ -126,8 +133,8 @@ kill -INT $! && wait $!
 check "statistics after SIGINT" grep -qE "^([0-9]+) sent, \1 answered, 0% lost" interrupted
 timeout 20 "$tool" ping -i 0.01 echo 2> err | read -r
 check "ping ends with its reader" grep -q "cannot write standard output: Broken pipe" err
-for words in --version "call --help" "call echo x" "call echo x -D -" "ping -c 1 echo" "serve shut" \
-  "proxy shut echo" decode; do
+for words in --version "call --help" "call echo x" "call echo x -D -" "ping -c 1 echo" \
+  "serve shut" "proxy shut echo" decode; do
   # shellcheck disable=SC2086  # These are words.
   timeout 20 "$tool" $words <&- >&- 2> err
   check "$words: status $? with the standard descriptors closed" [ $? -eq 1 ]
@@ -142,7 +149,8 @@ check "its end" grep -q "closed the connection" left_alone
 check "its statistics" grep -qE "^[1-9][0-9]* sent, [1-9]" left_alone
 
 # --- Other answers
-start fixed serve --uid $((UID + 1)) --uid $UID -q fixed answer uint64:1 --error-code 3 --error-string "not today" --fd file
+start fixed serve --uid $((UID + 1)) --uid $UID -q --error-code 3 --error-string "not today" \
+  --fd file fixed answer uint64:1
 expect 1 "Message ID: 0x9" call fixed question --message-id 9
 expect 1 "the response is error 3: not today" call fixed question -f none --save-fds given
 check "the server's file" cmp -s file given/descriptor-0
@@ -230,7 +238,8 @@ for format in readable full; do
   start seen serve -f $format seen
   start seen_twice proxy -f $format seen_twice seen
   # shellcheck disable=SC2016
-  check "an answer to it" raw seen_twice evil 'send S, $p, 0; recv S, $r, 70000, 0; length $r == 65551'
+  check "an answer to it" raw seen_twice evil 'send S, $p, 0; recv S, $r, 70000, 0;
+    length $r == 65551 or die "no answer"'
   expect 0 "^\*Cut: .* 1000000 characters" decode -f $format evil
   stop TERM seen_twice
   stop TERM seen
