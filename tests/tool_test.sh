@@ -33,7 +33,11 @@ declare -A running
 start() {
   "$tool" "${@:2}" > "$1.out" 2>&1 &
   running[$1]=$!
-  for _ in {1..500}; do [ -S "$1" ] && return; sleep 0.01; done
+  for _ in {1..500}; do
+    # A file is there before somebody listens. A quiet server does not say when.
+    [ -S "$1" ] && { grep -q "listening on" "$1.out" || [[ "$*" == *" -q "* ]]; } && return
+    sleep 0.01
+  done
   check "no socket $1" false
 }
 
