@@ -111,13 +111,12 @@ class Listing {
   }
 
   void add_pair(const Pair& pair) {
+    std::string about;
+    if (full_ || pair.type() != comm_v4_type_text) about = type_name(pair.type());
+    if (full_) about += ", " + count_of(pair.length(), "byte") + at(pair.value_offset);
     text_ += "  ";
     add_visible(packet_.nv_pair_name(&pair));
-    text_ += at(pair.name_offset) + ":";
-    if (full_ || pair.type() != comm_v4_type_text) text_ += "(" + type_name(pair.type());
-    if (full_) text_ += ", " + count_of(pair.length(), "byte") + at(pair.value_offset);
-    if (full_ || pair.type() != comm_v4_type_text) text_ += ')';
-    text_ += ' ';
+    text_ += at(pair.name_offset) + (about.empty() ? ": " : ":(" + about + ") ");
     add_value(pair);
     text_ += '\n';
   }
