@@ -2,8 +2,9 @@
 # Sourced by the scripts that need tools which a fresh machine lacks.
 
 # need_tools TOOL:PACKAGE...
-# Installs the Debian package of every tool that is missing. A tool is a command, or a file when it
-# is written as a path. Where it cannot install, it names what is missing and returns 1.
+# Installs the Debian package of every tool that is missing, as root or, when $install is yes,
+# through sudo. Otherwise it names them and the command, and returns 1. A tool is a command, or a
+# file when it is written as a path.
 need_tools() {
   local pair tool packages=() as_root=()
   for pair in "$@"; do
@@ -15,13 +16,15 @@ need_tools() {
   done
   [ ${#packages[@]} -gt 0 ] || return 0
 
+  local command=(apt-get install --yes --no-install-recommends "${packages[@]}")
   [ "$(id -u)" -eq 0 ] || as_root=(sudo)
-  if ! "${as_root[@]}" apt-get --version > /dev/null 2>&1; then
-    echo "Missing: ${packages[*]} (Debian's names). Install them and try again." >&2
+  if [ "$(id -u)" -ne 0 ] && [ "${install-}" != yes ] ||
+    ! "${as_root[@]}" apt-get --version > /dev/null 2>&1; then
+    printf 'Missing: %s. On Debian, this installs them:\n  sudo %s\n' \
+      "${packages[*]}" "${command[*]}" >&2
     return 1
   fi
   echo "Installing ${packages[*]}"
   "${as_root[@]}" apt-get -qq update &&
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-      apt-get -qq install --yes --no-install-recommends "${packages[@]}" > /dev/null
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive "${command[@]}" -qq > /dev/null
 }
