@@ -102,14 +102,14 @@ void copy_bytes(benchmark::State& state, const Packet& packet) {
 
 template <class Read>
 void validate_and_read(benchmark::State& state, const Packet& packet, Read read) {
-  comm_socket_v4* const endpoint = comm_socket_v4_create();
+  const Endpoint endpoint(comm_socket_v4_create());
   auto* const header = reinterpret_cast<comm_socket_v4_packet_header*>(packet->buffer);
   for (auto _ : state) {
     benchmark::ClobberMemory();
-    if (comm_socket_v4_validate_packet_contents(endpoint, packet.get(), header) != 0) std::abort();
+    if (comm_socket_v4_validate_packet_contents(endpoint.get(), packet.get(), header) != 0)
+      std::abort();
     benchmark::DoNotOptimize(read(packet.get()));
   }
-  comm_socket_v4_destroy(endpoint);
 }
 
 void read_values(benchmark::State& state) {

@@ -1,18 +1,14 @@
-// The packets that the benchmarks build and read, and the same bytes without the library.
-#ifndef BENCH_PACKETS_H
-#define BENCH_PACKETS_H
+// The packets that the benchmarks build and read.
+#ifndef COMM_BENCH_PACKETS_H
+#define COMM_BENCH_PACKETS_H
 
 #include <tarn_utils_v4/comm.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 
-struct ReleasePacket {
-  void operator()(comm_socket_v4_packet* p) const { comm_socket_v4_packet_release(p); }
-};
-using Packet = std::unique_ptr<comm_socket_v4_packet, ReleasePacket>;
+#include "lib/owners.h"
 
 constexpr std::size_t small_packet_size = 94;
 
