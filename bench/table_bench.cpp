@@ -1,55 +1,38 @@
 // What the operations of a server cost as its table of client records grows. Eight clients are
 // connected; the other slots are empty.
 #include <benchmark/benchmark.h>
-#include <sys/socket.h>
 #include <tarn_utils_v4/comm.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "bench/check.h"
+#include "bench/raw_sockets.h"
+
 namespace {
 
-// Takes new connections into a table of `slots` slots.
 class Server {
  public:
   explicit Server(std::size_t slots) : server_(comm_socket_v4_create()) {
-    const std::string path = "@table_bench." + std::to_string(::getpid());
-    if (comm_socket_v4_create_server(server_, path.c_str()) != 0) std::exit(1);
-    if (slots > 16) comm_socket_v4_expand_client_list(server_, slots - 16);
-    comm_socket_path_to_sockaddr_un(address_, length_, path);
-    for (int i = 0; i < 8; ++i) {
-      connect();
-      accept();
-    }
+    check(comm_socket_v4_create_server(get(), path_.c_str()), "create_server");
+    if (slots > 16) check(comm_socket_v4_expand_client_list(get(), slots - 16), "expand");
+    for (int i = 0; i < 8; ++i) connect();
   }
-  ~Server() {
-    comm_socket_v4_destroy(server_);
-    for (const int fd : peers_) ::close(fd);
-  }
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
 
-  comm_socket_v4* get() const { return server_; }
-  void connect() {
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address_), static_cast<socklen_t>(length_)) != 0)
-      std::exit(1);
-    peers_.push_back(fd);
+  comm_socket_v4* get() const { return server_.get(); }
+  comm_socket_v4_client* connect() {
+    peers_.push_back(raw::connect(path_));
+    return comm_socket_v4_accept_connection(get());
   }
-  comm_socket_v4_client* accept() { return comm_socket_v4_accept_connection(server_); }
-  void hang_up() {
-    ::close(peers_.back());
-    peers_.pop_back();
-  }
+  // What was connected last.
+  void hang_up() { peers_.pop_back(); }
 
  private:
-  comm_socket_v4* server_;
-  sockaddr_un address_;
-  std::size_t length_;
-  std::vector<int> peers_;
+  const std::string path_ = "@table_bench." + std::to_string(::getpid());
+  std::vector<Descriptor> peers_;
+  Endpoint server_;
 };
 
 template <class Operation>
@@ -61,8 +44,7 @@ void each_call(benchmark::State& state, Operation operation) {
 void accept_and_release(benchmark::State& state) {
   Server server(static_cast<std::size_t>(state.range(0)));
   for (auto _ : state) {
-    server.connect();
-    comm_socket_v4_free_client(server.accept());
+    comm_socket_v4_free_client(server.connect());
     server.hang_up();
   }
 }
@@ -70,8 +52,7 @@ void accept_and_release(benchmark::State& state) {
 void disconnect_and_release(benchmark::State& state) {
   Server server(static_cast<std::size_t>(state.range(0)));
   for (auto _ : state) {
-    server.connect();
-    comm_socket_v4_disconnect_client(server.accept());
+    comm_socket_v4_disconnect_client(server.connect());
     comm_socket_v4_free_client(comm_socket_v4_get_disconnected_client(server.get()));
     server.hang_up();
   }
