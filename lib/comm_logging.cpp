@@ -9,6 +9,7 @@
 #include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
 #include "lib/fatal_assert.h"
+#include "lib/formatted_text.h"
 #include "lib/standard_error.h"
 
 namespace {
@@ -17,15 +18,34 @@ constexpr unsigned log_errors = 1;
 constexpr unsigned log_warnings_and_bugs = 2;
 constexpr unsigned log_debug = 8;
 
+void log_to_standard_error(const comm_socket_v4* c, const char* level, const char* format,
+                           va_list args) {
+  char prefix[64];
+  std::snprintf(prefix, sizeof(prefix), "comm_socket_v4 %s [%p]: ", level,
+                static_cast<const void*>(c));
+  FormattedText line(prefix, format, args);
+  line.add_newline();
+  write_to_standard_error(line.c_str(), line.length());
+}
+
+void log_to_sink(comm_v4_internals& own, const char* level, const char* format, va_list args) {
+  FormattedText text("", format, args);
+  text.remove_newlines();
+  own.in_log_sink = true;
+  own.log_sink(own.log_user, level, text.c_str());
+  own.in_log_sink = false;
+}
+
 // An empty client record has no endpoint to log on; what is said about it goes nowhere.
 void log_line(const comm_socket_v4* c, unsigned mask_bit, const char* level, const char* format,
               va_list args) {
   if (c == nullptr || (c->log_mask & mask_bit) == 0) return;
   ErrnoGuard keep_errno;
-  char prefix[64];
-  std::snprintf(prefix, sizeof(prefix), "comm_socket_v4 %s [%p]: ", level,
-                static_cast<const void*>(c));
-  write_line_to_standard_error(prefix, format, args);
+  comm_v4_internals& own = comm_v4_internals::of(c);
+  if (own.log_sink != nullptr && !own.in_log_sink)
+    log_to_sink(own, level, format, args);
+  else
+    log_to_standard_error(c, level, format, args);
 }
 
 const char* yes_no(bool value) { return value ? "yes" : "no"; }
@@ -39,6 +59,14 @@ void comm_socket_v4_normal_logging(comm_socket_v4* c) {
 }
 void comm_socket_v4_debug_logging(comm_socket_v4* c) { c->log_mask = 15; }
 void comm_socket_v4_shut_up(comm_socket_v4* c) { c->log_mask = 0; }
+
+void comm_socket_v4_set_log_sink(comm_socket_v4* c,
+                                 void (*sink)(void* user, const char* level, const char* text),
+                                 void* user) {
+  comm_v4_internals& own = comm_v4_internals::of(c);
+  own.log_sink = sink;
+  own.log_user = user;
+}
 
 void comm_socket_v4_error(comm_socket_v4* c, const char* format, ...) {
   va_list args;

@@ -3,6 +3,7 @@
 #ifndef TARN_LIB_ENDPOINT_INTERNAL_H
 #define TARN_LIB_ENDPOINT_INTERNAL_H
 
+#include <sys/types.h>
 #include <tarn_utils_v4/comm.h>
 
 #include <cstdarg>
@@ -10,13 +11,35 @@
 #include <cstring>
 #include <vector>
 
-// Of an endpoint, made and destroyed with it. Close keeps it.
+#include "lib/owners.h"
+
+// Of an endpoint, made and destroyed with it.
 struct comm_v4_internals {
+  // What the application has set. Close keeps it.
+  void (*log_sink)(void* user, const char* level, const char* text) = nullptr;
+  void* log_user = nullptr;
+  mode_t socket_mode = 0666;
+  gid_t socket_group = no_group;
+  int listen_backlog = 0;
+  unsigned max_descriptors = COMM_V4_MAX_SEND_FDS;
+  bool descriptors_cloexec = false;
+  bool keeps_reserve = false;
+  Descriptor reserve;  // none while it could not be had back
+
+  // Of what is open now.
+  bool pair_has_peer = false;  // as far as is known
+  bool stopped_listening = false;
+  Descriptor connect_timer;
+
+  // Kept from one call to the next.
+  bool in_log_sink = false;
+  bool warned_of_shortage = false;
   std::vector<int> descriptor_room;       // for the descriptors of the next packet
   std::uint64_t retrieved_in_a_row = 0;   // since a retrieval found nothing
   std::uint64_t retrieved_last_time = 0;  // in the row before
-  bool pair_has_peer = false;             // of the socket of a pair, as far as is known
   std::uint64_t accepted = 0;             // connections, in all the life of the endpoint
+
+  static constexpr gid_t no_group = static_cast<gid_t>(-1);
 
   static comm_v4_internals& of(const comm_socket_v4* c) { return *c->internals_; }
   // The number of the connection among all that the endpoint accepted; 0 in an empty record.
@@ -34,6 +57,18 @@ void clear_word(Word& word) {
 
 void comm_socket_v4_vdebug(comm_socket_v4* c, const char* format, va_list args)
     COMM_V4_PRINTF(2, 0);
+
+// lib/comm_socket
+
+// Of a server that made it, unless it has an abstract name.
+void remove_server_file(comm_socket_v4* c);
+
+// lib/comm_settings
+
+// To the socket that was just opened.
+void apply_max_descriptors(const comm_socket_v4* c);
+// Has the reserve back, if there is a descriptor for it; false, with errno, if not.
+bool renew_reserve(comm_v4_internals& own);
 
 // lib/comm_io_idle
 

@@ -3,10 +3,8 @@
 #include <signal.h>
 #include <time.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "lib/errno_guard.h"
@@ -58,29 +56,4 @@ void write_to_standard_error(const char* text, std::size_t length) noexcept {
 
 void write_to_standard_error(const char* text) noexcept {
   write_to_standard_error(text, std::strlen(text));
-}
-
-void write_line_to_standard_error(const char* prefix, const char* format, va_list args) noexcept {
-  ErrnoGuard keep_errno;
-  char usual[1024];
-  const std::size_t prefix_length = std::strlen(prefix);
-
-  va_list again;
-  va_copy(again, args);
-  const int formatted =
-      std::vsnprintf(usual + prefix_length, sizeof(usual) - prefix_length, format, args);
-  // What cannot be formatted is an empty message.
-  const std::size_t length = formatted > 0 ? static_cast<std::size_t>(formatted) : 0;
-  const std::size_t size = prefix_length + length + 1;
-
-  char* const longer = size > sizeof(usual) ? static_cast<char*>(std::malloc(size)) : nullptr;
-  if (longer != nullptr) std::vsnprintf(longer + prefix_length, length + 1, format, again);
-  va_end(again);
-
-  char* const line = longer != nullptr ? longer : usual;
-  const std::size_t line_length = longer != nullptr ? size : std::min(size, sizeof(usual));
-  std::memcpy(line, prefix, prefix_length);
-  line[line_length - 1] = '\n';
-  write_to_standard_error(line, line_length);
-  std::free(longer);
 }
