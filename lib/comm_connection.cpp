@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/timerfd.h>
 #include <tarn_utils_v4/comm.h>
 #include <unistd.h>
 
@@ -14,9 +15,11 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "lib/descriptor_wait.h"
 #include "lib/endpoint_internal.h"
+#include "lib/errno_guard.h"
 #include "lib/fatal_assert.h"
 #include "lib/owners.h"
 #include "lib/start_lock.h"
@@ -32,9 +35,7 @@ constexpr int socket_type = SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC;
 // With the NUL that other programs expect behind a path, one byte of sun_path stays unused.
 static_assert(COMM_V4_MAX_SERVER_PATH == sizeof(sockaddr_un::sun_path) - 2);
 static_assert(COMM_V4_MAX_ABSTRACT_NAME == sizeof(sockaddr_un::sun_path));
-// The kernel takes one connection more than the backlog; a client that meets a full queue retries.
-constexpr int listen_backlog = 0;
-constexpr mode_t socket_file_mode = 0666;
+constexpr mode_t default_file_mode = 0666;
 // Has no meaning for a socket, and so marks the file that a bind has just made.
 constexpr mode_t socket_file_mark = S_ISVTX;
 constexpr std::uint64_t default_wait_us = 10000000;
@@ -82,6 +83,7 @@ bool has_peer(int fd) {
 void become_socketpair(comm_socket_v4* c, int fd) {
   c->socket_fd = fd;
   comm_v4_internals::of(c).pair_has_peer = has_peer(fd);
+  apply_max_descriptors(c);
   c->flags.server = 0;
   c->flags.bound = 0;
   c->flags.idle_enabled = 1;
@@ -162,21 +164,47 @@ int bind_to_path(comm_socket_v4* c) {
 }
 
 // chmod(2) of an open file. Linux 6.6 needs no /proc for it.
-void set_mode(int fd, mode_t mode) {
+bool set_mode(int fd, mode_t mode) {
   constexpr long fchmodat2 = 452;
   char name[32];
   std::snprintf(name, sizeof(name), "/proc/self/fd/%d", fd);
-  if (::chmod(name, mode) != 0) ::syscall(fchmodat2, fd, "", mode, AT_EMPTY_PATH);
+  return ::chmod(name, mode) == 0 || ::syscall(fchmodat2, fd, "", mode, AT_EMPTY_PATH) == 0;
 }
 
-// Makes the mode of the file independent of the umask. In a directory that others may write the
-// path may name something else by now, which is left alone: only the marked file is touched.
-void set_socket_file_mode(const char* path) {
-  const Descriptor file(::open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+// Gives the file its group and, independent of the umask, its mode. In a directory that others may
+// write the path may name something else by now, which is left alone: only the marked file is
+// touched. Nobody can connect before the socket listens.
+bool set_access_of_file(const comm_socket_v4* c) {
+  const comm_v4_internals& own = comm_v4_internals::of(c);
+  const Descriptor file(::open(c->socket_path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat found;
-  if (!file.is_open() || ::fstat(file.get(), &found) != 0) return;
-  if (S_ISSOCK(found.st_mode) && (found.st_mode & socket_file_mark) != 0)
-    set_mode(file.get(), socket_file_mode);
+  if (!file.is_open() || ::fstat(file.get(), &found) != 0) return false;
+  if (!S_ISSOCK(found.st_mode) || (found.st_mode & socket_file_mark) == 0) {
+    errno = ESTALE;
+    return false;
+  }
+  if (own.socket_group != comm_v4_internals::no_group &&
+      ::fchownat(file.get(), "", static_cast<uid_t>(-1), own.socket_group, AT_EMPTY_PATH) != 0)
+    return false;
+  return set_mode(file.get(), own.socket_mode);
+}
+
+// Makes the file of a server, with the access that it shall have.
+int bind_to_file(comm_socket_v4* c) {
+  const comm_v4_internals& own = comm_v4_internals::of(c);
+  const bool chosen =
+      own.socket_mode != default_file_mode || own.socket_group != comm_v4_internals::no_group;
+  // The file gets the mode of the socket, less the umask (unix_bind_bsd() in Linux).
+  bool given = ::fchmod(c->socket_fd, own.socket_mode | socket_file_mark) == 0;
+  if (given || !chosen) {
+    if (bind_to_path(c) != 0) return -1;
+    c->flags.bound = 1;
+    given = set_access_of_file(c);
+  }
+  if (given || !chosen) return 0;
+  comm_socket_v4_error(c, "create_server_socket() cannot set mode or group of '%s', %s",
+                       c->socket_path.c_str(), std::strerror(errno));
+  return -1;
 }
 
 // Makes the socket listen; on a failure, which is reported, the caller closes the endpoint.
@@ -187,13 +215,12 @@ int open_server_socket(comm_socket_v4* c) {
                          std::strerror(errno));
     return -1;
   }
-  // The file gets the mode of the socket, less the umask (unix_bind_bsd() in Linux).
-  ::fchmod(c->socket_fd, socket_file_mode | socket_file_mark);
-  if (bind_to_path(c) != 0) return -1;
-  // The text of an abstract name could be that of somebody's file.
-  if (!is_abstract(c->socket_path)) set_socket_file_mode(c->socket_path.c_str());
+  apply_max_descriptors(c);
+  if ((is_abstract(c->socket_path) ? bind_to_path(c) : bind_to_file(c)) != 0) return -1;
   c->flags.bound = 1;
-  if (::listen(c->socket_fd, listen_backlog) != 0) {
+  // The kernel takes one connection more than the backlog; a client that meets a full queue
+  // retries.
+  if (::listen(c->socket_fd, comm_v4_internals::of(c).listen_backlog) != 0) {
     comm_socket_v4_error(c, "create_server_socket(): cannot listen, %s\n", std::strerror(errno));
     return -1;
   }
@@ -219,6 +246,38 @@ int create_server_socket(comm_socket_v4* c) {
   }
   comm_socket_v4_client_disconnect_list_clear(c);
   return 0;
+}
+
+bool has_option(int fd, int option, int wanted) {
+  int value;
+  socklen_t length = sizeof(value);
+  if (::getsockopt(fd, SOL_SOCKET, option, &value, &length) != 0) return false;
+  errno = EINVAL;
+  return value == wanted;
+}
+
+bool is_server_socket(int fd) {
+  return has_option(fd, SO_DOMAIN, AF_UNIX) && has_option(fd, SO_TYPE, SOCK_SEQPACKET) &&
+         has_option(fd, SO_ACCEPTCONN, 1);
+}
+
+// As it would be written to open the server; a socket that listens has one (listen(2) wants it).
+bool path_of_socket(int fd, std::string& path) {
+  struct sockaddr_un sun = {};
+  socklen_t length = sizeof(sun);
+  if (::getsockname(fd, reinterpret_cast<struct sockaddr*>(&sun), &length) != 0) return false;
+  const std::size_t size = length - offsetof(struct sockaddr_un, sun_path);
+  if (sun.sun_path[0] == '\0')
+    path.assign("@").append(sun.sun_path + 1, size - 1);
+  else
+    path.assign(sun.sun_path, strnlen(sun.sun_path, size));
+  return true;
+}
+
+bool adapt_server_socket(int fd) {
+  const int flags = ::fcntl(fd, F_GETFL);
+  return flags >= 0 && ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0 &&
+         ::fcntl(fd, F_SETFD, FD_CLOEXEC) == 0;
 }
 
 // --- Address of a client's server ---------------------------------------------------------------
@@ -393,6 +452,7 @@ int connect_to_server(comm_socket_v4* c) {
     comm_socket_v4_close(c);
     return -1;
   }
+  apply_max_descriptors(c);
   if (::connect(c->socket_fd, as_sockaddr(sun), static_cast<socklen_t>(length)) == 0) {
     c->sun = sun;
     return 0;
@@ -406,6 +466,22 @@ int connect_to_server(comm_socket_v4* c) {
   c->sun = sun;
   c->status.connect_pending = 1;
   return finish_pending_connect(c);
+}
+
+// Periodic, or not at all for 0. What has expired is forgotten.
+bool set_timer(int timer, std::uint64_t period_us) {
+  struct itimerspec times = {};
+  times.it_interval.tv_nsec = static_cast<long>(period_us) * 1000;
+  times.it_value = times.it_interval;
+  return ::timerfd_settime(timer, 0, &times, nullptr) == 0;
+}
+
+// The connect is over, made or failed. errno stays.
+void end_pending(comm_socket_v4* c) {
+  ErrnoGuard keep_errno;
+  c->status.connect_pending = 0;
+  const Descriptor& timer = comm_v4_internals::of(c).connect_timer;
+  if (timer.is_open()) set_timer(timer.get(), 0);
 }
 
 // The socket is writeable; asks it whether that means connected.
@@ -424,7 +500,7 @@ int judge_writeable_socket(comm_socket_v4* c) {
                          "connect_wait_for_completion() select() indicates non-blocking connect "
                          "completed, error %s",
                          std::strerror(errno));
-    c->status.connect_pending = 0;
+    end_pending(c);
     return -1;
   }
   char byte;
@@ -433,7 +509,7 @@ int judge_writeable_socket(comm_socket_v4* c) {
     comm_socket_v4_debug(c,
                          "connect_wait_for_completion() select() indicates non-blocking connect "
                          "succeeded");
-    c->status.connect_pending = 0;
+    end_pending(c);
     errno = 0;
     return 1;
   }
@@ -529,9 +605,51 @@ int comm_socket_v4_create_server(comm_socket_v4* c, const char* path) {
   return 0;
 }
 
+int comm_socket_v4_use_server_socket(comm_socket_v4* c, int fd) {
+  comm_socket_v4_close(c);
+  if (!is_server_socket(fd) || !path_of_socket(fd, c->socket_path) || !adapt_server_socket(fd)) {
+    comm_socket_v4_error(c, "use_server_socket() cannot use descriptor %d, %s", fd,
+                         std::strerror(errno));
+    return -1;
+  }
+  if (comm_socket_v4_alloc_client_list(c) != 0) {
+    comm_socket_v4_error(c, "use_server_socket(): failed to allocate memory for client list");
+    return -1;
+  }
+  c->socket_fd = fd;
+  c->flags.server = 1;
+  apply_max_descriptors(c);
+  return 0;
+}
+
+int comm_socket_v4_stop_listening(comm_socket_v4* c) {
+  if (!comm_socket_v4_is_open(c) || !c->flags.server) {
+    errno = EINVAL;
+    return -1;
+  }
+  comm_v4_internals& own = comm_v4_internals::of(c);
+  if (own.stopped_listening) return 0;
+  // The endpoint stays open, and the number of its descriptor watched: by a socket without address,
+  // that nothing can reach.
+  Descriptor quiet(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!quiet.is_open()) {
+    comm_socket_v4_error(c, "stop_listening() cannot create a socket, %s", std::strerror(errno));
+    return -1;
+  }
+  remove_server_file(c);
+  c->flags.bound = 0;
+  own.stopped_listening = true;
+  if (::dup3(quiet.get(), c->socket_fd, O_CLOEXEC) >= 0) return 0;
+  // The number lies above a limit that was lowered.
+  ::close(c->socket_fd);
+  c->socket_fd = quiet.release();
+  return 0;
+}
+
 int comm_socket_v4_reopen_server(comm_socket_v4* c) {
   errno = 0;
   if (!comm_socket_v4_is_open(c) || !c->flags.server || c->socket_path.empty()) return -1;
+  if (comm_v4_internals::of(c).stopped_listening) return -1;
   struct sockaddr_un sun;
   std::size_t length;
   comm_socket_path_to_sockaddr_un(sun, length, c->socket_path);
@@ -574,10 +692,13 @@ int comm_socket_v4_connect_check_pending(comm_socket_v4* c) {
     return -1;
   }
   if (!c->status.connect_pending) return 1;
+  // This is the try that the timer was for.
+  if (const Descriptor& timer = comm_v4_internals::of(c).connect_timer; timer.is_open())
+    set_timer(timer.get(), retry_pause_us);
   if (::connect(c->socket_fd, as_sockaddr(c->sun), stored_address_length(c)) == 0) {
     comm_socket_v4_debug(c,
                          "connect_check_pending() non-blocking connect() completed successfully");
-    c->status.connect_pending = 0;
+    end_pending(c);
     errno = 0;
     return 1;
   }
@@ -586,6 +707,19 @@ int comm_socket_v4_connect_check_pending(comm_socket_v4* c) {
                        std::strerror(errno));
   comm_socket_v4_close(c);
   return -1;
+}
+
+int comm_socket_v4_get_connect_fd(comm_socket_v4* c) {
+  if (!comm_socket_v4_connection_pending(c)) {
+    errno = EINVAL;
+    return -1;
+  }
+  Descriptor& timer = comm_v4_internals::of(c).connect_timer;
+  if (timer.is_open()) return timer.get();
+  Descriptor made(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+  if (!made.is_open() || !set_timer(made.get(), retry_pause_us)) return -1;
+  timer = std::move(made);
+  return timer.get();
 }
 
 int comm_socket_v4_connect_wait_for_completion(comm_socket_v4* c, std::uint64_t deadline_us) {

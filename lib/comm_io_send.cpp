@@ -80,6 +80,12 @@ int send_bytes(const SendSide& side, comm_socket_v4_packet& p) {
   return -1;
 }
 
+int end_sending_on(int fd) {
+  if (fd >= 0) return ::shutdown(fd, SHUT_WR);
+  errno = ENOTCONN;
+  return -1;
+}
+
 int send_packet(const SendSide& side, comm_socket_v4_packet& p) {
   if (p.write_state == comm_socket_v4_packet::write_state_none) {
     comm_socket_v4_debug(
@@ -168,6 +174,16 @@ int comm_socket_v4_packet_send_to_server(comm_socket_v4* s, comm_socket_v4_packe
   }
   const int closed_errno = comm_socket_v4_is_open(s) ? 0 : ENOTCONN;
   return send_packet({s, nullptr, closed_errno}, *p);
+}
+
+int comm_socket_v4_client_end_sending(comm_socket_v4_client* c) {
+  return end_sending_on(c->client_is_open() ? c->client_fd : -1);
+}
+
+int comm_socket_v4_end_sending(comm_socket_v4* c) {
+  if (!c->flags.server) return end_sending_on(c->status.connect_pending ? -1 : c->socket_fd);
+  errno = EINVAL;
+  return -1;
 }
 
 // --- Retrieval ----------------------------------------------------------------------------------

@@ -1,5 +1,6 @@
 // The packet object: its lifetime, its buffer, its descriptors and header values, and the readers
 // as functions.
+#include <fcntl.h>
 #include <tarn_utils_v4/comm_packet.h>
 #include <unistd.h>
 
@@ -18,6 +19,17 @@ namespace {
 constexpr std::size_t min_buffer_size = 32;
 // Kept behind the packet when surplus memory is given back; it has room for the NUL.
 constexpr std::size_t shrink_spare = 32;
+
+template <class Duplicate>
+bool attach(comm_socket_v4_packet& p, int fd, Duplicate duplicate) {
+  if (fd < 0 || p.attached_fd.size() >= COMM_V4_MAX_ATTACHED_FDS) return false;
+  // Room first: nothing may throw between the duplication and the moment the packet owns it.
+  p.attached_fd.reserve(COMM_V4_MAX_ATTACHED_FDS);
+  const int copy = duplicate();
+  if (copy < 0) return false;
+  p.attached_fd.push_back(copy);
+  return true;
+}
 
 // The header defines the readers inline. Their addresses make the shared library export them as
 // well, whatever the compiler makes of the calls.
@@ -130,13 +142,11 @@ int comm_socket_v4_packet_shrinkfit_buffer(comm_socket_v4_packet* p) {
 // --- Attached descriptors -----------------------------------------------------------------------
 
 bool comm_socket_v4_packet::attach_fd_to_send(int fd) {
-  if (fd < 0 || attached_fd.size() >= COMM_V4_MAX_ATTACHED_FDS) return false;
-  // Room first: nothing may throw between the dup and the moment the packet owns the duplicate.
-  attached_fd.reserve(COMM_V4_MAX_ATTACHED_FDS);
-  const int duplicate = ::dup(fd);
-  if (duplicate < 0) return false;
-  attached_fd.push_back(duplicate);
-  return true;
+  return attach(*this, fd, [fd] { return ::dup(fd); });
+}
+
+bool comm_socket_v4_packet::attach_fd_to_send_cloexec(int fd) {
+  return attach(*this, fd, [fd] { return ::fcntl(fd, F_DUPFD_CLOEXEC, 0); });
 }
 
 std::size_t comm_socket_v4_packet::attached_fd_count() const { return attached_fd.size(); }

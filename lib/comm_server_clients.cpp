@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "lib/client_slot.h"
@@ -178,6 +179,24 @@ comm_socket_v4_client* new_client(comm_socket_v4* c) {
   return client;
 }
 
+// Whether an accept found no descriptor, and the endpoint keeps one for that: the connection is
+// taken on it and closed, so that its peer does not wait and the loop does not spin. errno is that
+// of the accept, or EAGAIN when nobody waits, which the kernel looks at last.
+bool turned_away(comm_socket_v4* c) {
+  comm_v4_internals& own = comm_v4_internals::of(c);
+  const int shortage = errno;
+  if (!own.keeps_reserve || (shortage != EMFILE && shortage != ENFILE)) return false;
+  own.reserve = Descriptor();
+  const bool somebody_waits =
+      Descriptor(::accept4(c->socket_fd, nullptr, nullptr, SOCK_CLOEXEC)).is_open() ||
+      errno != EAGAIN;
+  renew_reserve(own);
+  errno = somebody_waits ? shortage : EAGAIN;
+  if (somebody_waits && !std::exchange(own.warned_of_shortage, true))
+    comm_socket_v4_warning(c, "accept_connection() no descriptors left, closing new connections");
+  return true;
+}
+
 }  // namespace
 
 void comm_socket_v4_new_client_cancel(comm_socket_v4_client* c) {
@@ -195,18 +214,25 @@ comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* c) {
     comm_socket_v4_bug(c, "accept_connection() called on closed socket");
     return nullptr;
   }
+  comm_v4_internals& own = comm_v4_internals::of(c);
+  if (own.stopped_listening) {
+    errno = EAGAIN;
+    return nullptr;
+  }
+  if (own.keeps_reserve) renew_reserve(own);
   comm_socket_v4_client* const client = new_client(c);
   if (client == nullptr) return nullptr;
 
   const int fd = ::accept4(c->socket_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
   if (fd < 0) {
     comm_socket_v4_new_client_cancel(client);
-    if (errno == EAGAIN) return nullptr;
+    if (errno == EAGAIN || turned_away(c)) return nullptr;
     comm_socket_v4_error(c, "accept_connection() accept returned error %s", std::strerror(errno));
     comm_socket_v4_close(c);
     return nullptr;
   }
-  comm_v4_internals::generation(*client) = ++comm_v4_internals::of(c).accepted;
+  own.warned_of_shortage = false;
+  comm_v4_internals::generation(*client) = ++own.accepted;
   client->server = c;
   client->client_fd = fd;
   client->accept_time_us = monotonic_clock_us();

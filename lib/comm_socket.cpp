@@ -35,12 +35,16 @@ void close_socket(comm_socket_v4* c) {
   if (c->socket_fd < 0) return;
   if (c->flags.server) FATAL_ASSERT(!c->socket_path.empty());
   // The file goes before the socket: in between nobody finds a path on which nobody answers.
-  if (c->flags.server && c->flags.bound && c->socket_path[0] != '@') remove_socket_file(c);
+  remove_server_file(c);
   ::close(c->socket_fd);
   c->socket_fd = -1;
 }
 
 }  // namespace
+
+void remove_server_file(comm_socket_v4* c) {
+  if (c->flags.server && c->flags.bound && c->socket_path[0] != '@') remove_socket_file(c);
+}
 
 comm_socket_v4::comm_socket_v4()
     : log_mask(3),
@@ -88,6 +92,9 @@ int comm_socket_v4_close(comm_socket_v4* c) {
   c->flags.socketpair = 0;
   c->flags.idle_enabled = 1;
   clear_word(c->status);
+  comm_v4_internals& own = comm_v4_internals::of(c);
+  own.stopped_listening = false;
+  own.connect_timer = Descriptor();
   return 0;
 }
 

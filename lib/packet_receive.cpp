@@ -105,7 +105,9 @@ ssize_t receive_record(const ReceiveSide& side, comm_socket_v4_packet& packet, i
   message.msg_iovlen = 1;
   message.msg_control = control;
   message.msg_controllen = sizeof(control);
-  const ssize_t rd = ::recvmsg(side.fd, &message, MSG_DONTWAIT);
+  const bool cloexec = comm_v4_internals::of(side.endpoint).descriptors_cloexec;
+  const ssize_t rd =
+      ::recvmsg(side.fd, &message, cloexec ? MSG_DONTWAIT | MSG_CMSG_CLOEXEC : MSG_DONTWAIT);
   if (rd < 0) return rd;
   take_descriptors(side, message, packet);
   *flags = message.msg_flags;
@@ -194,6 +196,12 @@ int receive_packet(ReceiveSide& side) {
   }
   if ((flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
     side.warn_of_truncation();
+    return 0;
+  }
+  if (packet->attached_fd.size() > comm_v4_internals::of(side.endpoint).max_descriptors) {
+    comm_socket_v4_warning(side.endpoint,
+                           "client_idle() fd=%d dropping packet, more descriptors than allowed",
+                           side.fd);
     return 0;
   }
   packet->buffer_length = static_cast<std::size_t>(rd);

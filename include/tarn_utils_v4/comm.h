@@ -262,6 +262,13 @@ COMM_V4_EXPORT void comm_socket_v4_bug(comm_socket_v4* c, const char* format, ..
     COMM_V4_PRINTF(2, 3);
 COMM_V4_EXPORT void comm_socket_v4_debug(comm_socket_v4* c, const char* format, ...)
     COMM_V4_PRINTF(2, 3);
+// Sends the lines of this endpoint to `sink` in place of standard error: the level, "ERROR",
+// "WARNING", "BUG" or "DEBUG", and the message without a newline at its end, both gone when it
+// returns. log_mask decides as before. The sink may change errno. It must not throw, nor close or
+// destroy the endpoint; what the endpoint logs while it runs goes to standard error. Null goes back
+// to standard error. Close keeps it.
+COMM_V4_EXPORT void comm_socket_v4_set_log_sink(
+    comm_socket_v4* c, void (*sink)(void* user, const char* level, const char* text), void* user);
 // Prints the endpoint and its open clients, for a null `c` that there is none; null `out` is
 // standard error.
 COMM_V4_EXPORT void comm_socket_v4_dump_state(const comm_socket_v4* c, std::FILE* out);
@@ -282,6 +289,28 @@ COMM_V4_EXPORT void comm_socket_v4_dump_state(const comm_socket_v4* c, std::FILE
 // its like also when there is no descriptor to ask with whether it is, or what the failing system
 // call left.
 COMM_V4_EXPORT int comm_socket_v4_create_server(comm_socket_v4* c, const char* path);
+// What comm_socket_v4_create_server gives to the file and to the socket, before anybody can
+// connect: the permissions (0666), of which only the lowest nine bits count, the group (none: as
+// the kernel gives it; (gid_t)-1 is none), and the backlog of listen(2) (0). Neither of the first
+// two has a meaning for an abstract name. With permissions or a group of its own the opening fails
+// when they cannot be given, errno that of chmod(2) or chown(2). Close keeps them.
+COMM_V4_EXPORT void comm_socket_v4_set_socket_mode(comm_socket_v4* c, mode_t mode);
+COMM_V4_EXPORT void comm_socket_v4_set_socket_group(comm_socket_v4* c, gid_t group);
+COMM_V4_EXPORT void comm_socket_v4_set_listen_backlog(comm_socket_v4* c, int backlog);
+// Closes the endpoint and makes it a server on a socket that listens already: handed over by a
+// service manager, or by the version before. The endpoint owns it from then on, and makes it
+// non-blocking and close-on-exec. The path is the one that the kernel knows; close leaves the file
+// alone, unless the application sets flags.bound.
+// Returns 0; -1 with the endpoint closed, and fd still the caller's; errno EINVAL for what is no
+// listening AF_UNIX socket of type SOCK_SEQPACKET, ENOMEM, or what the failing system call left.
+COMM_V4_EXPORT int comm_socket_v4_use_server_socket(comm_socket_v4* c, int fd);
+// Ends the listening of an open server, and removes its file as close does; the clients are served
+// on. Who waits to be accepted is reset: accept them first. From then on accept_connection finds
+// nobody, and get_socket_fd is a descriptor on which nothing happens, as one is needed. Copies of
+// the socket in other processes go on listening.
+// Returns 0, also when it was called before; -1 on an endpoint that is no open server, errno
+// EINVAL, and without a descriptor, errno that of socket(2): it listens on.
+COMM_V4_EXPORT int comm_socket_v4_stop_listening(comm_socket_v4* c);
 // Binds an open server to its path again. Linux binds a socket once: a file that was removed does
 // not come back.
 // Returns 0; errno is then the bind's: 0 after success, EINVAL while it is still bound, for which
@@ -289,12 +318,19 @@ COMM_V4_EXPORT int comm_socket_v4_create_server(comm_socket_v4* c, const char* p
 // null or not an open server; errno 0.
 COMM_V4_EXPORT int comm_socket_v4_reopen_server(comm_socket_v4* c);
 // Takes one waiting connection into an empty slot. May move all records. A failure of the accept
-// other than EAGAIN, EMFILE included, CLOSES THE SERVER: keep descriptors in reserve.
+// other than EAGAIN, EMFILE included, CLOSES THE SERVER, unless it has a descriptor reserve.
 // Returns the record; null on a closed endpoint or one that is no server, when none waits, errno
 // EAGAIN, when the table cannot grow, errno ENOMEM: the connection keeps waiting, when the
 // credentials of the peer cannot be read: it is closed and the server is not, and when the accept
 // failed, errno its own.
 COMM_V4_EXPORT comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* c);
+
+// With `on` above 0 the endpoint keeps a descriptor back for an accept that finds none left. The
+// connection is then taken on it and closed at once, so that the peer does not wait and the loop
+// does not spin. accept_connection returns null with EMFILE or ENFILE, the server stays open, and
+// one warning says so until an accept succeeds again. Close keeps the setting, and the descriptor.
+// Returns 0; -1 when there is no descriptor to keep, errno that of open(2).
+COMM_V4_EXPORT int comm_socket_v4_set_descriptor_reserve(comm_socket_v4* c, int on);
 
 // Table of slots. Both are called by the library itself. alloc makes COMM_V4_FIRST_CLIENTS slots
 // and aborts over a table that exists. expand makes up to `add` more, COMM_V4_MAX_CLIENTS in all;
@@ -313,6 +349,26 @@ COMM_V4_EXPORT comm_socket_v4_client* comm_socket_v4_index2client(comm_socket_v4
 COMM_V4_EXPORT int comm_socket_v4_client_is_open(const comm_socket_v4_client* c);
 // Asserts that the slot is still empty; the accept gives a slot back with it.
 COMM_V4_EXPORT void comm_socket_v4_new_client_cancel(comm_socket_v4_client* c);
+
+// --- Who is it? ---------------------------------------------------------------------------------
+
+// As the kernel knew the peer when it connected or listened (SO_PEERPIDFD, SO_PEERCRED,
+// SO_PEERGROUPS of unix(7) and socket(7)). A process id may belong to another process by now; a
+// pidfd does not.
+//
+// Returns a descriptor of the peer's process, close-on-exec, to be closed by the caller; -1; errno
+// ENOTCONN for an empty record, ENOPROTOOPT before Linux 6.5, or that of getsockopt(2).
+COMM_V4_EXPORT int comm_socket_v4_client_get_pidfd(const comm_socket_v4_client* c);
+// Stores up to `size` of the peer's supplementary groups. A size of 0 only asks how many there are.
+// Returns their number; -1; errno ENOTCONN for an empty record, ERANGE when there are more, or that
+// of getsockopt(2).
+COMM_V4_EXPORT int comm_socket_v4_client_get_groups(const comm_socket_v4_client* c, gid_t* groups,
+                                                    int size);
+// Stores who made the other end of a client endpoint or of an end of a pair: the process that
+// listens, or that made the pair.
+// Returns 0; -1; errno EINVAL for a server, ENOTCONN for an endpoint that is closed or not yet
+// connected, or that of getsockopt(2).
+COMM_V4_EXPORT int comm_socket_v4_get_server_cred(const comm_socket_v4* c, struct ucred* cred);
 
 // --- End of a client ----------------------------------------------------------------------------
 
@@ -334,6 +390,10 @@ COMM_V4_EXPORT int comm_socket_v4_disconnect_client(comm_socket_v4_client* c);
 COMM_V4_EXPORT void comm_socket_v4_free_client(comm_socket_v4_client* c);
 // Its first step: takes the client off the list and reports it. Null does nothing.
 COMM_V4_EXPORT void comm_socket_v4_free_client_check(comm_socket_v4_client* c);
+// Ends what is sent to the peer and nothing else: it still gets what was sent, then reads the end.
+// Read on until it ends its side: a close with packets unread would take the last words back.
+// Returns 0; -1 for a client that is not open, errno ENOTCONN, or with that of shutdown(2).
+COMM_V4_EXPORT int comm_socket_v4_client_end_sending(comm_socket_v4_client* c);
 // Release all clients. drop keeps the table; free, which is part of close, gives it back: an open
 // server can accept nobody after it.
 COMM_V4_EXPORT void comm_socket_v4_drop_clients(comm_socket_v4* c);
@@ -375,6 +435,17 @@ COMM_V4_EXPORT int comm_socket_v4_connect_check_pending(comm_socket_v4* c);
 // call's or the connect's.
 COMM_V4_EXPORT int comm_socket_v4_connect_wait_for_completion(comm_socket_v4* c,
                                                               std::uint64_t deadline_us);
+
+// While a connect is pending: a descriptor that becomes readable when it is worth a try by
+// connect_check_pending or idle, for a loop that watches descriptors. It is the endpoint's, made by
+// the first call and closed with the endpoint. Once the connect is complete it is not readable any
+// more; the application may then forget it.
+// Returns it; -1 when no connect is pending, errno EINVAL, or with that of timerfd_create(2).
+COMM_V4_EXPORT int comm_socket_v4_get_connect_fd(comm_socket_v4* c);
+// As comm_socket_v4_client_end_sending, for a client endpoint and an end of a pair.
+// Returns 0; -1; errno EINVAL for a server, ENOTCONN for an endpoint that is closed or not yet
+// connected, or that of shutdown(2).
+COMM_V4_EXPORT int comm_socket_v4_end_sending(comm_socket_v4* c);
 
 // --- Socket pair --------------------------------------------------------------------------------
 
@@ -476,6 +547,16 @@ COMM_V4_EXPORT int comm_socket_v4_packet_send_to_server(comm_socket_v4* s,
                                                         comm_socket_v4_packet* p);
 
 // --- Receiving, called by idle and retrieval ----------------------------------------------------
+
+// With `on` above 0 descriptors that are received do not survive exec: the kernel sets
+// close-on-exec as it hands them out (MSG_CMSG_CLOEXEC). Close keeps it.
+COMM_V4_EXPORT void comm_socket_v4_set_descriptors_cloexec(comm_socket_v4* c, int on);
+// How many descriptors a packet may bring, COMM_V4_MAX_SEND_FDS at first. One with more is dropped
+// with its descriptors and a warning. With 0 the kernel refuses them before they are sent, where it
+// can (SO_PASSRIGHTS, Linux 6.16): the sender gets EPERM. On a server it holds for all its clients,
+// those that are there included. Close keeps it.
+// Returns 0; -1 above COMM_V4_MAX_SEND_FDS, nothing changed; errno EINVAL.
+COMM_V4_EXPORT int comm_socket_v4_set_max_descriptors(comm_socket_v4* c, unsigned most);
 
 // Reads one record from the endpoint's socket into its empty slot. A record of zero bytes reads as
 // the end of the connection. A packet that is too long, refused by the callback or not valid is

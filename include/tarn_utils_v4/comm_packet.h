@@ -189,9 +189,11 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   // these. Slots are counted and numbered from 0, emptied ones included.
   //
   // Adds a duplicate (dup(2)); `fd` stays the caller's.
+  // The duplicate of the second does not survive exec.
   // Returns true; false, nothing changed, for a negative fd and with COMM_V4_MAX_ATTACHED_FDS
-  // slots, errno untouched, and when dup fails, errno its own.
+  // slots, errno untouched, and when the duplication fails, errno its own.
   bool attach_fd_to_send(int fd);
+  bool attach_fd_to_send_cloexec(int fd);
   // Returns the number of slots.
   std::size_t attached_fd_count() const;
   // Hands a descriptor over to the caller, who closes it, and empties its slot.

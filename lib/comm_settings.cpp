@@ -1,0 +1,71 @@
+// What the application sets on an endpoint, to hold from then on. Close keeps it.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <tarn_utils_v4/comm.h>
+
+#include <cerrno>
+
+#include "lib/endpoint_internal.h"
+#include "lib/errno_guard.h"
+
+namespace {
+
+#ifndef SO_PASSRIGHTS
+constexpr int SO_PASSRIGHTS = 83;  // Linux 6.16
+#endif
+constexpr mode_t permission_bits = 0777;
+
+// Without the option descriptors come, and are dropped with their packet.
+void let_descriptors_pass(int fd, bool pass) {
+  ErrnoGuard keep_errno;
+  const int value = pass;
+  ::setsockopt(fd, SOL_SOCKET, SO_PASSRIGHTS, &value, sizeof(value));
+}
+
+}  // namespace
+
+void comm_socket_v4_set_socket_mode(comm_socket_v4* c, mode_t mode) {
+  comm_v4_internals::of(c).socket_mode = mode & permission_bits;
+}
+void comm_socket_v4_set_socket_group(comm_socket_v4* c, gid_t group) {
+  comm_v4_internals::of(c).socket_group = group;
+}
+void comm_socket_v4_set_listen_backlog(comm_socket_v4* c, int backlog) {
+  comm_v4_internals::of(c).listen_backlog = backlog;
+}
+void comm_socket_v4_set_descriptors_cloexec(comm_socket_v4* c, int on) {
+  comm_v4_internals::of(c).descriptors_cloexec = on > 0;
+}
+
+int comm_socket_v4_set_max_descriptors(comm_socket_v4* c, unsigned most) {
+  if (most > COMM_V4_MAX_SEND_FDS) {
+    errno = EINVAL;
+    return -1;
+  }
+  comm_v4_internals::of(c).max_descriptors = most;
+  if (c->socket_fd >= 0) let_descriptors_pass(c->socket_fd, most > 0);
+  for (const comm_socket_v4_client& client : c->client)
+    if (client.client_fd >= 0) let_descriptors_pass(client.client_fd, most > 0);
+  return 0;
+}
+
+void apply_max_descriptors(const comm_socket_v4* c) {
+  if (comm_v4_internals::of(c).max_descriptors == 0) let_descriptors_pass(c->socket_fd, false);
+}
+
+int comm_socket_v4_set_descriptor_reserve(comm_socket_v4* c, int on) {
+  comm_v4_internals& own = comm_v4_internals::of(c);
+  if (on <= 0) {
+    own.keeps_reserve = false;
+    own.reserve = Descriptor();
+    return 0;
+  }
+  if (!renew_reserve(own)) return -1;
+  own.keeps_reserve = true;
+  return 0;
+}
+
+bool renew_reserve(comm_v4_internals& own) {
+  if (!own.reserve.is_open()) own.reserve = Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  return own.reserve.is_open();
+}
