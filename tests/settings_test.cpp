@@ -128,7 +128,7 @@ TEST_F(SettingsTest, AServerThatStopsListeningServesItsClientsOn) {
   ASSERT_EQ(Outcome(0, errno_before), create(path()));
   join(1);
   knock();
-  const auto stop = [this](comm_socket_v4* c) {
+  const auto stop = [](comm_socket_v4* c) {
     return outcome([c] { return comm_socket_v4_stop_listening(c); });
   };
   EXPECT_EQ(Outcome(-1, EMFILE), failing(Call::socket, EMFILE, [&] { return stop(&s); }));
