@@ -28,15 +28,42 @@ void on_alarm(int) {
 
 }  // namespace
 
-std::vector<std::string> open_descriptors() {
-  std::vector<std::string> list;
+Lines open_descriptors() {
+  Lines list;
   for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
     const fs::path target = fs::read_symlink(entry.path());
     if (target != "/proc/" + std::to_string(getpid()) + "/fd")
       list.push_back(entry.path().filename().string() + " -> " + target.string());
   }
-  std::sort(list.begin(), list.end());
   return list;
+}
+
+Lines changed_descriptors(const Lines& before) {
+  const Lines now = open_descriptors();
+  Lines changes;
+  const auto add = [&changes](const char* sign, const Lines& these, const Lines& others) {
+    for (const std::string& one : these)
+      if (std::count(others.begin(), others.end(), one) == 0) changes.push_back(sign + one);
+  };
+  add("- ", before, now);
+  add("+ ", now, before);
+  return changes;
+}
+
+std::string state_of(const Endpoint& c) {
+  std::string state;
+  const auto add = [&state](bool holds, const char* word) { state += holds ? word : ""; };
+  add(comm_socket_v4_is_open(c.get()), "open ");
+  add(comm_socket_v4_connection_pending(c.get()), "connecting ");
+  add(c->status.connect_pending, "pending ");
+  add(c->flags.server, "server ");
+  add(c->flags.bound, "bound ");
+  add(c->flags.socketpair, "pair ");
+  add(c->socketpair_remote_fd >= 0, "other-end ");
+  add(c->sun.sun_family != 0, "address ");
+  add(!c->client.empty(), "clients ");
+  add(!c->disconnect_list.empty(), "disconnected ");
+  return state;
 }
 
 CommTest::CommTest() : descriptors_(open_descriptors()) {
@@ -49,7 +76,7 @@ CommTest::CommTest() : descriptors_(open_descriptors()) {
 
 CommTest::~CommTest() {
   alarm(0);
-  EXPECT_EQ(descriptors_, open_descriptors()) << "the test changed the open descriptors";
+  EXPECT_EQ(Lines{}, changed_descriptors(descriptors_)) << "of the test's descriptors";
   if (!directory_.empty()) fs::remove_all(directory_);
 }
 

@@ -22,6 +22,7 @@
 #include "tests/packets.h"
 
 namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
 
 Endpoint make_endpoint();
 Packet make_packet();
@@ -57,8 +58,12 @@ int bound_socket(const std::string& path, int type = SOCK_SEQPACKET);
 // /proc/PID/fd just then holds the socket.
 void await_end(int fd);
 void await_death(const std::string& path);
-// "number -> target" of every open descriptor.
-std::vector<std::string> open_descriptors();
+// "number -> target" of every open descriptor. And of those that were closed or opened since, with
+// "- " or "+ " before it.
+Lines open_descriptors();
+Lines changed_descriptors(const Lines& before);
+// What an endpoint is and has, in words; "" for one that is closed.
+std::string state_of(const Endpoint& c);
 
 // Connects one more client to an open server and accepts it.
 std::pair<Endpoint, unsigned long> join(comm_socket_v4* server);
@@ -77,11 +82,9 @@ class CommTest : public testing::Test {
   static std::string abstract_name();
 
  private:
-  std::vector<std::string> descriptors_;
+  const Lines descriptors_;
   std::string directory_;
 };
-
-using Lines = std::vector<std::string>;
 
 // Sends descriptor 2 to memory while it lives; shows the text when the test has failed by then.
 class StderrCapture {

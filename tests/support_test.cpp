@@ -8,18 +8,14 @@ namespace {
 using SupportTest = CommTest;
 
 struct OtherTest : CommTest {
+  explicit OtherTest(const std::function<void()>& body) { body(); }
   void TestBody() override {}
 };
 
-TEST_F(SupportTest, SeesADescriptorThatATestLeaves) {
-  static int fd;
-  EXPECT_NONFATAL_FAILURE(
-      {
-        OtherTest test;
-        fd = dup(0);
-      },
-      "changed the open descriptors");
-  close(fd);
+TEST_F(SupportTest, NamesTheDescriptorsThatATestLeavesOpenOrCloses) {
+  int fd = -1;
+  EXPECT_NONFATAL_FAILURE(OtherTest([&fd] { fd = dup(0); }), "{ \"+ ");
+  EXPECT_NONFATAL_FAILURE(OtherTest([&fd] { close(fd); }), "{ \"- " + std::to_string(fd) + " -> ");
 }
 
 TEST_F(SupportTest, EndsAndReportsWhatFailsOrHangs) {
