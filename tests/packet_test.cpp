@@ -3,29 +3,22 @@
 
 namespace {
 
+using namespace std::string_literals;
 using PacketTest = CommTest;
+using P = comm_socket_v4_packet;
 
 constexpr std::size_t kHuge = SIZE_MAX;
 
-template <std::size_t N>
-std::string raw(const char (&literal)[N]) {
-  return std::string(literal, N - 1);
-}
 const unsigned char* bytes(const std::string& text) {
   return reinterpret_cast<const unsigned char*>(text.data());
 }
-comm_socket_v4_packet_header header_of(const Packet& p) {
-  comm_socket_v4_packet_header header;
-  std::memcpy(&header, p->buffer, sizeof header);
-  return header;
-}
 
 const std::string kPing =
-    raw("\x01\x02\xCD\xAB\x3F\0\0\0"
-        "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0"
-        "\x01\0\0\0\0\0\0\0\x3F\0\0\0\x01\x4A\0\0\0\x01\0\x4E\0\0\0\0\0\0\0\0\0\0\0"
-        "ping\0a\0k\0v\0"
-        "\x44\0\0\0\x46\0\0\0\x48\0\0\0\x01\0\0\0\0\0\0\0");
+    "\x01\x02\xCD\xAB\x3F\0\0\0"
+    "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0"
+    "\x01\0\0\0\0\0\0\0\x3F\0\0\0\x01\x4A\0\0\0\x01\0\x4E\0\0\0\0\0\0\0\0\0\0\0"
+    "ping\0a\0k\0v\0"
+    "\x44\0\0\0\x46\0\0\0\x48\0\0\0\x01\0\0\0\0\0\0\0"s;
 
 // --- Bytes --------------------------------------------------------------------------------------
 
@@ -39,7 +32,8 @@ TEST_F(PacketTest, WritesTheExample) {
 
 TEST_F(PacketTest, ReadsEachValueByItsOwnTypeOnly) {
   const Packet p = rich_packet();
-  EXPECT_TRUE(p->get_stream_id() == 0xFEDCBA9876543210 && p->get_tag() == 0x99);
+  EXPECT_EQ(0xFEDCBA9876543210, p->get_stream_id());
+  EXPECT_EQ(0x99u, p->get_tag());
   // Of each argument its own type reads; the last one is out of range.
   for (std::size_t n = 0; n < 5; ++n) {
     EXPECT_STREQ(n == 0 ? "text" : "", p->argv_text(n)) << n;
@@ -47,10 +41,12 @@ TEST_F(PacketTest, ReadsEachValueByItsOwnTypeOnly) {
     EXPECT_EQ(n == 2 ? -5 : 0, p->argv_int64(n)) << n;
     EXPECT_EQ(n == 3 ? 0.1 : 0, p->argv_double(n)) << n;
   }
-  EXPECT_TRUE(p->argv(4) == nullptr && p->argv(kHuge) == nullptr && p->nv_entry(9) == nullptr);
-  EXPECT_TRUE(p->nv_pair_value_uint64(p->nv_entry(3))[4] == UINT64_MAX);
-  EXPECT_TRUE(p->nv_pair_value_int64(p->nv_entry(4))[2] == INT64_MIN);
-  EXPECT_TRUE(p->nv_pair_value_double(p->nv_entry(2))[1] == -0.25);
+  EXPECT_EQ(nullptr, p->argv(4));
+  EXPECT_EQ(nullptr, p->argv(kHuge));
+  EXPECT_EQ(nullptr, p->nv_entry(9));
+  EXPECT_EQ(UINT64_MAX, +p->nv_pair_value_uint64(p->nv_entry(3))[4]);
+  EXPECT_EQ(INT64_MIN, +p->nv_pair_value_int64(p->nv_entry(4))[2]);
+  EXPECT_EQ(-0.25, +p->nv_pair_value_double(p->nv_entry(2))[1]);
 }
 
 TEST_F(PacketTest, ReadsNothingFromAPacketWithoutHeader) {
@@ -59,10 +55,11 @@ TEST_F(PacketTest, ReadsNothingFromAPacketWithoutHeader) {
   packets[2]->buffer[59] = 1;  // data_length counts for nothing without data_offset
   for (const Packet& p : packets) {
     std::size_t length = 1;
+    EXPECT_EQ(nullptr, comm_socket_v4_packet_get_data(p.get(), &length));
+    EXPECT_EQ(std::tuple(0, 0, 0, 0),
+              std::tuple(length, p->argc(), p->nv_entries(), p->argv_uint64(0)));
     EXPECT_STREQ("", p->command());
     EXPECT_STREQ("", p->error_string());
-    EXPECT_EQ(nullptr, comm_socket_v4_packet_get_data(p.get(), &length));
-    EXPECT_EQ(0u, length + p->argc() + p->nv_entries() + p->argv_uint64(0));
     EXPECT_EQ(nullptr, p->nv_entry(0));
   }
 }
@@ -71,7 +68,7 @@ TEST_F(PacketTest, ReadsNothingFromAPacketWithoutHeader) {
 
 TEST_F(PacketTest, LivesAsLongAsItsReferences) {
   comm_socket_v4_packet* p = comm_socket_v4_packet_create();
-  EXPECT_TRUE(p->refcount == 1 && p->get_tag() == 0 && p->buffer_write == 0);
+  EXPECT_EQ(std::tuple(1, 0, 0), std::tuple(+p->refcount, p->get_tag(), p->buffer_write));
   EXPECT_EQ(2, p->addref());
   comm_socket_v4_packet_addref(p);
   EXPECT_EQ(2, p->release());
@@ -91,29 +88,27 @@ TEST_F(PacketTest, LivesAsLongAsItsReferences) {
 
 TEST_F(PacketTest, GrowsItsBufferAndNeverShrinksIt) {
   const Packet p = make_packet();
-  const auto grow = [&] { return p->resize_buffer(100); };
-  EXPECT_EQ(0, p->enlarge_buffer(100000));
-  EXPECT_EQ(0, p->shrinkfit_buffer());
-  EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, grow));
-  EXPECT_EQ(-1, p->resize_buffer(kHuge));
+  const auto grow = [&p] { return p->resize_buffer(100); };
+  // An answer, and what of the buffer is allocated, used and written then.
+  using After = std::tuple<int, std::size_t, std::size_t, std::size_t>;
+  const auto after = [&p](int answer) {
+    return After(answer, p->buffer_alloc, p->buffer_length, p->buffer_write);
+  };
+  EXPECT_EQ(After(0, 0, 0, 0), after(p->enlarge_buffer(100000)));
+  EXPECT_EQ(After(0, 0, 0, 0), after(p->shrinkfit_buffer()));
+  EXPECT_EQ(After(-1, 0, 0, 0), after(failing(Call::malloc, ENOMEM, grow)));
+  EXPECT_EQ(After(-1, 0, 0, 0), after(p->resize_buffer(kHuge)));
   EXPECT_EQ(nullptr, p->buffer);
-  EXPECT_EQ(0u, p->buffer_alloc + p->buffer_length + p->buffer_write);
 
-  EXPECT_EQ(0, p->resize_buffer(0));
-  EXPECT_EQ(32u, p->buffer_alloc);
-  EXPECT_EQ(0u, p->buffer_length);
+  EXPECT_EQ(After(0, 32, 0, 0), after(p->resize_buffer(0)));
   std::memset(p->buffer, 'x', 32);
   p->buffer_length = p->buffer_write = 31;
-  EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, grow));
-  EXPECT_EQ(-1, p->enlarge_buffer(kHuge));
-  EXPECT_EQ(32u, p->buffer_alloc);
-  EXPECT_EQ(0, p->enlarge_buffer(33));
-  EXPECT_EQ(33u, p->buffer_alloc);
-  EXPECT_EQ(0, p->resize_buffer(10000));
-  EXPECT_EQ(0, p->resize_buffer(50));
-  EXPECT_EQ(10000u, p->buffer_alloc);
+  EXPECT_EQ(After(-1, 32, 31, 31), after(failing(Call::malloc, ENOMEM, grow)));
+  EXPECT_EQ(After(-1, 32, 31, 31), after(p->enlarge_buffer(kHuge)));
+  EXPECT_EQ(After(0, 33, 31, 31), after(p->enlarge_buffer(33)));
+  EXPECT_EQ(After(0, 10000, 31, 31), after(p->resize_buffer(10000)));
+  EXPECT_EQ(After(0, 10000, 31, 31), after(p->resize_buffer(50)));
   EXPECT_EQ(std::string(31, 'x'), bytes_of(p.get()));
-  EXPECT_EQ(31u, p->buffer_write);
   EXPECT_EQ(-1, comm_socket_v4_packet_resize_buffer(nullptr, 1));
   EXPECT_EQ(-1, comm_socket_v4_packet_enlarge_buffer(nullptr, 1));
   EXPECT_EQ(-1, comm_socket_v4_packet_shrinkfit_buffer(nullptr));
@@ -170,39 +165,44 @@ TEST_F(PacketTest, ChangesOneFlagAtATime) {
   }
   p->flags = ~0u;
   comm_socket_v4_packet_make_response(p.get());
-  ASSERT_EQ(0, p->write_begin("c", nullptr, 0));
-  EXPECT_EQ(~1u, +header_of(p).flags);
+  EXPECT_EQ(~1u, p->flags);
 }
 
 TEST_F(PacketTest, SignatureNeedsFourBytes) {
   const Packet three = exact_packet("abc"), four = exact_packet("abcd");
   for (const Packet* const p : {&three, &four}) (*p)->set_sighdr(0x34333231);
-  EXPECT_TRUE(three->get_sighdr() == 0 && four->get_sighdr() == 0x34333231);
+  EXPECT_EQ(0u, three->get_sighdr());
+  EXPECT_EQ(0x34333231u, four->get_sighdr());
 }
 
 // --- Writer -------------------------------------------------------------------------------------
 
 TEST_F(PacketTest, RefusesWhatItCannotCopy) {
-  using P = comm_socket_v4_packet;
   static const std::uint64_t u = 1;
   static const unsigned char b[] = "abc";
-  int (*const refused[])(P*) = {
-      [](P* p) { return p->write_nv_pair_raw("n", nullptr, 1, 9); },
-      [](P* p) { return p->write_nv_pair_raw(nullptr, b, 3, 9); },
-      [](P* p) { return p->write_nv_pair_binary("n", b, std::size_t{1} << 32); },
-      [](P* p) { return p->write_nv_pair_uint64("n", &u, kHuge / 8 + 2); },
-      [](P* p) { return p->write_nv_pairf(nullptr, "%d", 1); },
-      [](P* p) { return p->write_data_binary(nullptr, 3); },
-      [](P* p) { return p->write_data_binary(b, 262145); }};
-  const Packet p = begin_request(), begun = begin_request(), none = make_packet();
-  for (const auto write : refused)
-    EXPECT_EQ(Outcome(-1, errno_before), outcome([&] { return write(p.get()); }));
-  EXPECT_EQ(0, p->write_data_binary(nullptr, 0) + none->write_data_binary(nullptr, 0));
-  EXPECT_EQ(0, p->write_argv_end() + none->write_argv_end());
-  EXPECT_EQ(0u, p->wr_argv.size() + p->wr_nv_pair.size());
-  EXPECT_TRUE(p->write_state == P::write_state_header &&
-              bytes_of(begun.get()) == bytes_of(p.get()));
-  EXPECT_EQ(0, p->write_nv_pair("n", nullptr));
+  const struct {
+    int answer;
+    int (*write)(P*);
+  } rows[] = {{-1, [](P* p) { return p->write_nv_pair_raw("n", nullptr, 1, 9); }},
+              {-1, [](P* p) { return p->write_nv_pair_raw(nullptr, b, 3, 9); }},
+              {-1, [](P* p) { return p->write_nv_pair_binary("n", b, std::size_t{1} << 32); }},
+              {-1, [](P* p) { return p->write_nv_pair_uint64("n", &u, kHuge / 8 + 2); }},
+              {-1, [](P* p) { return p->write_nv_pairf(nullptr, "%d", 1); }},
+              {-1, [](P* p) { return p->write_data_binary(nullptr, 3); }},
+              {-1, [](P* p) { return p->write_data_binary(b, 262145); }},
+              {0, [](P* p) { return p->write_data_binary(nullptr, 0); }},
+              {0, [](P* p) { return p->write_argv_end(); }}};
+  const auto everything = [](const Packet& p) {
+    return std::tuple(p->write_state_to_str() + bytes_of(p.get()), p->wr_argv.size(),
+                      p->wr_nv_pair.size());
+  };
+  const Packet begun = begin_request(), none = make_packet();
+  for (const auto& row : rows)
+    for (const Packet* const p : {&begun, &none})
+      EXPECT_EQ(Outcome(row.answer, errno_before), outcome([&] { return row.write(p->get()); }))
+          << &row - rows;
+  EXPECT_EQ(everything(begin_request()), everything(begun));
+  EXPECT_EQ(0, begun->write_nv_pair("n", nullptr));
   const char* const names[] = {"None", "Header", "Data", "End", "?"};
   for (const int state : {0, 1, 2, 3, 4}) EXPECT_STREQ(names[state], P::write_state_to_str(state));
 }
@@ -217,7 +217,6 @@ TEST_F(PacketTest, BeginsWithRoomAsHinted) {
     EXPECT_EQ(0, begin());
     EXPECT_EQ(alloc, p->buffer_alloc);
     EXPECT_EQ(63u, p->buffer_length);
-    EXPECT_EQ(0u, header_of(p).command_offset + header_of(p).error_string_offset);
   }
 }
 
@@ -298,10 +297,12 @@ TEST_F(PacketTest, LeavesOutAValueForWhichThereIsNoMemory) {
   EXPECT_EQ(0, failing(Call::vasprintf, ENOMEM, [&] { return p->write_nv_pairf("m", "%d", 1); }));
   EXPECT_EQ(0, p->write_end());
   EXPECT_STREQ("", p->error_string());
-  EXPECT_TRUE(p->argc() == 1 && !p->argv(0)->is_present());
+  EXPECT_EQ(1u, p->argc());
+  EXPECT_FALSE(p->argv(0)->is_present());
   EXPECT_STREQ("", p->argv_text(0));
   const auto *const no_value = p->nv_entry(0), *const no_name = p->nv_entry(1);
-  EXPECT_EQ(0u, no_value->value_offset + no_value->length() + no_name->name_offset);
+  EXPECT_EQ(std::tuple(0, 0, 0),
+            std::tuple(+no_value->value_offset, no_value->length(), +no_name->name_offset));
   EXPECT_STREQ("", p->nv_pair_value_text(no_value));
   EXPECT_STREQ("", p->nv_pair_name(no_name));
   EXPECT_STREQ("v", p->nv_pair_value_text(no_name));
@@ -329,8 +330,9 @@ TEST_F(PacketTest, GoesOnWhereMemoryRanOut) {
   EXPECT_EQ(262144, add_data());
   EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, add_data));
   EXPECT_EQ(0, p->write_end());
-  ASSERT_TRUE(p->argc() == 2 && p->nv_entries() == 1 && p->data_length() == 262154);
-  EXPECT_EQ(5u + 6u, p->argv_uint64(0) + p->argv_uint64(1));
+  ASSERT_EQ(std::tuple(2, 5, 6, 1, 262154),
+            std::tuple(p->argc(), p->argv_uint64(0), p->argv_uint64(1), p->nv_entries(),
+                       p->data_length()));
   EXPECT_EQ("0123456789" + data, std::string(reinterpret_cast<const char*>(p->data()), 262154));
 }
 
