@@ -1,13 +1,16 @@
 #!/usr/bin/env python3
 """Clients that come, talk, misbehave, are killed and come back: eight processes at a time, against
-one server that sends back what it gets. Who behaves gets the same bytes and files back. When all
-have left, the server holds the descriptors and the memory that it held before, and the library in
-it has complained of nothing but records that are too long.
+one server that sends back what it gets. Who behaves gets the same bytes and files back, also while
+the server is attacked. When all have left, the server holds the descriptors and the memory that it
+held before, and the library in it has complained of nothing but records that are too long.
 
     churn_test.py TARN-COMM SECONDS [MEGABYTES-TO-GROW-BY]
 """
+import ctypes
 import os
 import random
+import resource
+import select
 import signal
 import socket
 import struct
@@ -32,8 +35,20 @@ def files():
     return [os.memfd_create("file") for _ in range(rng.randint(0, 3))]
 
 
-def behave(connection):
-    for _ in range(rng.randint(0, 20)):
+def connect():
+    connection = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    connection.connect(path)
+    connection.settimeout(100)
+    return connection
+
+
+def ask(connection):
+    connection.send(packet(b""))
+    assert connection.recv(100)
+
+
+def behave(connection, times):
+    for _ in range(times):
         sent, given = packet(rng.randbytes(rng.randint(0, 60000))), files()
         socket.send_fds(connection, [sent], given)
         back, got = socket.recv_fds(connection, 70000, 60)[:2]
@@ -62,11 +77,13 @@ def misbehave(connection):
 def visit(well_behaved, seed):
     status = 1
     try:
-        signal.alarm(30)
+        signal.alarm(100)
         rng.seed(seed)
-        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as connection:
-            connection.connect(path)
-            behave(connection) if well_behaved else misbehave(connection)
+        with connect() as connection:
+            if well_behaved:
+                behave(connection, rng.randint(0, 20))
+            else:
+                misbehave(connection)
         status = 0
     except Exception:
         traceback.print_exc()
@@ -101,6 +118,87 @@ def churn(lasting):
         time.sleep(0.001)
 
 
+def keep_copies():
+    """Of what the server closes: an epoll that was not told so goes on to watch it."""
+    with connect() as leaving:
+        ask(leaving)
+        pidfd = os.pidfd_open(server.pid)
+        copies = [ctypes.CDLL(None).syscall(438, pidfd, int(fd), 0)  # pidfd_getfd(2)
+                  for fd in descriptors() if fd not in at_first]
+    return [fd for fd in copies + [pidfd] if fd >= 0]
+
+
+def queue_answers_and_turn_deaf():
+    """What the server still has to send cannot be sent any more."""
+    deaf, sent = connect(), 0
+    while sent < 1000 and select.select([], [deaf], [], 0.2)[1]:
+        sent += deaf.send(packet(bytes(60000))) > 0
+    deaf.shutdown(socket.SHUT_RD)
+    while deaf.recv(70000):
+        pass
+    return deaf
+
+
+def pass_socket_that_lingers():
+    """Its last close takes the second that it waits for a reader of what was sent."""
+    with socket.create_server(("127.0.0.1", 0)) as listener, connect() as connection:
+        with socket.create_connection(listener.getsockname()) as lingering:
+            lingering.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 1))
+            lingering.setblocking(False)
+            lingering.send(bytes(10000000))
+            socket.send_fds(connection, [b"no packet"], [lingering.fileno()])
+        ask(connection)
+
+
+def break_log():
+    """A line behind the limit brings a signal that would end the server."""
+    limits = resource.prlimit(server.pid, resource.RLIMIT_FSIZE)
+    size = os.fstat(log.fileno()).st_size
+    resource.prlimit(server.pid, resource.RLIMIT_FSIZE, (size, limits[1]))
+    with connect() as connection:
+        for _ in range(9):
+            connection.send(bytes(70000))
+        ask(connection)
+    resource.prlimit(server.pid, resource.RLIMIT_FSIZE, limits)
+
+
+def endure_floods():
+    """Two send what is no packet, one comes and leaves, all of them without a pause."""
+    connection, flooding = connect(), []
+    connection.setblocking(True)
+    for act in (lambda: connection.send(b"no packet"),) * 2 + (lambda: connect().close(),):
+        flooding.append(os.fork())
+        if flooding[-1] == 0:
+            try:
+                while True:
+                    act()
+            finally:
+                os._exit(1)
+    connection.close()
+    behave(resident, 50)
+    for _ in range(50):
+        with connect() as newcomer:
+            ask(newcomer)
+    for pid in flooding:
+        os.kill(pid, signal.SIGKILL)
+        assert os.waitpid(pid, 0)[1] == signal.SIGKILL, "a flood has ended"
+
+
+def attack():
+    copies = keep_copies()
+    with queue_answers_and_turn_deaf():
+        ask(resident)
+        clock = ~server.pid << 3 | 2  # its CPU time, see clock_getcpuclockid(3)
+        before = time.clock_gettime(clock)
+        time.sleep(1)
+        assert time.clock_gettime(clock) - before < 0.2, "the server spins"
+    for fd in copies:
+        os.close(fd)
+    pass_socket_that_lingers()
+    break_log()
+    endure_floods()
+
+
 def descriptors():
     return sorted(os.listdir(f"/proc/{server.pid}/fd"), key=int)
 
@@ -111,11 +209,19 @@ def megabytes():
 
 
 def wait_for(what):
-    for _ in range(500):
-        if what():
-            return
+    for _ in range(5000):
+        if result := what():
+            return result
         time.sleep(0.02)
-    sys.exit("waited 10 seconds in vain; descriptors: " + " ".join(descriptors()))
+    sys.exit("waited 100 seconds in vain; descriptors: " + " ".join(descriptors()))
+
+
+def first_client():
+    """The path is there before somebody listens."""
+    try:
+        return connect()
+    except OSError:
+        return None
 
 
 with tempfile.TemporaryDirectory() as folder:
@@ -123,19 +229,22 @@ with tempfile.TemporaryDirectory() as folder:
     log = open(os.path.join(folder, "log"), "w+", encoding="ascii")
     with subprocess.Popen([tool, "serve", "--quiet", path], stderr=log) as server:
         try:
-            wait_for(lambda: os.path.exists(path))
-            at_first = descriptors()
-            churn(seconds / 4)
-            wait_for(lambda: descriptors() == at_first)
-            before = megabytes()
-            churn(seconds * 3 / 4)
-            wait_for(lambda: descriptors() == at_first)
+            resident = wait_for(first_client)
+            ask(resident)
+            at_first, size = descriptors(), []
+            for part in (0.25, 0.75):
+                churn(seconds * part)
+                attack()
+                wait_for(lambda: descriptors() == at_first)
+                size.append(megabytes())
             print(f"{visits[1]} clients behaved, {visits[0]} did not; "
-                  f"{before:.1f} MB before, {megabytes():.1f} MB after")
-            if megabytes() > before + may_grow:
+                  f"{size[0]:.1f} MB before, {size[1]:.1f} MB after")
+            if size[1] > size[0] + may_grow:
                 sys.exit("the server has grown")
-        finally:
-            server.terminate()
+        except BaseException:
+            server.kill()
+            raise
+        server.terminate()
     log.seek(0)
     complaints = [line for line in log if line != "\n" and "returned packet is larger" not in line]
     sys.exit("".join(complaints) or server.returncode)
