@@ -2,6 +2,8 @@
 #ifndef EXAMPLES_COMMON_H
 #define EXAMPLES_COMMON_H
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <tarn_utils_v4/comm.h>
 #include <unistd.h>
 
@@ -47,6 +49,14 @@ class Descriptor {
 }
 [[noreturn]] inline void fail(const char* what) { fail(what, std::strerror(errno)); }
 
+// Before anything is opened: where descriptors 0 to 2 are closed sockets would get these numbers,
+// and what the program prints would go to a client.
+inline void open_standard_descriptors() {
+  int fd = ::open("/dev/null", O_RDWR);
+  while (fd >= 0 && fd <= STDERR_FILENO) fd = ::dup(fd);
+  if (fd > STDERR_FILENO) ::close(fd);
+}
+
 // Header values come before write_begin, which copies them. Null without memory.
 inline Packet begin_request(const char* command, std::uint64_t id) {
   Packet request{comm_socket_v4_packet_create()};
@@ -71,6 +81,7 @@ inline unsigned long in_seconds(int seconds) {
   return static_cast<unsigned long>(
       std::chrono::duration_cast<std::chrono::microseconds>(moment.time_since_epoch()).count());
 }
+inline bool has_passed(unsigned long deadline) { return in_seconds(0) >= deadline; }
 
 // False when the connection has ended, or takes no packet in time.
 inline bool send(comm_socket_v4* endpoint, comm_socket_v4_packet* packet, unsigned long deadline) {
@@ -81,13 +92,22 @@ inline bool send(comm_socket_v4* endpoint, comm_socket_v4_packet* packet, unsign
   }
 }
 
-// Null when the connection has ended, which closes the endpoint, or nothing comes in time.
+// Null when the connection has ended, which closes the endpoint, or nothing comes in time. A peer
+// whose packets are all dropped keeps the wait ready, past its deadline too.
 inline Packet receive(comm_socket_v4* endpoint, unsigned long deadline) {
   for (;;) {
     Packet packet{comm_socket_v4_client_get_packet_from_server(endpoint)};
     if (packet) return packet;
+    if (has_passed(deadline)) return nullptr;
     if (comm_socket_v4_client_from_server_readable(endpoint, deadline) <= 0) return nullptr;
   }
+}
+
+// A peer's text for a terminal, which obeys control characters.
+inline std::string printable(std::string text) {
+  for (char& c : text)
+    if (static_cast<unsigned char>(c) < ' ' || c == 0x7f) c = '?';
+  return text;
 }
 
 // The packet in its readable listing.
@@ -96,9 +116,16 @@ inline void show(const comm_socket_v4_packet& packet, const char* way, unsigned 
   packet.dump_header_user_friendly(stderr);
 }
 
-// Appends what the file holds behind the bytes that are there already; false with errno. pread(2),
-// since the offset of a descriptor that was passed on is shared with the process that sent it.
+// Appends what the file holds behind the bytes that are there already; false with errno. Only of a
+// regular file, as what a peer sends may never end. pread(2), since the offset of a descriptor that
+// was passed on is shared with the process that sent it.
 inline bool read_rest(int fd, std::string& bytes) {
+  struct stat about;
+  if (::fstat(fd, &about) != 0) return false;
+  if (!S_ISREG(about.st_mode)) {
+    errno = EINVAL;
+    return false;
+  }
   char block[16384];
   for (;;) {
     const ssize_t count = ::pread(fd, block, sizeof(block), static_cast<off_t>(bytes.size()));

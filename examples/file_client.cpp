@@ -25,7 +25,8 @@ const comm_socket_v4_packet_nv_pair* pair_of(const comm_socket_v4_packet& packet
 
 void print_answer(const char* path, comm_socket_v4_packet& answer) {
   if (answer.error_code != 0) {
-    std::printf("%s: error %" PRIu64 ", %s\n", path, answer.error_code, answer.error_string());
+    std::printf("%s: error %" PRIu64 ", %s\n", path, answer.error_code,
+                printable(answer.error_string()).c_str());
     return;
   }
   const auto* const size = pair_of(answer, "size", comm_v4_type_uint64, 1);

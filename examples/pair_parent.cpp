@@ -52,7 +52,7 @@ int main(int argc, char** argv) {
     const Packet answer = receive(worker.get(), in_seconds(10));
     if (!answer || answer->message_id != id) fail(argv[i], "no answer");
     if (shows) show(*answer, "from worker, file", id);
-    if (answer->error_code != 0) fail(argv[i], answer->error_string());
+    if (answer->error_code != 0) fail(argv[i], printable(answer->error_string()).c_str());
     std::printf("%" PRIu64 " %" PRIu64 " %s\n", answer->argv_uint64(0), answer->argv_uint64(1),
                 argv[i]);
   }

@@ -52,16 +52,22 @@ get_value = function("packet_get_nv_pair_value_raw", c_void_p, c_void_p, POINTER
 get_data = function("packet_get_data", c_void_p, c_void_p, POINTER(c_size_t))
 
 
+def printable(text):
+    """A peer's text for a terminal, which obeys control characters."""
+    return "".join(c if c.isprintable() else "?" for c in text.decode(errors="replace"))
+
+
 def print_packet(packet):
-    print("command:", get_command(packet).decode())
+    print("command:", printable(get_command(packet)))
     if get_error_string(packet):
-        print("error:", get_error_string(packet).decode())
+        print("error:", printable(get_error_string(packet)))
     for i in range(get_argc(packet)):
-        print(f"argument {i}:", get_argv(packet, i).decode())
+        print(f"argument {i}:", printable(get_argv(packet, i)))
     for i in range(nv_entries(packet)):
         pair = get_nv_entry(packet, i)
-        value = ctypes.string_at(get_value(packet, pair), pair.contents.length)
-        print(f"{get_name(packet, pair).decode()}, type {pair.contents.type}:", value)
+        # Pairs may share their bytes: whole values could be thousands of times the packet.
+        value = ctypes.string_at(get_value(packet, pair), min(pair.contents.length, 64))
+        print(f"{printable(get_name(packet, pair))}, type {pair.contents.type}:", value)
     length = c_size_t()
     if get_data(packet, length):
         print("data:", length.value, "bytes")
@@ -78,8 +84,8 @@ def main():
     request = packet_create()
     make_request(request)
     begin(request, 0, command, None)
-    for text in texts:
-        write_argv(request, text)
+    if any(write_argv(request, text) != 0 for text in texts):
+        sys.exit("too many arguments")
     if write_end(request) != 0 or send(server, request) <= 0:
         sys.exit(f"cannot send, errno {ctypes.get_errno()}")
     packet_release(request)
