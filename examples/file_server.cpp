@@ -45,8 +45,7 @@ bool write_file(comm_socket_v4_packet& answer, const File& file) {
   const auto size = static_cast<std::uint64_t>(file.about.st_size);
   const std::uint64_t mode = file.about.st_mode & 07777;
   const std::int64_t times[] = {file.about.st_atime, file.about.st_mtime, file.about.st_ctime};
-  return answer.attach_fd_to_send(file.fd.get()) &&
-         answer.write_nv_pair_uint64("size", &size, 1) == 0 &&
+  return answer.write_nv_pair_uint64("size", &size, 1) == 0 &&
          answer.write_nv_pair_uint64("mode", &mode, 1) == 0 &&
          answer.write_nv_pair_int64("times", times, std::size(times)) == 0 &&
          answer.write_data_binary(file.start.data(), file.start.size()) >= 0;
@@ -55,17 +54,19 @@ bool write_file(comm_socket_v4_packet& answer, const File& file) {
 // Null when it cannot be written.
 Packet answer_to(const comm_socket_v4_packet& request) {
   File file;
-  const int error = open_file(request, file);
+  int error = open_file(request, file);
   Packet answer = begin_answer(request, error);
+  if (answer && error == 0 && !answer->attach_fd_to_send(file.fd.get())) {
+    error = errno;
+    answer = begin_answer(request, error);
+  }
   if (!answer || (error == 0 && !write_file(*answer, file))) return nullptr;
   return answer->write_end() == 0 ? std::move(answer) : nullptr;
 }
 
 // --- Server -------------------------------------------------------------------------------------
 
-// Packets that may wait for one client. At that many the server reads no more of its requests.
-constexpr std::uint64_t LONGEST_QUEUE = 32;
-// Requests of one client in a row, so that no client keeps the others waiting.
+// Clients accepted in a row, requests of one client in a row: the others have a turn then.
 constexpr int FAIR_SHARE = 16;
 
 // The data of an event is the index of a slot, since the address of a record does not last.
@@ -80,8 +81,11 @@ class FileServer {
     ::sigaddset(&stop, SIGTERM);
     ::sigaddset(&stop, SIGINT);
     if (::sigprocmask(SIG_BLOCK, &stop, nullptr) != 0) fail("sigprocmask");
+    ::signal(SIGPIPE, SIG_IGN);  // Nobody need read what it prints.
     signals_ = Descriptor{::signalfd(-1, &stop, SFD_CLOEXEC)};
     if (!endpoint_) fail("no memory");
+    if (comm_socket_v4_set_descriptor_reserve(endpoint_.get(), 1) != 0) fail("no reserve");
+    comm_socket_v4_set_max_descriptors(endpoint_.get(), 0);  // Requests bring none.
     if (comm_socket_v4_create_server(endpoint_.get(), path) != 0) fail(path);
     if (!watch(EPOLL_CTL_ADD, endpoint_->get_socket_fd(), LISTENER, EPOLLIN) ||
         !watch(EPOLL_CTL_ADD, signals_.get(), STOP, EPOLLIN))
@@ -114,16 +118,12 @@ class FileServer {
     return ::epoll_ctl(epoll_.get(), operation, fd, &event) == 0;
   }
 
-  // An accept that finds no free descriptor closes the server. One is held in reserve for it, and a
-  // client after which there is none left to hold is turned away.
   void accept_clients() {
-    for (;;) {
-      reserve_ = Descriptor{};
+    for (int i = 0; i < FAIR_SHARE; ++i) {
       comm_socket_v4_client* const client = comm_socket_v4_accept_connection(endpoint_.get());
       if (!comm_socket_v4_is_open(endpoint_.get())) fail("cannot accept");
-      reserve_ = Descriptor{::open("/dev/null", O_RDONLY | O_CLOEXEC)};
       if (client == nullptr) return;
-      if (!reserve_.is_open() || !welcome(*client)) comm_socket_v4_free_client(client);
+      if (!welcome(*client)) comm_socket_v4_free_client(client);
     }
   }
 
@@ -133,8 +133,9 @@ class FileServer {
     const bool trusted = client.cred.uid == ::geteuid() || client.cred.uid == 0;
     std::printf("client %lu: pid %d, uid %u, gid %u%s\n", index, client.cred.pid, client.cred.uid,
                 client.cred.gid, trusted ? "" : ", turned away");
-    return trusted && watch(EPOLL_CTL_ADD, client.get_client_fd(), index, EPOLLIN) &&
-           connections_.try_emplace(index).second;
+    if (!trusted || !watch(EPOLL_CTL_ADD, client.get_client_fd(), index, EPOLLIN)) return false;
+    connections_.try_emplace(index);
+    return true;
   }
 
   void serve(unsigned long index, std::uint32_t events) {
@@ -147,17 +148,18 @@ class FileServer {
     if (events & EPOLLOUT) {
       const std::uint64_t before = connection.queue.queued_count;
       connection.queue.flush_queued_packet(&client);
-      // There is room: a packet that does not go now never will.
+      // There is room: what cannot be sent now never can.
       if (connection.queue.queued_count == before) comm_socket_v4_disconnect_client(&client);
     }
     if (events & EPOLLIN) answer_requests(client, index, connection);
     update_events(client, index, connection);
   }
 
-  // Retrieval takes the packet in the slot, or reads one. As nothing here fills the slot ahead,
-  // what is left after a fair share is in the socket, and epoll reports it again.
+  // While answers wait, no more requests are read: the client is to read first. As nothing here
+  // fills the slot ahead, what is left after a fair share is in the socket, and epoll reports it
+  // again.
   void answer_requests(comm_socket_v4_client& client, unsigned long index, Connection& connection) {
-    for (int i = 0; i < FAIR_SHARE && connection.queue.queued_count < LONGEST_QUEUE; ++i) {
+    for (int i = 0; i < FAIR_SHARE && connection.queue.queued_count == 0; ++i) {
       const Packet request{comm_socket_v4_client_get_packet(&client)};
       if (!request) return;
       if (shows_) show(*request, "from client", index);
@@ -172,24 +174,24 @@ class FileServer {
 
   // Room to send is watched only while packets wait for it: nearly always there is some.
   void update_events(comm_socket_v4_client& client, unsigned long index, Connection& connection) {
-    const std::uint64_t waiting = connection.queue.queued_count;
-    const std::uint32_t events =
-        (waiting < LONGEST_QUEUE ? EPOLLIN : 0u) | (waiting > 0 ? EPOLLOUT : 0u);
+    const bool waits = connection.queue.queued_count > 0;
+    const std::uint32_t events = waits ? EPOLLOUT : EPOLLIN;
     if (events == connection.events) return;
-    if ((events ^ connection.events) & EPOLLOUT)
-      std::printf("client %lu %s\n", index,
-                  waiting > 0 ? "reads slowly, answers wait for it" : "has caught up");
+    std::printf("client %lu %s\n", index,
+                waits ? "reads slowly, answers wait for it" : "has caught up");
     connection.events = events;
     if (!watch(EPOLL_CTL_MOD, client.get_client_fd(), index, events))
       comm_socket_v4_disconnect_client(&client);
   }
 
-  // After each round, so that none of its events meets a slot with another client in it. Closing
-  // the descriptor takes it out of epoll.
+  // After each round, so that none of its events meets a slot with another client in it. The close
+  // alone would not take it out of epoll while a copy of the descriptor is open: in a forked child,
+  // or for a moment where somebody looks into /proc/PID/fd.
   void release_clients() {
     while (auto* const client = comm_socket_v4_get_disconnected_client(endpoint_.get())) {
       const auto entry = connections_.find(comm_socket_v4_client_ptr2index(client));
       std::printf("client %lu has left, %lu answers\n", entry->first, entry->second.answers);
+      ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, client->get_client_fd(), nullptr);
       connections_.erase(entry);
       comm_socket_v4_free_client(client);
     }
@@ -199,7 +201,6 @@ class FileServer {
   Endpoint endpoint_{comm_socket_v4_create()};
   Descriptor epoll_{::epoll_create1(EPOLL_CLOEXEC)};
   Descriptor signals_;
-  Descriptor reserve_;
   std::unordered_map<unsigned long, Connection> connections_;
 };
 
@@ -208,6 +209,7 @@ class FileServer {
 int main(int argc, char** argv) {
   const bool shows = argc == 3 && std::strcmp(argv[1], "--show") == 0;
   if (argc != (shows ? 3 : 2)) fail("usage", "file_server [--show] SOCKET");
+  open_standard_descriptors();
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   FileServer server{argv[argc - 1], shows};
   std::printf("listens on %s\n", argv[argc - 1]);
