@@ -2,14 +2,16 @@
 //
 //   log_sinks journal         with priorities, as a journal reads them from standard error
 //   log_sinks file FILE       into a file, with the time of day
-//   log_sinks limited         to standard error, a line that repeats once a second at most
+//   log_sinks limited         to standard error, ten lines a second at most, and all errors
 //
 // Some bad packets over a socket pair give the endpoint something to say. Take the function that
-// you need: a sink must not throw, and nothing here allocates.
+// you need: a sink must not throw, and nothing here allocates. Ignore SIGPIPE with it, which a
+// sink's own writes may raise.
 #include <sys/socket.h>
 #include <tarn_utils_v4/comm.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -19,7 +21,7 @@ namespace {
 using Sink = void (*)(void* user, const char* level, const char* text);
 
 // "<N>" before a line is its priority (sd-daemon(3)): 3 error, 4 warning, 7 debug.
-void to_journal(void*, const char* level, const char* text) {
+void to_journal(void* /*user*/, const char* level, const char* text) {
   const int priority = std::strcmp(level, "ERROR") == 0   ? 3
                        : std::strcmp(level, "DEBUG") == 0 ? 7
                                                           : 4;
@@ -35,36 +37,33 @@ void to_file(void* file, const char* level, const char* text) {
   std::fprintf(static_cast<std::FILE*>(file), "%s %s: %s\n", clock, level, text);
 }
 
-void to_standard_error(void*, const char* level, const char* text) {
+void to_standard_error(void* /*user*/, const char* level, const char* text) {
   std::fprintf(stderr, "%s: %s\n", level, text);
 }
 
-// In front of another sink: what a peer can provoke as often as it likes fills no disk.
+// In front of another sink: what peers can provoke as often as they like fills no disk. Errors
+// always pass, as no packet causes one.
 struct Limiter {
   Sink sink;
   void* user;
-  char last[256];  // as much of a line as is compared
-  std::time_t since;
-  unsigned long repeats;
+  std::time_t second;
+  unsigned long lines;  // in that second
 };
 
 void limited(void* limiter, const char* level, const char* text) {
+  constexpr unsigned long most = 10;
   Limiter& l = *static_cast<Limiter*>(limiter);
   const std::time_t now = std::time(nullptr);
-  const bool repeats = std::strncmp(l.last, text, sizeof(l.last) - 1) == 0;
-  if (repeats && now == l.since) {
-    ++l.repeats;
-    return;
+  if (now != l.second) {
+    if (l.lines > most) {
+      char note[64];
+      std::snprintf(note, sizeof(note), "%lu lines were left out", l.lines - most);
+      l.sink(l.user, "WARNING", note);
+    }
+    l.second = now;
+    l.lines = 0;
   }
-  if (l.repeats > 0) {
-    char note[64];
-    std::snprintf(note, sizeof(note), "the last line came %lu more times", l.repeats);
-    l.sink(l.user, "WARNING", note);
-  }
-  l.repeats = 0;
-  l.since = now;
-  std::snprintf(l.last, sizeof(l.last), "%s", text);
-  l.sink(l.user, level, text);
+  if (std::strcmp(level, "ERROR") == 0 || ++l.lines <= most) l.sink(l.user, level, text);
 }
 
 int usage() {
@@ -75,11 +74,12 @@ int usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_IGN);
   comm_socket_v4* const endpoint = comm_socket_v4_create();
   if (endpoint == nullptr || comm_socket_v4_connect_new_socketpair(endpoint) != 0) return 1;
 
   const char* const which = argc > 1 ? argv[1] : "";
-  Limiter limiter = {to_standard_error, nullptr, "", 0, 0};
+  Limiter limiter = {to_standard_error, nullptr, 0, 0};
   std::FILE* file = nullptr;
   if (std::strcmp(which, "journal") == 0) {
     comm_socket_v4_set_log_sink(endpoint, to_journal, nullptr);
@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
   }
 
   const int peer = comm_socket_v4_socketpair_get_remote_end(endpoint);
-  for (int i = 0; i < 5; ++i) {
+  for (int i = 0; i < 20; ++i) {
     if (::send(peer, "bad", 3, MSG_NOSIGNAL) != 3) return 1;
     comm_socket_v4_idle(endpoint);
   }
