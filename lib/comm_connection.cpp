@@ -22,6 +22,7 @@
 #include "lib/errno_guard.h"
 #include "lib/fatal_assert.h"
 #include "lib/owners.h"
+#include "lib/pause.h"
 #include "lib/start_lock.h"
 #include "suite/io.h"
 #include "suite/process.h"
@@ -44,14 +45,6 @@ constexpr std::uint64_t retry_pause_us = 10000;
 bool starts_with_at(const std::string& path) { return !path.empty() && path[0] == '@'; }
 bool is_abstract(const std::string& path) { return starts_with_at(path) && path.length() > 1; }
 
-// The whole pause, also while signals arrive.
-void pause_before_retry() {
-  const std::uint64_t start = monotonic_clock_us();
-  std::uint64_t slept = 0;
-  while (slept < retry_pause_us && ::usleep(static_cast<useconds_t>(retry_pause_us - slept)) != 0)
-    slept = monotonic_clock_us() - start;
-}
-
 const struct sockaddr* as_sockaddr(const struct sockaddr_un& sun) {
   return reinterpret_cast<const struct sockaddr*>(&sun);
 }
@@ -71,13 +64,6 @@ bool may_become_socketpair(comm_socket_v4* c, bool makes_new) {
     return false;
   }
   return true;
-}
-
-// Nothing says that an adopted socket has a peer.
-bool has_peer(int fd) {
-  struct sockaddr_un peer;
-  socklen_t length = sizeof(peer);
-  return ::getpeername(fd, reinterpret_cast<struct sockaddr*>(&peer), &length) == 0;
 }
 
 void become_socketpair(comm_socket_v4* c, int fd) {
@@ -121,7 +107,7 @@ int clear_occupied_path(comm_socket_v4* c) {
   }
   errno = 0;
   const int server_pid = get_socket_server_pid(path, 1);
-  if (server_pid == 0 && is_shortage(errno)) {
+  if (server_pid == 0 && !c->flags.debug && is_shortage(errno)) {
     comm_socket_v4_error(c, "create_server_socket() cannot bind, %s\n", std::strerror(errno));
     return -1;
   }
@@ -174,12 +160,13 @@ bool set_mode(int fd, mode_t mode) {
 // Gives the file its group and, independent of the umask, its mode. In a directory that others may
 // write the path may name something else by now, which is left alone: only the marked file is
 // touched. Nobody can connect before the socket listens.
-bool set_access_of_file(const comm_socket_v4* c) {
+bool set_access_of_file(comm_socket_v4* c) {
   const comm_v4_internals& own = comm_v4_internals::of(c);
   const Descriptor file(::open(c->socket_path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat found;
   if (!file.is_open() || ::fstat(file.get(), &found) != 0) return false;
   if (!S_ISSOCK(found.st_mode) || (found.st_mode & socket_file_mark) == 0) {
+    c->flags.bound = 0;
     errno = ESTALE;
     return false;
   }
@@ -201,7 +188,8 @@ int bind_to_file(comm_socket_v4* c) {
     c->flags.bound = 1;
     given = set_access_of_file(c);
   }
-  if (given || !chosen) return 0;
+  // By default it may fail, but not for want of a descriptor to do it with.
+  if (given || (!chosen && !is_shortage(errno))) return 0;
   comm_socket_v4_error(c, "create_server_socket() cannot set mode or group of '%s', %s",
                        c->socket_path.c_str(), std::strerror(errno));
   return -1;
@@ -266,11 +254,16 @@ bool path_of_socket(int fd, std::string& path) {
   struct sockaddr_un sun = {};
   socklen_t length = sizeof(sun);
   if (::getsockname(fd, reinterpret_cast<struct sockaddr*>(&sun), &length) != 0) return false;
-  const std::size_t size = length - offsetof(struct sockaddr_un, sun_path);
-  if (sun.sun_path[0] == '\0')
+  // The kernel counts a NUL for which a full path has no room.
+  const std::size_t size =
+      std::min<std::size_t>(length, sizeof(sun)) - offsetof(struct sockaddr_un, sun_path);
+  if (sun.sun_path[0] == '\0') {
     path.assign("@").append(sun.sun_path + 1, size - 1);
-  else
-    path.assign(sun.sun_path, strnlen(sun.sun_path, size));
+  } else {
+    // A file whose name begins with "@" is not to be taken for an abstract name.
+    path.assign(sun.sun_path[0] == '@' ? "./" : "")
+        .append(sun.sun_path, strnlen(sun.sun_path, size));
+  }
   return true;
 }
 
@@ -414,7 +407,7 @@ int finish_pending_connect(comm_socket_v4* c) {
     const Pending pending = check_timeouts(c);
     if (pending != Pending::wait_on) return pending == Pending::gave_up ? -1 : 0;
     // Past the deadline the wait returns at once, and only a pause keeps the loop from spinning.
-    if (monotonic_clock_us() >= deadline) pause_before_retry();
+    if (monotonic_clock_us() >= deadline) pause_for(retry_pause_us);
 
     if (comm_socket_v4_connect_check_pending(c) != 0) {
       comm_socket_v4_debug(
@@ -478,10 +471,8 @@ bool set_timer(int timer, std::uint64_t period_us) {
 
 // The connect is over, made or failed. errno stays.
 void end_pending(comm_socket_v4* c) {
-  ErrnoGuard keep_errno;
   c->status.connect_pending = 0;
-  const Descriptor& timer = comm_v4_internals::of(c).connect_timer;
-  if (timer.is_open()) set_timer(timer.get(), 0);
+  stop_connect_timer(c);
 }
 
 // The socket is writeable; asks it whether that means connected.
@@ -515,7 +506,7 @@ int judge_writeable_socket(comm_socket_v4* c) {
   }
   // A local socket that the full queue of the server refused is writeable and not connected.
   if (errno == ENOTCONN) {
-    pause_before_retry();
+    pause_for(retry_pause_us);
     errno = 0;
     return 0;
   }
@@ -606,16 +597,20 @@ int comm_socket_v4_create_server(comm_socket_v4* c, const char* path) {
 }
 
 int comm_socket_v4_use_server_socket(comm_socket_v4* c, int fd) {
-  comm_socket_v4_close(c);
-  if (!is_server_socket(fd) || !path_of_socket(fd, c->socket_path) || !adapt_server_socket(fd)) {
+  std::string path;
+  errno = EINVAL;
+  const bool own = fd >= 0 && fd == c->socket_fd;
+  if (own || !is_server_socket(fd) || !path_of_socket(fd, path) || !adapt_server_socket(fd)) {
     comm_socket_v4_error(c, "use_server_socket() cannot use descriptor %d, %s", fd,
                          std::strerror(errno));
     return -1;
   }
+  comm_socket_v4_close(c);
   if (comm_socket_v4_alloc_client_list(c) != 0) {
     comm_socket_v4_error(c, "use_server_socket(): failed to allocate memory for client list");
     return -1;
   }
+  c->socket_path.swap(path);
   c->socket_fd = fd;
   c->flags.server = 1;
   apply_max_descriptors(c);
@@ -707,6 +702,12 @@ int comm_socket_v4_connect_check_pending(comm_socket_v4* c) {
                        std::strerror(errno));
   comm_socket_v4_close(c);
   return -1;
+}
+
+void stop_connect_timer(const comm_socket_v4* c) {
+  ErrnoGuard keep_errno;
+  const Descriptor& timer = comm_v4_internals::of(c).connect_timer;
+  if (timer.is_open()) set_timer(timer.get(), 0);
 }
 
 int comm_socket_v4_get_connect_fd(comm_socket_v4* c) {

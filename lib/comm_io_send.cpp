@@ -81,7 +81,7 @@ int send_bytes(const SendSide& side, comm_socket_v4_packet& p) {
 }
 
 int end_sending_on(int fd) {
-  if (fd >= 0) return ::shutdown(fd, SHUT_WR);
+  if (has_peer(fd)) return ::shutdown(fd, SHUT_WR);
   errno = ENOTCONN;
   return -1;
 }
@@ -181,7 +181,7 @@ int comm_socket_v4_client_end_sending(comm_socket_v4_client* c) {
 }
 
 int comm_socket_v4_end_sending(comm_socket_v4* c) {
-  if (!c->flags.server) return end_sending_on(c->status.connect_pending ? -1 : c->socket_fd);
+  if (!c->flags.server) return end_sending_on(c->socket_fd);
   errno = EINVAL;
   return -1;
 }

@@ -31,9 +31,12 @@ void log_to_standard_error(const comm_socket_v4* c, const char* level, const cha
 void log_to_sink(comm_v4_internals& own, const char* level, const char* format, va_list args) {
   FormattedText text("", format, args);
   text.remove_newlines();
-  own.in_log_sink = true;
+  const struct Inside {
+    explicit Inside(bool& flag) : flag_(flag) { flag_ = true; }
+    ~Inside() { flag_ = false; }
+    bool& flag_;
+  } inside(own.in_log_sink);
   own.log_sink(own.log_user, level, text.c_str());
-  own.in_log_sink = false;
 }
 
 // An empty client record has no endpoint to log on; what is said about it goes nowhere.

@@ -20,6 +20,7 @@
 #include "lib/fatal_assert.h"
 #include "lib/packet_layout.h"
 #include "lib/packet_receive.h"
+#include "lib/quiet_clients.h"
 #include "lib/standard_error.h"
 #include "suite/time.h"
 
@@ -179,22 +180,27 @@ comm_socket_v4_client* new_client(comm_socket_v4* c) {
   return client;
 }
 
+bool is_lack_of_descriptors(int error) { return error == EMFILE || error == ENFILE; }
+
 // Whether an accept found no descriptor, and the endpoint keeps one for that: the connection is
 // taken on it and closed, so that its peer does not wait and the loop does not spin. errno is that
 // of the accept, or EAGAIN when nobody waits, which the kernel looks at last.
 bool turned_away(comm_socket_v4* c) {
   comm_v4_internals& own = comm_v4_internals::of(c);
   const int shortage = errno;
-  if (!own.keeps_reserve || (shortage != EMFILE && shortage != ENFILE)) return false;
+  if (!own.keeps_reserve || !is_lack_of_descriptors(shortage)) return false;
+  if (is_quiet(c->socket_fd)) {
+    errno = EAGAIN;
+    return true;
+  }
   own.reserve = Descriptor();
-  const bool somebody_waits =
-      Descriptor(::accept4(c->socket_fd, nullptr, nullptr, SOCK_CLOEXEC)).is_open() ||
-      errno != EAGAIN;
+  const bool closed = Descriptor(::accept4(c->socket_fd, nullptr, nullptr, SOCK_CLOEXEC)).is_open();
+  const int error = closed ? shortage : errno;
   renew_reserve(own);
-  errno = somebody_waits ? shortage : EAGAIN;
-  if (somebody_waits && !std::exchange(own.warned_of_shortage, true))
+  errno = error;
+  if (closed && !std::exchange(own.warned_of_shortage, true))
     comm_socket_v4_warning(c, "accept_connection() no descriptors left, closing new connections");
-  return true;
+  return error == EAGAIN || is_lack_of_descriptors(error);
 }
 
 }  // namespace
@@ -233,6 +239,7 @@ comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* c) {
   }
   own.warned_of_shortage = false;
   comm_v4_internals::generation(*client) = ++own.accepted;
+  apply_max_descriptors(c, fd);
   client->server = c;
   client->client_fd = fd;
   client->accept_time_us = monotonic_clock_us();

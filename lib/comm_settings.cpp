@@ -22,6 +22,13 @@ void let_descriptors_pass(int fd, bool pass) {
   ::setsockopt(fd, SOL_SOCKET, SO_PASSRIGHTS, &value, sizeof(value));
 }
 
+bool descriptors_pass(int fd) {
+  ErrnoGuard keep_errno;
+  int value = 1;
+  socklen_t length = sizeof(value);
+  return ::getsockopt(fd, SOL_SOCKET, SO_PASSRIGHTS, &value, &length) != 0 || value != 0;
+}
+
 }  // namespace
 
 void comm_socket_v4_set_socket_mode(comm_socket_v4* c, mode_t mode) {
@@ -43,14 +50,24 @@ int comm_socket_v4_set_max_descriptors(comm_socket_v4* c, unsigned most) {
     return -1;
   }
   comm_v4_internals::of(c).max_descriptors = most;
-  if (c->socket_fd >= 0) let_descriptors_pass(c->socket_fd, most > 0);
+  if (c->socket_fd >= 0) apply_max_descriptors(c);
   for (const comm_socket_v4_client& client : c->client)
-    if (client.client_fd >= 0) let_descriptors_pass(client.client_fd, most > 0);
+    if (client.client_fd >= 0) apply_max_descriptors(c, client.client_fd);
   return 0;
 }
 
 void apply_max_descriptors(const comm_socket_v4* c) {
-  if (comm_v4_internals::of(c).max_descriptors == 0) let_descriptors_pass(c->socket_fd, false);
+  comm_v4_internals& own = comm_v4_internals::of(c);
+  const bool pass = own.max_descriptors > 0;
+  if (pass && descriptors_pass(c->socket_fd)) return;
+  own.descriptors_were_refused = true;
+  let_descriptors_pass(c->socket_fd, pass);
+}
+
+// A connection has the option that its server had when the client connected.
+void apply_max_descriptors(const comm_socket_v4* c, int client_fd) {
+  const comm_v4_internals& own = comm_v4_internals::of(c);
+  if (own.descriptors_were_refused) let_descriptors_pass(client_fd, own.max_descriptors > 0);
 }
 
 int comm_socket_v4_set_descriptor_reserve(comm_socket_v4* c, int on) {
@@ -66,6 +83,7 @@ int comm_socket_v4_set_descriptor_reserve(comm_socket_v4* c, int on) {
 }
 
 bool renew_reserve(comm_v4_internals& own) {
-  if (!own.reserve.is_open()) own.reserve = Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  // The one file that is there in any chroot(2).
+  if (!own.reserve.is_open()) own.reserve = Descriptor(::open("/", O_PATH | O_CLOEXEC));
   return own.reserve.is_open();
 }

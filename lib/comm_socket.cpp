@@ -94,6 +94,10 @@ int comm_socket_v4_close(comm_socket_v4* c) {
   clear_word(c->status);
   comm_v4_internals& own = comm_v4_internals::of(c);
   own.stopped_listening = false;
+  own.descriptors_were_refused = false;
+  own.warned_of_shortage = false;
+  // Stopped by itself: a forked child may hold a copy.
+  stop_connect_timer(c);
   own.connect_timer = Descriptor();
   return 0;
 }

@@ -29,6 +29,7 @@ struct comm_v4_internals {
   // Of what is open now.
   bool pair_has_peer = false;  // as far as is known
   bool stopped_listening = false;
+  bool descriptors_were_refused = false;  // by the socket, now or for a while
   Descriptor connect_timer;
 
   // Kept from one call to the next.
@@ -58,6 +59,10 @@ void clear_word(Word& word) {
 void comm_socket_v4_vdebug(comm_socket_v4* c, const char* format, va_list args)
     COMM_V4_PRINTF(2, 0);
 
+// lib/comm_connection
+
+void stop_connect_timer(const comm_socket_v4* c);
+
 // lib/comm_socket
 
 // Of a server that made it, unless it has an abstract name.
@@ -65,10 +70,15 @@ void remove_server_file(comm_socket_v4* c);
 
 // lib/comm_settings
 
-// To the socket that was just opened.
+// To the socket that was just opened or adopted, and to one that a client of it has.
 void apply_max_descriptors(const comm_socket_v4* c);
+void apply_max_descriptors(const comm_socket_v4* c, int client_fd);
 // Has the reserve back, if there is a descriptor for it; false, with errno, if not.
 bool renew_reserve(comm_v4_internals& own);
+
+// lib/peer_identity
+
+bool has_peer(int fd);
 
 // lib/comm_io_idle
 

@@ -4,6 +4,8 @@
 
 #include <cerrno>
 
+#include "lib/endpoint_internal.h"
+
 namespace {
 
 #ifndef SO_PEERPIDFD
@@ -20,6 +22,12 @@ int ask(int fd, int option, void* value, socklen_t* length) {
 }
 
 }  // namespace
+
+bool has_peer(int fd) {
+  struct sockaddr_un peer;
+  socklen_t length = sizeof(peer);
+  return ::getpeername(fd, reinterpret_cast<struct sockaddr*>(&peer), &length) == 0;
+}
 
 int comm_socket_v4_client_get_pidfd(const comm_socket_v4_client* c) {
   int pidfd = -1;
@@ -42,8 +50,8 @@ int comm_socket_v4_get_server_cred(const comm_socket_v4* c, struct ucred* cred) 
   }
   struct ucred found;
   socklen_t length = sizeof(found);
-  if (ask(c->status.connect_pending ? -1 : c->socket_fd, SO_PEERCRED, &found, &length) != 0)
-    return -1;
+  // The kernel also answers for a socket without peer.
+  if (ask(has_peer(c->socket_fd) ? c->socket_fd : -1, SO_PEERCRED, &found, &length) != 0) return -1;
   *cred = found;
   return 0;
 }

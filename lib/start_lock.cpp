@@ -5,14 +5,16 @@
 #include <sys/un.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 #include "lib/errno_guard.h"
+#include "lib/pause.h"
 
 namespace {
 
 constexpr int tries = 2000;
-constexpr useconds_t pause_us = 1000;
+constexpr std::uint64_t pause_us = 1000;
 
 // "a/b" lies in "a/.", "/b" in "/." and "b" in ".".
 int open_directory_of(const std::string& path) noexcept {
@@ -33,7 +35,7 @@ StartLock::StartLock(const std::string& path) noexcept : directory_(open_directo
   if (!directory_.is_open()) return;
   for (int i = 0; i < tries && ::flock(directory_.get(), LOCK_EX | LOCK_NB) != 0; ++i) {
     if (errno != EWOULDBLOCK) return;
-    ::usleep(pause_us);
+    pause_for(pause_us);
   }
 }
 

@@ -7,7 +7,7 @@
 #include "lib/owners.h"
 
 // A lock (flock(2)) on the directory of the path, among the processes that use this library.
-// Whoever can open the directory may hold it, so it is waited for two seconds at most; without it
+// Whoever can open the directory may hold it, so it is waited for about two seconds; without it
 // the owner goes on all the same. Leaves errno alone.
 class StartLock {
  public:

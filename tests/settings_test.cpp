@@ -56,7 +56,7 @@ TEST_F(SettingsTest, ASinkTakesTheLinesOfItsEndpoint) {
 }
 
 TEST_F(SettingsTest, AListeningSocketIsTakenOverAndItsFileStays) {
-  for (const std::string& at : {path(), abstract_name()}) {
+  for (const std::string& at : {path(), path_of_length(108), abstract_name()}) {
     const int fd = bound_socket(at);
     fcntl(fd, F_SETFD, 0);
     ASSERT_EQ(0, comm_socket_v4_use_server_socket(&s, fd));
@@ -64,7 +64,14 @@ TEST_F(SettingsTest, AListeningSocketIsTakenOverAndItsFileStays) {
               std::tuple(s.socket_path, s.get_socket_fd(), fcntl(fd, F_GETFD),
                          unsigned{s.flags.server}, unsigned{s.flags.bound}, s.client.size()));
     EXPECT_EQ(nullptr, accept()) << "blocks";
-    EXPECT_EQ(1u, join()) << "the search has moved past slot 0";
+    EXPECT_EQ(Outcome(-1, EINVAL),
+              outcome([&] { return comm_socket_v4_use_server_socket(&s, fd); }));
+    EXPECT_EQ("ERROR: use_server_socket() cannot use descriptor " + std::to_string(fd) +
+                  ", Invalid argument\n",
+              log());
+    if (at.length() < 108) {
+      EXPECT_EQ(1u, join()) << "the search has moved past slot 0";
+    }
     comm_socket_v4_close(&s);
     EXPECT_EQ(at[0] != '@', fs::exists(at));
     EXPECT_EQ(-1, fcntl(fd, F_GETFD));
@@ -107,7 +114,16 @@ TEST_F(SettingsTest, AServerHasItsAccessAndItsQueueBeforeAnybodyCanConnect) {
   EXPECT_EQ(0, comm_socket_v4_connect_to(late.get(), path().c_str()));
   EXPECT_EQ(1, comm_socket_v4_connection_pending(late.get()));
 
-  // The place of the file is taken at once: what cannot be given is told.
+  // What cannot be given is told: without a descriptor to do it with,
+  const std::string cannot = "ERROR: create_server_socket() cannot set mode or group of '" +
+                             path() + "', ",
+                    failed = "ERROR: create_server(): failed to create server socket\n";
+  comm_socket_v4_close(&s);
+  EXPECT_EQ(Outcome(-1, EMFILE),
+            with_descriptor_limit(lowest_free_descriptor() + 1, [this] { return create(path()); }));
+  EXPECT_EQ(cannot + "Too many open files\n" + failed, log());
+  EXPECT_FALSE(fs::exists(path()));
+  // and where another file has taken the place, which is left alone.
   faults.replace(Call::bind, [this](auto& real, void*) {
     const long answer = real();
     fs::rename(path(), path("moved"));
@@ -115,13 +131,7 @@ TEST_F(SettingsTest, AServerHasItsAccessAndItsQueueBeforeAnybodyCanConnect) {
     return answer;
   });
   EXPECT_EQ(Outcome(-1, ESTALE), faults.during([this] { return create(path()); }));
-  EXPECT_EQ("ERROR: create_server_socket() cannot set mode or group of '" + path() +
-                "', Stale file handle\n"
-                "WARNING: cannot lstat(" +
-                path() +
-                "), not removing server socket (Socket operation on non-socket)\n\n"
-                "ERROR: create_server(): failed to create server socket\n",
-            log());
+  EXPECT_EQ(cannot + "Stale file handle\n" + failed, log());
 }
 
 TEST_F(SettingsTest, AServerThatStopsListeningServesItsClientsOn) {
@@ -205,9 +215,15 @@ TEST_F(SettingsTest, MoreDescriptorsThanAllowedAreDroppedOrNeverSent) {
   EXPECT_EQ(nullptr, retrieve());
   EXPECT_EQ(dropped, log());
   EXPECT_EQ(2u, retrieve()->attached_fd_count());
-  for (const bool at_first : {false, true}) {
-    comm_socket_v4_set_max_descriptors(&s, 0);
-    if (at_first) {
+  for (const char* const client : {"is there", "waits to be accepted", "comes later"}) {
+    SCOPED_TRACE(client);
+    if (client[0] == 'w') {
+      open_server();
+      knock();
+    }
+    set(0);
+    if (client[0] == 'w') accept();
+    if (client[0] == 'c') {
       open_server();
       join(1);
     }
@@ -256,6 +272,10 @@ TEST_F(SettingsTest, TheKernelSaysWhoThePeerIs) {
   comm_socket_v4_close(peers[0].get());
   EXPECT_EQ(Outcome(-1, ENOTCONN), ask_server(peers[0].get()));
   EXPECT_EQ("-1 ENOTCONN", answered(comm_socket_v4_client_get_pidfd(&s.client[1])));
+  const int lonely = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+  ASSERT_EQ(0, comm_socket_v4_connect_use_socketpair(peers[0].get(), lonely));
+  EXPECT_EQ(Outcome(-1, ENOTCONN), ask_server(peers[0].get()));
+  EXPECT_EQ("-1 ENOTCONN", answered(comm_socket_v4_end_sending(peers[0].get())));
 }
 
 TEST_F(SettingsTest, AnAcceptWithAReserveSurvivesALackOfDescriptors) {
@@ -283,6 +303,13 @@ TEST_F(SettingsTest, AnAcceptWithAReserveSurvivesALackOfDescriptors) {
     EXPECT_EQ(1, comm_socket_v4_is_open(&s));
     join();
   }
+  // Somebody else has taken the reserve: the connection waits on.
+  knock();
+  Faults lost;
+  lost.fail(Call::accept4, EMFILE, 1, 2);
+  EXPECT_EQ(Outcome(0, EMFILE), outcome(lost, [this] { return accept() != nullptr; }));
+  EXPECT_EQ("", log());
+  EXPECT_NE(nullptr, accept());
   EXPECT_EQ(Outcome(0, errno_before), reserve(0));
   knock();
   EXPECT_EQ(Outcome(0, EMFILE), accept_without_any());

@@ -263,10 +263,11 @@ COMM_V4_EXPORT void comm_socket_v4_bug(comm_socket_v4* c, const char* format, ..
 COMM_V4_EXPORT void comm_socket_v4_debug(comm_socket_v4* c, const char* format, ...)
     COMM_V4_PRINTF(2, 3);
 // Sends the lines of this endpoint to `sink` in place of standard error: the level, "ERROR",
-// "WARNING", "BUG" or "DEBUG", and the message without a newline at its end, both gone when it
-// returns. log_mask decides as before. The sink may change errno. It must not throw, nor close or
-// destroy the endpoint; what the endpoint logs while it runs goes to standard error. Null goes back
-// to standard error. Close keeps it.
+// "WARNING", "BUG" or "DEBUG", and the message without the newlines at its end, both gone when it
+// returns. The closing of a destroy may still call it. log_mask decides as before. The sink may
+// change errno. It must not throw, nor call anything on the endpoint or its clients but the log
+// functions, whose lines then go to standard error. Null goes back to standard error. Close keeps
+// it.
 COMM_V4_EXPORT void comm_socket_v4_set_log_sink(
     comm_socket_v4* c, void (*sink)(void* user, const char* level, const char* text), void* user);
 // Prints the endpoint and its open clients, for a null `c` that there is none; null `out` is
@@ -276,38 +277,44 @@ COMM_V4_EXPORT void comm_socket_v4_dump_state(const comm_socket_v4* c, std::FILE
 // --- Server -------------------------------------------------------------------------------------
 
 // Listens on `path`: a file of mode 0666, or the abstract name after a leading "@", which has no
-// permissions at all ("@" alone is a file, which close leaves behind). Choose a directory in which
-// others cannot write. The backlog is 0: a client that meets a full queue gets EAGAIN and tries
-// again, which comm_socket_v4_connect_to does by itself. The file of a dead server is replaced; a
-// live server's is not (unless flags.debug is set), nor one of which that cannot be found out, nor
-// anything that is not a socket. Of several servers that start at once one gets the path: they take
-// turns by a lock (flock(2)) on its directory, which is waited for about two seconds at most and
-// done without where it cannot be had. The mode is given to the file that was bound, by way of
-// /proc/self/fd or, from Linux 6.6 on, without; where neither works the umask has its say.
+// permissions at all ("@" alone is a file, which close leaves behind). Choose a directory that
+// others can neither write nor, since they could hold its lock, read. The backlog is 0: a client
+// that meets a full queue gets EAGAIN and tries again, which comm_socket_v4_connect_to does by
+// itself. The file of a dead server is replaced; a live server's is not (unless flags.debug is
+// set), nor one of which that cannot be found out, nor anything that is not a socket. Of several
+// servers that start at once one gets the path: they take turns by a lock (flock(2)) on its
+// directory, which is waited for about two seconds at most and done without where it cannot be had.
+// The mode is given to the file that was bound, by way of /proc/self/fd or, from Linux 6.6 on,
+// without; where neither works, or the file system keeps no sticky bit, which marks the file
+// meanwhile, the umask has its say.
 // Returns 0; -1 with the endpoint closed and the path kept; errno EINVAL without a path,
 // ENAMETOOLONG above COMM_V4_MAX_SERVER_PATH, ENOMEM, EADDRINUSE when the path is held, EMFILE and
-// its like also when there is no descriptor to ask with whether it is, or what the failing system
-// call left.
+// its like also when there is no descriptor to ask with whether it is, or to give the mode with, or
+// what the failing system call left.
 COMM_V4_EXPORT int comm_socket_v4_create_server(comm_socket_v4* c, const char* path);
 // What comm_socket_v4_create_server gives to the file and to the socket, before anybody can
 // connect: the permissions (0666), of which only the lowest nine bits count, the group (none: as
 // the kernel gives it; (gid_t)-1 is none), and the backlog of listen(2) (0). Neither of the first
-// two has a meaning for an abstract name. With permissions or a group of its own the opening fails
-// when they cannot be given, errno that of chmod(2) or chown(2). Close keeps them.
+// two has a meaning for an abstract name. With other permissions than 0666 or a group the opening
+// fails when they cannot be given, errno ESTALE when the file was replaced meanwhile, or that of
+// the failing system call. Close keeps them.
 COMM_V4_EXPORT void comm_socket_v4_set_socket_mode(comm_socket_v4* c, mode_t mode);
 COMM_V4_EXPORT void comm_socket_v4_set_socket_group(comm_socket_v4* c, gid_t group);
 COMM_V4_EXPORT void comm_socket_v4_set_listen_backlog(comm_socket_v4* c, int backlog);
 // Closes the endpoint and makes it a server on a socket that listens already: handed over by a
 // service manager, or by the version before. The endpoint owns it from then on, and makes it
-// non-blocking and close-on-exec. The path is the one that the kernel knows; close leaves the file
-// alone, unless the application sets flags.bound.
-// Returns 0; -1 with the endpoint closed, and fd still the caller's; errno EINVAL for what is no
-// listening AF_UNIX socket of type SOCK_SEQPACKET, ENOMEM, or what the failing system call left.
+// non-blocking and close-on-exec; mode, group and backlog are as they are. The path is the one that
+// the kernel knows; close leaves the file alone, unless the application sets flags.bound.
+// Returns 0; -1, the endpoint as it was and fd still the caller's; errno EINVAL for a socket that
+// does not listen, is not AF_UNIX, not of type SOCK_SEQPACKET, or the endpoint's own, ENOTSOCK for
+// what is no socket, EBADF, or that of getsockname(2) or fcntl(2); -1 with the endpoint closed
+// without memory for its clients, errno ENOMEM.
 COMM_V4_EXPORT int comm_socket_v4_use_server_socket(comm_socket_v4* c, int fd);
-// Ends the listening of an open server, and removes its file as close does; the clients are served
-// on. Who waits to be accepted is reset: accept them first. From then on accept_connection finds
-// nobody, and get_socket_fd is a descriptor on which nothing happens, as one is needed. Copies of
-// the socket in other processes go on listening.
+// Ends the listening of an open server, and removes its file as close does (clear flags.bound when
+// another server has the path by now); the clients are served on. Whoever waits to be accepted is
+// reset. From then on accept_connection finds nobody, and get_socket_fd is a socket that nothing
+// reaches; ask for it again, as its number may change. Take the old one out of epoll(7) before:
+// copies of it in other processes go on listening, and would be reported.
 // Returns 0, also when it was called before; -1 on an endpoint that is no open server, errno
 // EINVAL, and without a descriptor, errno that of socket(2): it listens on.
 COMM_V4_EXPORT int comm_socket_v4_stop_listening(comm_socket_v4* c);
@@ -315,10 +322,10 @@ COMM_V4_EXPORT int comm_socket_v4_stop_listening(comm_socket_v4* c);
 // not come back.
 // Returns 0; errno is then the bind's: 0 after success, EINVAL while it is still bound, for which
 // newer kernels say EADDRINUSE when the file is there, or why it failed otherwise. -1 when c is
-// null or not an open server; errno 0.
+// null or not a server that listens; errno 0.
 COMM_V4_EXPORT int comm_socket_v4_reopen_server(comm_socket_v4* c);
 // Takes one waiting connection into an empty slot. May move all records. A failure of the accept
-// other than EAGAIN, EMFILE included, CLOSES THE SERVER, unless it has a descriptor reserve.
+// other than EAGAIN CLOSES THE SERVER: EMFILE and ENFILE, too, unless it has a descriptor reserve.
 // Returns the record; null on a closed endpoint or one that is no server, when none waits, errno
 // EAGAIN, when the table cannot grow, errno ENOMEM: the connection keeps waiting, when the
 // credentials of the peer cannot be read: it is closed and the server is not, and when the accept
@@ -328,7 +335,8 @@ COMM_V4_EXPORT comm_socket_v4_client* comm_socket_v4_accept_connection(comm_sock
 // With `on` above 0 the endpoint keeps a descriptor back for an accept that finds none left. The
 // connection is then taken on it and closed at once, so that the peer does not wait and the loop
 // does not spin. accept_connection returns null with EMFILE or ENFILE, the server stays open, and
-// one warning says so until an accept succeeds again. Close keeps the setting, and the descriptor.
+// one warning says so until an accept succeeds again. Where another thread or process takes the
+// descriptor in between, the connection waits on. Close keeps the setting, and the descriptor.
 // Returns 0; -1 when there is no descriptor to keep, errno that of open(2).
 COMM_V4_EXPORT int comm_socket_v4_set_descriptor_reserve(comm_socket_v4* c, int on);
 
@@ -338,9 +346,8 @@ COMM_V4_EXPORT int comm_socket_v4_set_descriptor_reserve(comm_socket_v4* c, int 
 // full; errno ENOMEM.
 COMM_V4_EXPORT int comm_socket_v4_alloc_client_list(comm_socket_v4* c);
 COMM_V4_EXPORT int comm_socket_v4_expand_client_list(comm_socket_v4* c, unsigned long add);
-// As the members; the two that return an index do the same.
-// Returns what the member returns; for null COMM_V4_NO_INDEX or null. The record of the last must
-// not be null.
+// As the members; the two that return an index do the same. client_is_open does not take null.
+// Returns what the member returns; for null COMM_V4_NO_INDEX or null.
 COMM_V4_EXPORT unsigned long comm_socket_v4_client_ptr2index(comm_socket_v4_client* client);
 COMM_V4_EXPORT unsigned long comm_socket_v4_client_ptr2index_noerr(
     const comm_socket_v4_client* client);
@@ -359,15 +366,16 @@ COMM_V4_EXPORT void comm_socket_v4_new_client_cancel(comm_socket_v4_client* c);
 // Returns a descriptor of the peer's process, close-on-exec, to be closed by the caller; -1; errno
 // ENOTCONN for an empty record, ENOPROTOOPT before Linux 6.5, or that of getsockopt(2).
 COMM_V4_EXPORT int comm_socket_v4_client_get_pidfd(const comm_socket_v4_client* c);
-// Stores up to `size` of the peer's supplementary groups. A size of 0 only asks how many there are.
-// Returns their number; -1; errno ENOTCONN for an empty record, ERANGE when there are more, or that
-// of getsockopt(2).
+// Stores the supplementary groups of the peer, if there are no more than `size`. A size of 0 only
+// asks how many there are.
+// Returns their number; -1; errno ENOTCONN for an empty record, ERANGE when there are more, nothing
+// stored then, or that of getsockopt(2).
 COMM_V4_EXPORT int comm_socket_v4_client_get_groups(const comm_socket_v4_client* c, gid_t* groups,
                                                     int size);
 // Stores who made the other end of a client endpoint or of an end of a pair: the process that
 // listens, or that made the pair.
-// Returns 0; -1; errno EINVAL for a server, ENOTCONN for an endpoint that is closed or not yet
-// connected, or that of getsockopt(2).
+// Returns 0; -1; errno EINVAL for a server, ENOTCONN for an endpoint that is closed or has no peer,
+// or that of getsockopt(2).
 COMM_V4_EXPORT int comm_socket_v4_get_server_cred(const comm_socket_v4* c, struct ucred* cred);
 
 // --- End of a client ----------------------------------------------------------------------------
@@ -390,8 +398,9 @@ COMM_V4_EXPORT int comm_socket_v4_disconnect_client(comm_socket_v4_client* c);
 COMM_V4_EXPORT void comm_socket_v4_free_client(comm_socket_v4_client* c);
 // Its first step: takes the client off the list and reports it. Null does nothing.
 COMM_V4_EXPORT void comm_socket_v4_free_client_check(comm_socket_v4_client* c);
-// Ends what is sent to the peer and nothing else: it still gets what was sent, then reads the end.
-// Read on until it ends its side: a close with packets unread would take the last words back.
+// Ends what is sent to the peer, who still gets what was sent and then reads the end. Read on until
+// it ends its side: a close with packets unread would take the last words back. A peer that uses
+// this library takes the end for that of the connection, and sends nothing more.
 // Returns 0; -1 for a client that is not open, errno ENOTCONN, or with that of shutdown(2).
 COMM_V4_EXPORT int comm_socket_v4_client_end_sending(comm_socket_v4_client* c);
 // Release all clients. drop keeps the table; free, which is part of close, gives it back: an open
@@ -443,8 +452,8 @@ COMM_V4_EXPORT int comm_socket_v4_connect_wait_for_completion(comm_socket_v4* c,
 // Returns it; -1 when no connect is pending, errno EINVAL, or with that of timerfd_create(2).
 COMM_V4_EXPORT int comm_socket_v4_get_connect_fd(comm_socket_v4* c);
 // As comm_socket_v4_client_end_sending, for a client endpoint and an end of a pair.
-// Returns 0; -1; errno EINVAL for a server, ENOTCONN for an endpoint that is closed or not yet
-// connected, or that of shutdown(2).
+// Returns 0; -1; errno EINVAL for a server, ENOTCONN for an endpoint that is closed or has no peer,
+// or that of shutdown(2).
 COMM_V4_EXPORT int comm_socket_v4_end_sending(comm_socket_v4* c);
 
 // --- Socket pair --------------------------------------------------------------------------------
@@ -509,9 +518,9 @@ COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_client_get_packet_from_serv
 // pending_response_packet is set makes the server's wait return 1 as long as it has something.
 // While a connect is pending the waits of a client return 1: use
 // comm_socket_v4_connect_wait_for_completion.
-// Returns 1 when ready; 0 at the deadline, and when a signal came; -1 on an endpoint that is null,
-// closed or of the wrong kind, when idle fails, errno the idle's, and when select(2) fails, which
-// is logged; errno the select's.
+// Returns 1 when ready; 0 at the deadline, and when a signal came; -1 on an endpoint that is null
+// or closed, for client_from_server_readable on a server, when idle fails, errno the idle's, and
+// when select(2) fails, which is logged; errno the select's.
 //
 // A server: a connection to be accepted, a client that can be read, or a packet that waits (which
 // is seen only when the deadline has not passed).
@@ -520,8 +529,8 @@ COMM_V4_EXPORT int comm_socket_v4_server_from_client_readable(comm_socket_v4* s,
 // A client or an end of a pair: its socket can be read, or a packet waits.
 COMM_V4_EXPORT int comm_socket_v4_client_from_server_readable(comm_socket_v4* s,
                                                               unsigned long deadline_us);
-// The socket takes a packet: of a client or an end of a pair, and of one client of a server, all of
-// which is idled.
+// The socket takes a packet: of a client or an end of a pair, and of one client of a server, which
+// is idled as a whole.
 COMM_V4_EXPORT int comm_socket_v4_wait_for_client_to_server_writeable(comm_socket_v4* s,
                                                                       unsigned long deadline_us);
 COMM_V4_EXPORT int comm_socket_v4_wait_for_server_to_client_writeable(comm_socket_v4_client* c,
@@ -554,7 +563,8 @@ COMM_V4_EXPORT void comm_socket_v4_set_descriptors_cloexec(comm_socket_v4* c, in
 // How many descriptors a packet may bring, COMM_V4_MAX_SEND_FDS at first. One with more is dropped
 // with its descriptors and a warning. With 0 the kernel refuses them before they are sent, where it
 // can (SO_PASSRIGHTS, Linux 6.16): the sender gets EPERM. On a server it holds for all its clients,
-// those that are there included. Close keeps it.
+// but for what one has sent before it was accepted or the setting changed; that is dropped. Close
+// keeps it.
 // Returns 0; -1 above COMM_V4_MAX_SEND_FDS, nothing changed; errno EINVAL.
 COMM_V4_EXPORT int comm_socket_v4_set_max_descriptors(comm_socket_v4* c, unsigned most);
 

@@ -172,7 +172,7 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
 
   // Lifetime. The release that reaches 0 destroys and frees the packet; one of a packet whose count
   // is already 0 says so on standard error and does the same.
-  // Returns the new count.
+  // Returns the new count; 0 when the packet was destroyed.
   int addref();
   int release();
 
@@ -185,11 +185,11 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   int shrinkfit_buffer();
 
   // Attached descriptors. A packet owns them; a successful send closes them. Received ones survive
-  // exec, as duplicates do, and have the numbers that are free: after a close of 0, 1 or 2 one of
-  // these. Slots are counted and numbered from 0, emptied ones included.
+  // exec, unless their endpoint is told otherwise, and have the numbers that are free: after a
+  // close of 0, 1 or 2 one of these. Slots are counted and numbered from 0, emptied ones included.
   //
-  // Adds a duplicate (dup(2)); `fd` stays the caller's.
-  // The duplicate of the second does not survive exec.
+  // Adds a duplicate (dup(2)); `fd` stays the caller's. The duplicate of the second does not
+  // survive exec.
   // Returns true; false, nothing changed, for a negative fd and with COMM_V4_MAX_ATTACHED_FDS
   // slots, errno untouched, and when the duplication fails, errno its own.
   bool attach_fd_to_send(int fd);
