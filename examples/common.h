@@ -1,4 +1,5 @@
-// What the examples share: owners, packets begun, waits within a time, checksums of files.
+// What the examples share beside the owners in owners.h: packets begun, waits within a time,
+// checksums of files.
 #ifndef EXAMPLES_COMMON_H
 #define EXAMPLES_COMMON_H
 
@@ -12,36 +13,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <utility>
 
-struct ReleasePacket {
-  void operator()(comm_socket_v4_packet* p) const { comm_socket_v4_packet_release(p); }
-};
-struct DestroyEndpoint {
-  void operator()(comm_socket_v4* c) const { comm_socket_v4_destroy(c); }
-};
-using Packet = std::unique_ptr<comm_socket_v4_packet, ReleasePacket>;  // holds one reference
-using Endpoint = std::unique_ptr<comm_socket_v4, DestroyEndpoint>;
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd = -1) noexcept : fd_(fd) {}
-  Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Descriptor& operator=(Descriptor other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~Descriptor() {
-    if (is_open()) ::close(fd_);
-  }
-  int get() const { return fd_; }
-  bool is_open() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
+#include "../lib/owners.h"
 
 [[noreturn]] inline void fail(const char* what, const char* why) {
   std::fprintf(stderr, "%s: %s: %s\n", program_invocation_short_name, what, why);

@@ -1,6 +1,8 @@
 // Opens files for other processes.
 //
-//   file_server [--show] SOCKET      --show lists every packet; SIGTERM ends it
+//   file_server [--show] [SOCKET]      --show lists every packet; SIGTERM ends it
+//
+// Without SOCKET it serves the socket that a service manager hands over; systemd/ has the units.
 //
 // A request "open" with a path is answered with the attributes as pairs, the first bytes as data
 // and the open descriptor; or with an errno and its text.
@@ -75,6 +77,7 @@ constexpr std::uint64_t STOP = COMM_V4_NO_INDEX - 1;
 
 class FileServer {
  public:
+  // Null for the socket that was handed over.
   FileServer(const char* path, bool shows) : shows_(shows) {
     sigset_t stop;
     ::sigemptyset(&stop);
@@ -86,11 +89,16 @@ class FileServer {
     if (!endpoint_) fail("no memory");
     if (comm_socket_v4_set_descriptor_reserve(endpoint_.get(), 1) != 0) fail("no reserve");
     comm_socket_v4_set_max_descriptors(endpoint_.get(), 0);  // Requests bring none.
-    if (comm_socket_v4_create_server(endpoint_.get(), path) != 0) fail(path);
+    const int opened =
+        path != nullptr ? comm_socket_v4_create_server(endpoint_.get(), path)
+                        : comm_socket_v4_use_server_socket(endpoint_.get(), handed_over_socket());
+    if (opened != 0) fail(path != nullptr ? path : "no socket was handed over");
     if (!watch(EPOLL_CTL_ADD, endpoint_->get_socket_fd(), LISTENER, EPOLLIN) ||
         !watch(EPOLL_CTL_ADD, signals_.get(), STOP, EPOLLIN))
       fail("epoll_ctl");
   }
+
+  const char* path() const { return endpoint_->socket_path.c_str(); }
 
   void run() {
     for (;;) {
@@ -112,6 +120,14 @@ class FileServer {
     std::uint32_t events = EPOLLIN;  // that epoll watches
     std::uint64_t answers = 0;
   };
+
+  // As sd_listen_fds(3) has it: the first descriptor behind the standard ones. -1 without.
+  static int handed_over_socket() {
+    const char* const pid = std::getenv("LISTEN_PID");
+    const char* const count = std::getenv("LISTEN_FDS");
+    const bool is_ours = pid != nullptr && count != nullptr && std::to_string(::getpid()) == pid;
+    return is_ours && std::strcmp(count, "1") == 0 ? STDERR_FILENO + 1 : -1;
+  }
 
   bool watch(int operation, int fd, std::uint64_t index, std::uint32_t events) {
     struct epoll_event event = {.events = events, .data = {.u64 = index}};
@@ -207,11 +223,12 @@ class FileServer {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const bool shows = argc == 3 && std::strcmp(argv[1], "--show") == 0;
-  if (argc != (shows ? 3 : 2)) fail("usage", "file_server [--show] SOCKET");
+  const bool shows = argc > 1 && std::strcmp(argv[1], "--show") == 0;
+  const int operands = argc - (shows ? 2 : 1);
+  if (operands > 1) fail("usage", "file_server [--show] [SOCKET]");
   open_standard_descriptors();
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
-  FileServer server{argv[argc - 1], shows};
-  std::printf("listens on %s\n", argv[argc - 1]);
+  FileServer server{operands == 1 ? argv[argc - 1] : nullptr, shows};
+  std::printf("listens on %s\n", server.path());
   server.run();
 }
