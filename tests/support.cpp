@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <random>
+#include <regex>
 #include <sstream>
 
 #include "suite/process.h"
@@ -128,19 +129,14 @@ void StderrCapture::clear() {
 }
 
 Lines StderrCapture::lines() const {
-  const std::string start = "comm_socket_v4 ", end = "]: ";
+  static const std::regex start("^comm_socket_v4 (\\w+) \\[0x\\w+\\]: ");
   Lines list;
   std::istringstream in(text());
-  for (std::string line; std::getline(in, line);) {
-    const std::size_t address = line.find(" [0x"), told = line.find(end);
+  for (std::string line; std::getline(in, line);)
     if (line.empty() && !list.empty())
       list.back() += '\n';
-    else if (line.rfind(start, 0) == 0 && address < told && told != line.npos)
-      list.push_back(line.substr(start.size(), address - start.size()) + ": " +
-                     line.substr(told + end.size()));
     else
-      list.push_back(line);
-  }
+      list.push_back(std::regex_replace(line, start, "$1: "));
   return list;
 }
 
