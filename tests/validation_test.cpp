@@ -6,23 +6,18 @@ namespace {
 using ValidationTest = CommTest;
 
 // Every part a packet can have, and 16 bytes behind it that can be taken for 4 arguments or a pair.
-constexpr std::uint32_t L = 474, kArgv = 258, kPairs = 274, kMax = UINT32_MAX;
+constexpr std::uint32_t L = 474, kMax = UINT32_MAX;
 std::string good_bytes() {
   return bytes_of(rich_packet().get()) + std::string("\1\0\0\0\1\0\0\0\1\0\0\0\1\0\0\0", 16);
 }
 
-using Header = comm_socket_v4_packet_header;
+// The good packet, to be damaged in place.
+struct __attribute__((packed)) Form {
+  comm_socket_v4_packet_header h;
+  unsigned char texts_and_values[195];
+  comm_socket_v4_packet_argv argument[4];
+  comm_socket_v4_packet_nv_pair pair[9];
 
-// The fields of the good packet, to be damaged in place.
-struct Form {
-  Header& h;
-  comm_socket_v4_packet_argv* argument;
-  comm_socket_v4_packet_nv_pair* pair;
-
-  explicit Form(std::string& bytes)
-      : h(*reinterpret_cast<Header*>(bytes.data())),
-        argument(reinterpret_cast<comm_socket_v4_packet_argv*>(bytes.data() + kArgv)),
-        pair(reinterpret_cast<comm_socket_v4_packet_nv_pair*>(bytes.data() + kPairs)) {}
   void argv(std::uint8_t count, std::uint32_t offset) {
     h.argv_count = count;
     h.argv_offset = offset;
@@ -45,9 +40,9 @@ struct Form {
   }
 };
 
-const char* const kAccepted = nullptr;
-const struct Row {
-  const char* line;
+const std::string kAccepted;
+const struct {
+  std::string line;
   void (*damage)(Form& f);
 } kRows[] = {
     {kAccepted, [](Form&) {}},
@@ -109,21 +104,20 @@ TEST_F(ValidationTest, AcceptsTheLastByteThatFitsAndNamesTheRuleThatTheNextOneBr
   const Endpoint endpoint = make_endpoint();
   comm_socket_v4_debug_logging(endpoint.get());
   StderrCapture captured;
-  for (const Row& row : kRows) {
-    SCOPED_TRACE(testing::Message() << "row " << &row - kRows);
+  int row = 0;
+  for (const auto& [line, damage] : kRows) {
+    SCOPED_TRACE(testing::Message() << "row " << row++);
     std::string bytes = good_bytes();
-    Form form(bytes);
-    row.damage(form);
+    damage(*reinterpret_cast<Form*>(bytes.data()));
     const Packet p = exact_packet(bytes);
-    auto* const header = reinterpret_cast<Header*>(p->buffer);
+    const auto validate = [&] {
+      auto* const header = reinterpret_cast<comm_socket_v4_packet_header*>(p->buffer);
+      return comm_socket_v4_validate_packet_contents(endpoint.get(), p.get(), header);
+    };
     captured.clear();
-    const Outcome verdict = outcome(
-        [&] { return comm_socket_v4_validate_packet_contents(endpoint.get(), p.get(), header); });
-    EXPECT_EQ(Outcome(row.line != kAccepted ? -1 : 0, errno_before), verdict);
-    Lines expected;
-    if (row.line != kAccepted)
-      expected.push_back(std::string("DEBUG: packet validation failed. ") + row.line);
-    EXPECT_EQ(expected, captured.lines());
+    EXPECT_EQ(Outcome(line == kAccepted ? 0 : -1, errno_before), outcome(validate));
+    EXPECT_EQ(Lines(line != kAccepted, "DEBUG: packet validation failed. " + line),
+              captured.lines());
     EXPECT_EQ(bytes, bytes_of(p.get()));
   }
 }
