@@ -21,7 +21,7 @@ const std::string loop = "DEBUG: connect_to_server() connect_";
 class ConnectTest : public CommTest {
  protected:
   const Endpoint server = make_endpoint(), first = make_endpoint(), c = make_endpoint();
-  StderrCapture captured;
+  const StderrCapture captured;
   ConnectTest() { comm_socket_v4_debug_logging(c.get()); }
 
   void listen(const std::string& at) {
@@ -35,12 +35,6 @@ class ConnectTest : public CommTest {
     comm_socket_v4_set_connect_timeout_routine(c.get(), 1);
     EXPECT_EQ(0, connect_to(c, at));
     EXPECT_EQ(pending, state_of(c));
-    captured.clear();
-  }
-  Lines lines() {
-    const Lines list = captured.lines();
-    captured.clear();
-    return list;
   }
   // A path of 107 characters, a link to `target`.
   std::string link_to(const std::string& target) {
@@ -72,12 +66,12 @@ TEST_F(ConnectTest, ConnectsAtOnce) {
     const Descriptor listening(bound_socket(row.bound));
     Faults faults;
     EXPECT_EQ(0, faults.during([&] { return connect_to(c, row.at); })) << row.at;
-    EXPECT_EQ(Lines{}, lines());
     EXPECT_EQ(connected, state_of(c));
     EXPECT_EQ(FD_CLOEXEC, fcntl(c->socket_fd, F_GETFD));
     EXPECT_EQ(row.links, faults.count(Call::readlink)) << row.at;
     fs::remove(row.bound);
   }
+  EXPECT_EQ(Lines{}, captured.lines());
   fs::current_path(directory);
 }
 
@@ -97,8 +91,7 @@ TEST_F(ConnectTest, SaysWhyItCannotConnect) {
                              Call call = Call::kinds) {
     Faults faults;
     if (call != Call::kinds) faults.fail(call, EACCES);
-    EXPECT_EQ(Outcome(-1, error), outcome(faults, [&] { return connect_to(c, at); }));
-    EXPECT_EQ(expected, lines());
+    EXPECT_EQ(Told(-1, error, expected), told(faults, [&] { return connect_to(c, at); }));
     EXPECT_EQ(at != "" && at.size() < 107 ? 1u : 0u, faults.count(Call::socket)) << expected[0];
     EXPECT_EQ(closed, state_of(c));
     EXPECT_EQ(at, c->socket_path);
@@ -151,11 +144,12 @@ TEST_F(ConnectTest, TriesAgainEvery10MsUntilTheShorterTimeoutAndOfEqualOnesTheHa
       return real();
     });
     const auto start = in_ms(0);
-    const Outcome result = outcome(faults, [this] { return connect_to(c, path()); });
+    const auto [answer, error, lines] = told(faults, [this] { return connect_to(c, path()); });
     EXPECT_LE((refusals - 1) * 10000, in_ms(0) - start);
-    EXPECT_EQ(state == closed ? Outcome(-1, ETIMEDOUT) : Outcome(0, result.second), result);
+    EXPECT_EQ(state == closed ? -1 : 0, answer);
+    EXPECT_EQ(state == closed ? ETIMEDOUT : error, error);
+    EXPECT_EQ(log.at(state), lines);
     EXPECT_EQ(state, state_of(c));
-    EXPECT_EQ(log.at(state), lines());
     EXPECT_EQ(selects, faults.count(Call::select));
     if (state == connected) accept();
   };
@@ -181,9 +175,11 @@ TEST_F(ConnectTest, APendingConnectionIsMadeOnceThereIsRoom) {
       EXPECT_EQ(Outcome(0, 0), outcome([&] { return wait(c); }));
       EXPECT_EQ(pending, state_of(c));
       accept();
-      EXPECT_EQ(by_idle ? 0 : 1, advance());
+      const auto [answer, error, lines] = told(advance);
+      EXPECT_EQ(by_idle ? 0 : 1, answer);
+      EXPECT_EQ(by_idle ? error : 0, error);
+      EXPECT_EQ(Lines{made}, lines);
       EXPECT_EQ(connected, state_of(c));
-      EXPECT_EQ(Lines{made}, lines());
       accept();
     }
 }
@@ -194,21 +190,19 @@ TEST_F(ConnectTest, NoticesThatTheServerEndsWhileItWaits) {
   wait_for_place(abstract_name());
   comm_socket_v4_close(server.get());
   await_end(first->socket_fd);
-  EXPECT_EQ(Outcome(-1, ECONNREFUSED), outcome([&] { return check(c); }));
+  EXPECT_EQ(Told(-1, ECONNREFUSED, {refused}), told([&] { return check(c); }));
   EXPECT_EQ(closed, state_of(c));
-  EXPECT_EQ(Lines{refused}, lines());
 
   comm_socket_v4_set_connect_timeout_routine(c.get(), 0);
   const auto again = [this] { return connect_to(c, server->socket_path); };
   Faults faults;
-  EXPECT_EQ(Outcome(0, ETIMEDOUT), outcome(faults.fail(Call::connect, EAGAIN), again));
+  EXPECT_EQ(Told(0, ETIMEDOUT,
+                 {refused,
+                  loop + "check_pending() indicates connect completion. errno=Connection refused",
+                  "DEBUG: connect_wait_for_completion() on closed handle",
+                  loop + "wait_for_completion() indicates completion. errno=Connection timed out"}),
+            told(faults.fail(Call::connect, EAGAIN), again));
   EXPECT_EQ(closed, state_of(c));
-  EXPECT_EQ(
-      (Lines{refused,
-             loop + "check_pending() indicates connect completion. errno=Connection refused",
-             "DEBUG: connect_wait_for_completion() on closed handle",
-             loop + "wait_for_completion() indicates completion. errno=Connection timed out"}),
-      lines());
 }
 
 // --- The calls that complete a connect ----------------------------------------------------------
@@ -217,22 +211,20 @@ TEST_F(ConnectTest, NothingIsPendingOnOtherEndpoints) {
   const Endpoint pair = make_endpoint();
   EXPECT_EQ(0, comm_socket_v4_connect_new_socketpair(pair.get()));
   const std::string misuse = "BUG: connect_check_pending() ";
-  const Lines no_client = {misuse + "apparently called when struck sockaddr_un is uninitialized"};
-  const auto expect = [this](const Endpoint& end, Outcome waited, Outcome checked,
-                             const Lines& expected) {
-    EXPECT_EQ(waited, outcome([&] { return wait(end); }));
-    EXPECT_EQ(checked, outcome([&] { return check(end); }));
-    EXPECT_EQ(expected, lines());
-    EXPECT_EQ(expected.empty() ? connected : closed, state_of(end));
+  const Told no_client(-1, EINVAL,
+                       {misuse + "apparently called when struck sockaddr_un is uninitialized"});
+  const auto expect = [](const Endpoint& end, const Told& waited, const Told& checked) {
+    EXPECT_EQ(waited, told([&] { return wait(end); }));
+    EXPECT_EQ(checked, told([&] { return check(end); }));
+    EXPECT_EQ(std::get<0>(checked) == 1 ? connected : closed, state_of(end));
   };
-  expect(c, {-1, ETIMEDOUT}, {-1, EINVAL},
-         {"DEBUG: connect_wait_for_completion() on closed handle",
-          misuse + "called with closed socket"});
-  expect(pair, {1, 0}, {-1, EINVAL}, no_client);
+  expect(c, {-1, ETIMEDOUT, {"DEBUG: connect_wait_for_completion() on closed handle"}},
+         {-1, EINVAL, {misuse + "called with closed socket"}});
+  expect(pair, {1, 0, {}}, no_client);
   listen(abstract_name());
   EXPECT_EQ(0, connect_to(c, server->socket_path));
-  expect(c, {1, 0}, {1, errno_before}, {});
-  expect(server, {1, 0}, {-1, EINVAL}, no_client);
+  expect(c, {1, 0, {}}, {1, errno_before, {}});
+  expect(server, {1, 0, {}}, no_client);
 }
 
 TEST_F(ConnectTest, TheWaitAsksTheSocketWhatBecameOfItAndTakesNothingFromIt) {
@@ -249,8 +241,8 @@ TEST_F(ConnectTest, TheWaitAsksTheSocketWhatBecameOfItAndTakesNothingFromIt) {
       errno = error;
       return error != 0 ? -1 : 0;
     });
-    EXPECT_EQ(result, outcome(faults, [this] { return wait(c); }));
-    EXPECT_EQ(Lines(line != "", line), lines());
+    EXPECT_EQ(Told(result.first, result.second, Lines(line != "", line)),
+              told(faults, [this] { return wait(c); }));
     EXPECT_EQ(state, state_of(c)) << line;
   };
   const std::string eio = " Input/output error";

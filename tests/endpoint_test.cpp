@@ -117,12 +117,10 @@ TEST_F(EndpointTest, CloseLeavesAFileThatItCannotRemoveAndKeepsErrnoWhateverFail
   const auto expect = [this](Role role, const std::string& warning, fs::file_type remains,
                              auto disturb) {
     open_as(role);
-    const StderrCapture captured;
     Faults faults;
     disturb(faults);
-    EXPECT_EQ(Outcome(0, errno_before),
-              outcome(faults, [this] { return comm_socket_v4_close(c); }));
-    EXPECT_EQ(Lines(warning != "", "WARNING: " + warning), captured.lines());
+    EXPECT_EQ(Told(0, errno_before, Lines(warning != "", "WARNING: " + warning)),
+              told(faults, [this] { return comm_socket_v4_close(c); }));
     EXPECT_EQ(remains, fs::symlink_status(path()).type());
     EXPECT_EQ("", state_of(endpoint));
     fs::remove(path());
@@ -139,10 +137,9 @@ TEST_F(EndpointTest, CloseLeavesAFileThatItCannotRemoveAndKeepsErrnoWhateverFail
 }
 
 TEST_F(EndpointTest, PrintsTheClassesOfItsLogMask) {
-  StderrCapture captured;
   for (unsigned mask = 0; mask < 16; ++mask) {
     c->log_mask = mask & 15;
-    captured.clear();
+    const StderrCapture captured;
     comm_socket_v4_error(c, "%s %d\n", "e", 1);
     comm_socket_v4_warning(c, "%s %d", "w", 2);
     comm_socket_v4_bug(c, "%s %d", "b", 3);
@@ -156,15 +153,14 @@ TEST_F(EndpointTest, PrintsTheClassesOfItsLogMask) {
   EXPECT_EQ(0, (comm_socket_v4_shut_up(c), +c->log_mask));
   EXPECT_EQ(15, (comm_socket_v4_debug_logging(c), +c->log_mask));
   EXPECT_EQ(3, (comm_socket_v4_normal_logging(c), +c->log_mask));
-  captured.clear();
+  const StderrCapture captured;
   comm_socket_v4_error(c, "100%% of %s", "it");
   const std::string address = testing::PrintToString(static_cast<void*>(c));
   EXPECT_EQ("comm_socket_v4 ERROR [" + address + "]: 100% of it\n", captured.text());
 }
 
 TEST_F(EndpointTest, ALineIsOneWriteThatRaisesNoSignalAndLeavesTheProgramsOwn) {
-  static int caught;
-  caught = 0;
+  static int caught = 0;
   const Peer daemon([this] {
     int ends[2], broken[2], file = memfd_create("log", 0);
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends));
@@ -242,9 +238,9 @@ TEST_F(EndpointTest, ARefusedPairLeavesTheEndpointAsItWas) {
   const auto expect_refused = [this](const std::string& why, auto make, auto... arguments) {
     const auto bytes = [this] { return std::string(reinterpret_cast<char*>(c), sizeof *c); };
     const std::string before = bytes();
-    const StderrCapture captured;
-    EXPECT_EQ(-1, make(c, arguments...));
-    EXPECT_EQ(Lines{"BUG: connect_" + why}, captured.lines());
+    const auto [answer, error, lines] = told([&] { return make(c, arguments...); });
+    EXPECT_EQ(-1, answer);
+    EXPECT_EQ(Lines{"BUG: connect_" + why}, lines);
     EXPECT_EQ(before, bytes()) << why;
   };
   comm_socket_v4_set_socket_path(c, "kept");
@@ -261,13 +257,11 @@ TEST_F(EndpointTest, ARefusedPairLeavesTheEndpointAsItWas) {
   for (const int mine : {fd[2], fd[3], fd[4]}) EXPECT_EQ(0, close(mine));
   comm_socket_v4_close(c);
 
-  const StderrCapture captured;
   Faults faults;
-  faults.fail(Call::socketpair, ENFILE);
-  EXPECT_EQ(Outcome(-1, ENFILE),
-            outcome(faults, [this] { return comm_socket_v4_connect_new_socketpair(c); }));
+  EXPECT_EQ(Told(-1, ENFILE, {"ERROR: connect_new_socketpair() unable to make socket pair"}),
+            told(faults.fail(Call::socketpair, ENFILE),
+                 [this] { return comm_socket_v4_connect_new_socketpair(c); }));
   EXPECT_EQ("", state_of(endpoint));
-  EXPECT_EQ(Lines{"ERROR: connect_new_socketpair() unable to make socket pair"}, captured.lines());
 }
 
 }  // namespace

@@ -67,7 +67,7 @@ TEST_F(PacketTest, ReadsNothingFromAPacketWithoutHeader) {
 // --- Object, buffer and descriptors -------------------------------------------------------------
 
 TEST_F(PacketTest, LivesAsLongAsItsReferences) {
-  comm_socket_v4_packet* p = comm_socket_v4_packet_create();
+  P* p = comm_socket_v4_packet_create();
   EXPECT_EQ(std::tuple(1, 0, 0), std::tuple(+p->refcount, p->get_tag(), p->buffer_write));
   EXPECT_EQ(2, p->addref());
   comm_socket_v4_packet_addref(p);
@@ -109,8 +109,9 @@ TEST_F(PacketTest, GrowsItsBufferAndNeverShrinksIt) {
   EXPECT_EQ(After(0, 10000, 31, 31), after(p->resize_buffer(10000)));
   EXPECT_EQ(After(0, 10000, 31, 31), after(p->resize_buffer(50)));
   EXPECT_EQ(std::string(31, 'x'), bytes_of(p.get()));
-  EXPECT_EQ(-1, comm_socket_v4_packet_resize_buffer(nullptr, 1));
-  EXPECT_EQ(-1, comm_socket_v4_packet_enlarge_buffer(nullptr, 1));
+  for (const auto call :
+       {comm_socket_v4_packet_resize_buffer, comm_socket_v4_packet_enlarge_buffer})
+    EXPECT_EQ(-1, call(nullptr, 1));
   EXPECT_EQ(-1, comm_socket_v4_packet_shrinkfit_buffer(nullptr));
 }
 
@@ -121,10 +122,10 @@ TEST_F(PacketTest, GivesSurplusMemoryBackKeepingTheTerminator) {
     const Packet p = exact_packet(std::string(length, 'x'));
     EXPECT_EQ(0, p->resize_buffer(alloc));
     const auto shrink = [&] { return comm_socket_v4_packet_shrinkfit_buffer(p.get()); };
-    if (expected != alloc) {
-      EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, shrink));
-      EXPECT_EQ(alloc, p->buffer_alloc);
-    }
+    Faults faults;
+    if (expected != alloc) faults.fail(Call::malloc, ENOMEM);
+    EXPECT_EQ(expected != alloc ? -1 : 0, faults.during(shrink));
+    EXPECT_EQ(alloc, p->buffer_alloc);
     EXPECT_EQ(0, shrink());
     EXPECT_EQ(expected, p->buffer_alloc);
     EXPECT_EQ(std::string(length, 'x'), reinterpret_cast<const char*>(p->buffer));
@@ -155,24 +156,24 @@ TEST_F(PacketTest, OwnsDuplicatesOfWhatIsAttached) {
 
 TEST_F(PacketTest, ChangesOneFlagAtATime) {
   const Packet p = make_packet();
-  for (const int v : {-1, 0, 1, 2}) {
+  for (const int v : {-1, 0, 1, 2})
     for (const std::uint32_t before : {0u, 1u, 2u, ~0u}) {
       p->flags = before;
       comm_socket_v4_packet_set_request(p.get(), v);
       comm_socket_v4_packet_set_async(p.get(), 1 - v);
       EXPECT_EQ((before & ~3u) | (v > 0 ? 1 : 2), p->flags);
     }
-  }
   p->flags = ~0u;
   comm_socket_v4_packet_make_response(p.get());
   EXPECT_EQ(~1u, p->flags);
 }
 
 TEST_F(PacketTest, SignatureNeedsFourBytes) {
-  const Packet three = exact_packet("abc"), four = exact_packet("abcd");
-  for (const Packet* const p : {&three, &four}) (*p)->set_sighdr(0x34333231);
-  EXPECT_EQ(0u, three->get_sighdr());
-  EXPECT_EQ(0x34333231u, four->get_sighdr());
+  for (const std::size_t length : {3u, 4u}) {
+    const Packet p = exact_packet(std::string(length, 'x'));
+    p->set_sighdr(0x34333231);
+    EXPECT_EQ(length == 4 ? 0x34333231u : 0, p->get_sighdr());
+  }
 }
 
 // --- Writer -------------------------------------------------------------------------------------
@@ -239,7 +240,7 @@ TEST_F(PacketTest, RefusesAnArgumentBeyondTwentyFourBits) {
 // asks for memory, one that does not is refused before.
 TEST_F(PacketTest, RefusesToPassThirtyTwoBits) {
   const struct {
-    int (*write)(comm_socket_v4_packet*);
+    int (*write)(P*);
     std::size_t size;
     unsigned growths;
   } rows[] = {
@@ -249,7 +250,7 @@ TEST_F(PacketTest, RefusesToPassThirtyTwoBits) {
       {[](auto* p) { return p->wr_argv.emplace_back(), p->write_end(); }, 4, 1},
       {[](auto* p) { return p->wr_nv_pair.emplace_back(), p->write_end(); }, 16, 1},
   };
-  for (const auto& row : rows) {
+  for (const auto& row : rows)
     for (const bool fits : {true, false}) {
       const Packet p = begin_request();
       p->buffer_write = UINT32_MAX - row.size + !fits;
@@ -258,22 +259,18 @@ TEST_F(PacketTest, RefusesToPassThirtyTwoBits) {
       faults.during([&] { return row.write(p.get()); });
       EXPECT_EQ(fits ? row.growths : 0u, faults.count(Call::malloc)) << &row - rows;
     }
-  }
 }
 
 TEST_F(PacketTest, CompletesOnce) {
-  static int calls;
-  calls = 0;
   const Packet p = begin_request();
-  p->set_complete_cb([](comm_socket_v4_packet* q) {
+  p->set_complete_cb([](P* q) {
     EXPECT_STREQ("End", q->write_state_to_str());
-    EXPECT_EQ(68u, q->buffer_length);
+    q->tag += q->buffer_length;
     q->buffer_length = 66;
-    return -++calls;
+    return -1;
   });
-  EXPECT_EQ(0, p->write_end());
-  EXPECT_EQ(0, p->write_end());
-  EXPECT_EQ(1, calls);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(0, p->write_end());
+  EXPECT_EQ(68u, p->tag);
   EXPECT_STREQ("pin", p->command()) << "the terminator follows what the callback left";
 }
 
@@ -297,8 +294,8 @@ TEST_F(PacketTest, LeavesOutAValueForWhichThereIsNoMemory) {
   EXPECT_EQ(0, failing(Call::vasprintf, ENOMEM, [&] { return p->write_nv_pairf("m", "%d", 1); }));
   EXPECT_EQ(0, p->write_end());
   EXPECT_STREQ("", p->error_string());
-  EXPECT_EQ(1u, p->argc());
-  EXPECT_FALSE(p->argv(0)->is_present());
+  ASSERT_EQ(1u, p->argc());
+  EXPECT_EQ(0u, p->argv(0)->offset());
   EXPECT_STREQ("", p->argv_text(0));
   const auto *const no_value = p->nv_entry(0), *const no_name = p->nv_entry(1);
   EXPECT_EQ(std::tuple(0, 0, 0),

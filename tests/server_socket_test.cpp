@@ -24,11 +24,9 @@ class ServerSocketTest : public CommTest {
   static void expect_refused(const std::string& where, int error, Lines lines,
                              Faults&& faults = {}) {
     const Endpoint c = make_endpoint();
-    const StderrCapture captured;
-    EXPECT_EQ(Outcome(-1, error), outcome(faults, [&] { return create(c, where); }));
     lines.push_back(std::string("ERROR: create_server(): failed to ") +
                     (error == ENOMEM ? "allocate memory for client list" : "create server socket"));
-    EXPECT_EQ(lines, captured.lines());
+    EXPECT_EQ(Told(-1, error, lines), told(faults, [&] { return create(c, where); }));
     EXPECT_EQ("", state_of(c)) << lines[0];
     EXPECT_EQ(where, c->socket_path);
     EXPECT_EQ(error == EINVAL || error == ENAMETOOLONG, faults.count(Call::socket) == 0);
@@ -268,18 +266,17 @@ TEST_F(ServerSocketTest, ReopenBindsAgainAndToleratesAFailure) {
   ASSERT_EQ(0, create(server, abstract_name()));
   const Endpoint client = join(server.get()).first;
   const auto reopen = [](comm_socket_v4* c) {
-    return outcome([c] { return comm_socket_v4_reopen_server(c); });
+    return told([c] { return comm_socket_v4_reopen_server(c); });
   };
   comm_socket_v4_debug_logging(server.get());
-  const StderrCapture captured;
   for (comm_socket_v4* const other :
        {static_cast<comm_socket_v4*>(nullptr), closed.get(), client.get()})
-    EXPECT_EQ(Outcome(-1, 0), reopen(other));
-  EXPECT_EQ(Outcome(0, EINVAL), reopen(server.get())) << "it is still bound";
-  EXPECT_EQ(Outcome(0, EACCES), failing(Call::bind, EACCES, [&] { return reopen(server.get()); }));
-  EXPECT_EQ(Lines{"DEBUG: reopen_server() rebind failed, Permission denied, falling back to rebind "
-                  "socket rename"},
-            captured.lines());
+    EXPECT_EQ(Told(-1, 0, {}), reopen(other));
+  EXPECT_EQ(Told(0, EINVAL, {}), reopen(server.get())) << "it is still bound";
+  EXPECT_EQ(Told(0, EACCES,
+                 {"DEBUG: reopen_server() rebind failed, Permission denied, falling back to rebind "
+                  "socket rename"}),
+            failing(Call::bind, EACCES, [&] { return reopen(server.get()); }));
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include <functional>
 #include <new>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -50,6 +51,31 @@ template <class Faults, class Call>
 Outcome outcome(Faults& faults, Call&& call) {
   return outcome([&] { return faults.during(call); });
 }
+// Sends descriptor 2 to memory while it lives; shows the text when the test has failed by then.
+class StderrCapture {
+ public:
+  StderrCapture();
+  ~StderrCapture();
+  StderrCapture(const StderrCapture&) = delete;
+  StderrCapture& operator=(const StderrCapture&) = delete;
+
+  std::string text() const;
+  // Line by line; log lines as "LEVEL: text". A text that itself ends in a newline shows it.
+  Lines lines() const;
+  void clear();
+
+ private:
+  int saved_, memory_;
+};
+
+// The same, and what was printed meanwhile.
+using Told = std::tuple<long, int, Lines>;
+template <class... Call>
+Told told(Call&&... call) {
+  const StderrCapture captured;
+  const auto [answer, error] = outcome(call...);
+  return {answer, error, captured.lines()};
+}
 // A socket bound to `path` as a program without this library makes one; it listens, unless it is of
 // type SOCK_DGRAM.
 int bound_socket(const std::string& path, int type = SOCK_SEQPACKET);
@@ -84,23 +110,6 @@ class CommTest : public testing::Test {
  private:
   const Lines descriptors_;
   std::string directory_;
-};
-
-// Sends descriptor 2 to memory while it lives; shows the text when the test has failed by then.
-class StderrCapture {
- public:
-  StderrCapture();
-  ~StderrCapture();
-  StderrCapture(const StderrCapture&) = delete;
-  StderrCapture& operator=(const StderrCapture&) = delete;
-
-  std::string text() const;
-  // Line by line; log lines as "LEVEL: text". A text that itself ends in a newline shows it.
-  Lines lines() const;
-  void clear();
-
- private:
-  int saved_, memory_;
 };
 
 // A child process that runs `body`; failed expectations in it are failures here. It is ended after
