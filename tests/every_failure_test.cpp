@@ -85,10 +85,14 @@ class EveryFailureTest : public CommTest {
   void play(comm_socket_v4* s, comm_socket_v4* c, comm_socket_v4* late) {
     if (!fs::exists(path_)) close(bound_socket(path_));  // the file of a dead server
     if (!comm_socket_v4_is_open(s)) await_death(path_);
+    step("keep a reserve", 0, [&] { return comm_socket_v4_set_descriptor_reserve(s, 1); });
+    comm_socket_v4_set_socket_mode(s, 0600);
+    comm_socket_v4_set_max_descriptors(s, 60);
     step<throws>("create", 0, [&] { return comm_socket_v4_create_server(s, path_.c_str()); });
     connect(c, link_);
     comm_socket_v4_set_connect_timeout_routine(late, 1);
     connect(late, path_);
+    step("watch", true, [&] { return comm_socket_v4_get_connect_fd(late) >= 0; });
     const auto wait = [&] { return comm_socket_v4_connect_wait_for_completion(late, ULONG_MAX); };
     step<ends>("wait in the queue", 0, wait);
     step("wait for a client", 1,
@@ -103,6 +107,10 @@ class EveryFailureTest : public CommTest {
     accept(s);
     EXPECT_EQ(24u, s->client_allocation_count());
 
+    step("who is it", true,
+         [&] { return Descriptor(comm_socket_v4_client_get_pidfd(&s->client[index])).is_open(); });
+    ucred cred;
+    step("who serves", 0, [&] { return comm_socket_v4_get_server_cred(c, &cred); });
     const Packet request = written(), answer = written();
     const auto length = static_cast<int>(request->buffer_length);
     step("send", length, [&] { return comm_socket_v4_packet_send_to_server(c, request.get()); });
@@ -128,7 +136,17 @@ class EveryFailureTest : public CommTest {
              (client = comm_socket_v4_get_disconnected_client(s)) == s->index2client(late_index);
     });
     step("release", 0, [&] { return comm_socket_v4_free_client(client), 0; });
+    step("refuse descriptors", 0, [&] { return comm_socket_v4_set_max_descriptors(s, 0); });
+    step("last words", 0, [&] { return comm_socket_v4_client_end_sending(&s->client[index]); });
+    Descriptor handed_over(dup(s->socket_fd));
+    step("stop listening", 0, [&] { return comm_socket_v4_stop_listening(s); });
     step("close", 0, [&] { return comm_socket_v4_close(s); });
+    step<throws>("take over", 0, [&] {
+      const int taken = comm_socket_v4_use_server_socket(s, handed_over.get());
+      if (taken == 0) handed_over.release();
+      return taken;
+    });
+    comm_socket_v4_close(s);
     comm_socket_v4_close(c);
     step("pair", 0, [&] { return comm_socket_v4_connect_new_socketpair(c); });
     const int fd = comm_socket_v4_socketpair_get_remote_end(c);

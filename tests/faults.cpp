@@ -136,6 +136,12 @@ WRAP_CALL(int, fstat, st, (int fd, struct stat* st), (fd, st))
 WRAP_CALL(ssize_t, readlink, text, (const char* path, char* text, std::size_t n), (path, text, n))
 WRAP_CALL(int, unlink, nullptr, (const char* path), (path))
 WRAP_CALL(int, chmod, nullptr, (const char* path, mode_t mode), (path, mode))
+WRAP_CALL(int, open, nullptr, (const char* path, int flags, mode_t mode), (path, flags, mode))
+WRAP_CALL(int, timerfd_create, nullptr, (int clock, int flags), (clock, flags))
+WRAP_CALL(int, getsockname, a, (int fd, sockaddr* a, socklen_t* n), (fd, a, n))
+WRAP_CALL(int, shutdown, nullptr, (int fd, int how), (fd, how))
+WRAP_CALL(int, setsockopt, nullptr, (int fd, int level, int name, const void* value, socklen_t n),
+          (fd, level, name, value, n))
 WRAP_CALL(int, usleep, nullptr, (useconds_t us), (us))
 WRAP_CALL(int, vasprintf, nullptr, (char** text, const char* format, va_list args),
           (text, format, args))

@@ -29,6 +29,8 @@
   CALL(fcntl, EIO) CALL(dup, EMFILE) CALL(close, EIO)                                        \
   CALL(lstat, EACCES) CALL(fstat, EIO) CALL(readlink, EACCES) CALL(unlink, EACCES)           \
   CALL(chmod, EPERM) CALL(usleep, EINTR)                                                     \
+  CALL(open, EMFILE) CALL(timerfd_create, EMFILE) CALL(getsockname, ENOBUFS)                 \
+  CALL(shutdown, ENOBUFS) CALL(setsockopt, ENOPROTOOPT)                                      \
   CALL(malloc, ENOMEM) CALL(vasprintf, ENOMEM) CALL(operator_new, ENOMEM)
 // clang-format on
 
