@@ -147,6 +147,7 @@ TEST_F(SettingsTest, AServerThatStopsListeningServesItsClientsOn) {
   const int fd = s.socket_fd;
   EXPECT_EQ(Outcome(0, errno_before), stop(&s));
   EXPECT_EQ(fd, s.socket_fd);
+  EXPECT_FALSE(fs::exists(path()));
   std::ofstream(path()) << "somebody else's";
   EXPECT_EQ(Outcome(0, errno_before), stop(&s));
   EXPECT_EQ(Outcome(-1, EINVAL), stop(peers[0].get()));
@@ -176,7 +177,9 @@ TEST_F(SettingsTest, LastWordsArriveBeforeTheEnd) {
   EXPECT_EQ(Outcome(0, errno_before), end(comm_socket_v4_client_end_sending, client));
   EXPECT_EQ("-1 EPIPE",
             answered(comm_socket_v4_packet_send_to_client(client, ping_packet().get())));
-  EXPECT_NE(nullptr, retrieve()) << "the other direction is open";
+  send_from_client(ping_packet());
+  EXPECT_EQ(std::pair(true, true), std::pair(retrieve() != nullptr, retrieve() != nullptr))
+      << "the other direction is open";
   EXPECT_NE(nullptr, Packet(comm_socket_v4_client_get_packet_from_server(peers[0].get())));
   EXPECT_EQ(Outcome(0, errno_before), end(comm_socket_v4_end_sending, peers[0].get()));
   EXPECT_EQ("-1 ENOTCONN", answered(comm_socket_v4_idle(peers[0].get())));
@@ -325,7 +328,7 @@ TEST_F(SettingsTest, ADescriptorSaysWhenAPendingConnectIsWorthATry) {
   comm_socket_v4_set_connect_timeout_routine(c, 1);
   ASSERT_EQ(0, comm_socket_v4_connect_to(c, s.socket_path.c_str()));
   const int fd = static_cast<int>(watched().first);
-  EXPECT_EQ(fd, watched().first);
+  EXPECT_EQ(std::pair(long{fd}, FD_CLOEXEC), std::pair(watched().first, fcntl(fd, F_GETFD)));
   for (int tries = 0; tries < 2; ++tries) {
     EXPECT_TRUE(is_readable(fd, -1));
     EXPECT_EQ(0, comm_socket_v4_connect_check_pending(c));
