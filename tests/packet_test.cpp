@@ -30,20 +30,38 @@ TEST_F(PacketTest, WritesTheExample) {
 
 // --- Readers ------------------------------------------------------------------------------------
 
+// Through the functions, which forward to the members.
 TEST_F(PacketTest, ReadsEachValueByItsOwnTypeOnly) {
-  const Packet p = rich_packet();
-  EXPECT_EQ(0xFEDCBA9876543210, p->get_stream_id());
-  EXPECT_EQ(0x99u, p->get_tag());
-  // Of each argument its own type reads; the last one is out of range.
+  const Packet packet = rich_packet();
+  const P* const p = packet.get();
+  EXPECT_EQ(std::tuple(0xFEDCBA9876543210, 0x99, 4, 9),
+            std::tuple(p->get_stream_id(), p->get_tag(), comm_socket_v4_packet_get_argc(p),
+                       comm_socket_v4_packet_nv_entries(p)));
+  EXPECT_STREQ("list", comm_socket_v4_packet_get_command(p));
+  EXPECT_STREQ("broken", comm_socket_v4_packet_get_error_string(p));
+  EXPECT_EQ(p->buffer + 418, comm_socket_v4_packet_get_data(p, nullptr));
   for (std::size_t n = 0; n < 5; ++n) {
-    EXPECT_STREQ(n == 0 ? "text" : "", p->argv_text(n)) << n;
+    EXPECT_STREQ(n == 0 ? "text" : "", comm_socket_v4_packet_get_argv(p, n)) << n;
     EXPECT_EQ(n == 1 ? 0xFEDC : 0, p->argv_uint64(n)) << n;
     EXPECT_EQ(n == 2 ? -5 : 0, p->argv_int64(n)) << n;
     EXPECT_EQ(n == 3 ? 0.1 : 0, p->argv_double(n)) << n;
   }
-  EXPECT_EQ(nullptr, p->argv(4));
-  EXPECT_EQ(nullptr, p->argv(kHuge));
-  EXPECT_EQ(nullptr, p->nv_entry(9));
+  for (const std::size_t beyond : {4ul, kHuge})
+    EXPECT_EQ(nullptr, comm_socket_v4_packet_get_argv_entry(p, beyond));
+  EXPECT_EQ(nullptr, comm_socket_v4_packet_get_nv_entry(p, 9));
+  const char* const names[] = {"t", "j", "d", "u", "i", "none", "b", "code", "raw"};
+  const char* const texts[] = {"v w", "{}", "", "", "", "", "", "", ""};
+  for (std::size_t n = 0; n < 9; ++n) {
+    const auto* const pair = comm_socket_v4_packet_get_nv_entry(p, n);
+    const void* const raw = comm_socket_v4_packet_get_nv_pair_value_raw(p, pair);
+    const auto of_type = [&](std::uint32_t type) { return pair->type() == type ? raw : nullptr; };
+    EXPECT_STREQ(names[n], comm_socket_v4_packet_get_nv_pair_name(p, pair));
+    EXPECT_STREQ(texts[n], comm_socket_v4_packet_get_nv_pair_value_text(p, pair));
+    EXPECT_EQ(raw, comm_socket_v4_packet_get_nv_pair_value_binary(p, pair));
+    EXPECT_EQ(of_type(2), comm_socket_v4_packet_get_nv_pair_value_uint64(p, pair));
+    EXPECT_EQ(of_type(3), comm_socket_v4_packet_get_nv_pair_value_double(p, pair));
+    EXPECT_EQ(of_type(5), comm_socket_v4_packet_get_nv_pair_value_int64(p, pair));
+  }
   EXPECT_EQ(UINT64_MAX, +p->nv_pair_value_uint64(p->nv_entry(3))[4]);
   EXPECT_EQ(INT64_MIN, +p->nv_pair_value_int64(p->nv_entry(4))[2]);
   EXPECT_EQ(-0.25, +p->nv_pair_value_double(p->nv_entry(2))[1]);
