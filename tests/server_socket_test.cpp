@@ -52,7 +52,8 @@ TEST_F(ServerSocketTest, TurnsPathsIntoAddresses) {
     EXPECT_EQ(AF_UNIX, address.sun_family);
   }
   EXPECT_DEATH(comm_socket_path_to_sockaddr_un(address, length, full + "x"),
-               "^lib/comm_connection: .*path.length\\(\\) <= sizeof\\(sun.sun_path\\)\n$");
+               "^lib/comm_connection: comm_socket_path_to_sockaddr_un: assertion failed: "
+               "path.length\\(\\) <= sizeof\\(sun.sun_path\\)\n$");
 }
 
 TEST_F(ServerSocketTest, ListensOnAFileThatEverybodyMayUse) {
