@@ -62,9 +62,9 @@ TEST_F(PacketTest, ReadsEachValueByItsOwnTypeOnly) {
     EXPECT_EQ(of_type(3), comm_socket_v4_packet_get_nv_pair_value_double(p, pair));
     EXPECT_EQ(of_type(5), comm_socket_v4_packet_get_nv_pair_value_int64(p, pair));
   }
-  EXPECT_EQ(UINT64_MAX, +p->nv_pair_value_uint64(p->nv_entry(3))[4]);
-  EXPECT_EQ(INT64_MIN, +p->nv_pair_value_int64(p->nv_entry(4))[2]);
-  EXPECT_EQ(-0.25, +p->nv_pair_value_double(p->nv_entry(2))[1]);
+  EXPECT_EQ(UINT64_MAX, std::uint64_t{p->nv_pair_value_uint64(p->nv_entry(3))[4]});
+  EXPECT_EQ(INT64_MIN, std::int64_t{p->nv_pair_value_int64(p->nv_entry(4))[2]});
+  EXPECT_EQ(-0.25, double{p->nv_pair_value_double(p->nv_entry(2))[1]});
 }
 
 TEST_F(PacketTest, ReadsNothingFromAPacketWithoutHeader) {
