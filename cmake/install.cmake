@@ -29,4 +29,5 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libtarn_utils_v4_comm.pc
   DESTINATION ${pkgconfig_dir})
 
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(FILES docs/guide.md docs/wire-format.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs)
+install(FILES docs/guide.md docs/performance.md docs/wire-format.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs)
