@@ -10,6 +10,11 @@
 
 using Numbers = std::vector<unsigned long>;
 
+// "-1 EAGAIN", or the number.
+inline std::string answered(long answer) {
+  return answer >= 0 ? std::to_string(answer) : std::string("-1 ") + strerrorname_np(errno);
+}
+
 class ServerTest : public CommTest {
  protected:
   ServerTest() {
@@ -43,6 +48,11 @@ class ServerTest : public CommTest {
   }
   comm_socket_v4_client* accept() { return comm_socket_v4_accept_connection(&s); }
   void release(unsigned long index) { comm_socket_v4_free_client(&s.client[index]); }
+  // That the server's end of the connection is closed.
+  void expect_end(std::size_t peer) {
+    await_end(peers[peer]->socket_fd);
+    EXPECT_EQ("-1 ENOTCONN", answered(comm_socket_v4_idle(peers[peer].get())));
+  }
   // What was printed since the last call, without the addresses of endpoints.
   std::string log() {
     std::string text;
@@ -51,11 +61,6 @@ class ServerTest : public CommTest {
     return text;
   }
 };
-
-// "-1 EAGAIN", or the number.
-inline std::string answered(long answer) {
-  return answer >= 0 ? std::to_string(answer) : std::string("-1 ") + strerrorname_np(errno);
-}
 
 // "ping" with the descriptors of so many new files.
 inline Packet carrier(std::size_t files) {
