@@ -39,13 +39,13 @@ TEST_F(BudgetTest, APacketCostsOneCallToSendTwoToReceiveAndEveryTimeTheSameMemor
   const std::string came = "recvmsg 1, ioctl 1, malloc 1, operator_new 1";
   const std::pair<std::string, Step> steps[] = {
       {"malloc 1, operator_new 3", [&] { packet = ping_packet(); }},
-      {"sendmsg 1", [&] { comm_socket_v4_packet_send_to_server(c, packet.get()); }},
+      {"sendmsg 1", [&] { send_from(0, packet); }},
       {came, receive},
       {"poll 1", receive},  // nothing, as the time before
       {"select 1, poll 1", wait},
       {"malloc 1, operator_new 3", [&] { packet = ping_packet(); }},
       {"select 1, poll 1", [&] { comm_socket_v4_client_from_server_readable(c, ULONG_MAX); }},
-      {"sendmsg 1", [&] { comm_socket_v4_packet_send_to_client(&s.client[0], packet.get()); }},
+      {"sendmsg 1", [&] { send_to(0, packet); }},
       {came, [&] { packet.reset(comm_socket_v4_client_get_packet_from_server(c)); }}};
   for (const auto& step : steps) cost(step.second);  // makes room for descriptors, once
   for (int round = 0; round < 100; ++round)
@@ -54,7 +54,7 @@ TEST_F(BudgetTest, APacketCostsOneCallToSendTwoToReceiveAndEveryTimeTheSameMemor
 
 TEST_F(BudgetTest, AQuietTableCostsFarFewerCallsThanItHasClients) {
   join(200);
-  comm_socket_v4_packet_send_to_server(peers[0].get(), ping_packet().get());
+  send_from(0);
   // The packet; then three retrievals that expect one more, as many as the time before, and none.
   for (const Step& step : {receive, receive, receive, receive, wait}) cost(step, 20);
 }

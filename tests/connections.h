@@ -48,6 +48,12 @@ class ServerTest : public CommTest {
   }
   comm_socket_v4_client* accept() { return comm_socket_v4_accept_connection(&s); }
   void release(unsigned long index) { comm_socket_v4_free_client(&s.client[index]); }
+  int send_from(std::size_t peer, const Packet& p = ping_packet()) {
+    return comm_socket_v4_packet_send_to_server(peers[peer].get(), p.get());
+  }
+  int send_to(unsigned long slot, const Packet& p = ping_packet()) {
+    return comm_socket_v4_packet_send_to_client(&s.client[slot], p.get());
+  }
   // That the server's end of the connection is closed.
   void expect_end(std::size_t peer) {
     await_end(peers[peer]->socket_fd);

@@ -1,4 +1,5 @@
 // The application's loop: idle, retrieval and waits.
+#include <array>
 #include <climits>
 
 #include "connections.h"
@@ -8,6 +9,10 @@ namespace {
 // At the server and its first client.
 enum Wait { server_reads, client_reads, client_writes, server_writes };
 constexpr Wait kWaits[] = {server_reads, client_reads, client_writes, server_writes};
+constexpr const char* kNames[] = {"server_from_client_readable", "client_from_server_readable",
+                                  "wait_for_client_to_server_writeable",
+                                  "wait_for_server_to_client_writeable"};
+using Answers = std::array<int, 4>;  // in this order
 
 class LoopTest : public ServerTest {
  protected:
@@ -20,11 +25,10 @@ class LoopTest : public ServerTest {
                ? comm_socket_v4_client_from_server_readable(client(), deadline)
                : comm_socket_v4_wait_for_client_to_server_writeable(client(), deadline);
   }
-  int send_from(std::size_t peer) {
-    return comm_socket_v4_packet_send_to_server(peers[peer].get(), ping_packet().get());
-  }
-  int send_to(unsigned long slot) {
-    return comm_socket_v4_packet_send_to_client(&s.client[slot], ping_packet().get());
+  Answers waits(unsigned long deadline = ULONG_MAX) {
+    Answers answers;
+    for (const Wait which : kWaits) answers[which] = wait(which, deadline);
+    return answers;
   }
   // The slot that the next packet comes from.
   unsigned long next_sender() {
@@ -56,8 +60,10 @@ TEST_F(LoopTest, AnIdlePassReadsFromHalfOfTheSlotsInRotation) {
   }
   s.flags.idle_enabled = client()->flags.idle_enabled = 0;
   send_to(0);
-  EXPECT_EQ(0, comm_socket_v4_idle(&s) + comm_socket_v4_idle(client()));
-  EXPECT_TRUE(s.client_idlescan == 3 && client()->next_packet == nullptr);
+  EXPECT_EQ(0, comm_socket_v4_idle(&s));
+  EXPECT_EQ(0, comm_socket_v4_idle(client()));
+  EXPECT_EQ(3u, s.client_idlescan);
+  EXPECT_EQ(nullptr, client()->next_packet);
 }
 
 TEST_F(LoopTest, NoClientStarvesTheOthersAndNoneIsOverlooked) {
@@ -115,35 +121,35 @@ TEST_F(LoopTest, IdleTellsWhatIsClosedAndHow) {
 
 TEST_F(LoopTest, AWaitOnWhatIsClosedOrOfTheWrongKindSaysNothing) {
   join();
-  errno = 0;
-  EXPECT_EQ(-1, comm_socket_v4_client_from_server_readable(&s, ULONG_MAX));
-  comm_socket_v4_close(client());
+  const auto wait_on = [](auto* call, auto* what) {
+    EXPECT_EQ(Outcome(-1, errno_before), outcome([&] { return call(what, ULONG_MAX); }));
+  };
+  wait_on(comm_socket_v4_client_from_server_readable, &s);
   s.client[0].status.disconnected = 1;
-  for (const Wait which : {client_reads, client_writes, server_writes}) EXPECT_EQ(-1, wait(which));
+  for (comm_socket_v4_client* const c : {&s.client[0], {}})
+    wait_on(comm_socket_v4_wait_for_server_to_client_writeable, c);
   comm_socket_v4_close(&s);
-  EXPECT_EQ(-1, wait(server_reads));
-  peers[0].reset();
-  for (const Wait which : {client_reads, client_writes}) EXPECT_EQ(-1, wait(which));
-  EXPECT_EQ(-1, comm_socket_v4_server_from_client_readable(nullptr, ULONG_MAX));
-  EXPECT_EQ(-1, comm_socket_v4_wait_for_server_to_client_writeable(nullptr, ULONG_MAX));
-  EXPECT_EQ(0, errno);
+  for (comm_socket_v4* const c : {&s, {}})
+    for (auto* const wait :
+         {comm_socket_v4_server_from_client_readable, comm_socket_v4_client_from_server_readable,
+          comm_socket_v4_wait_for_client_to_server_writeable})
+      wait_on(wait, c);
   EXPECT_EQ("", log());
 }
 
 TEST_F(LoopTest, TheDeadlineComesBeforeAWaitingPacketAtTheServerAndBehindItAtTheClient) {
   join();
-  for (const Wait which : kWaits) EXPECT_EQ(0, wait(which, 0));
+  EXPECT_EQ((Answers{0, 0, 0, 0}), waits(0));
   for (const Wait which : {server_reads, client_reads}) {
     const unsigned long deadline = in_ms(120);  // more microseconds than have five digits
     EXPECT_EQ(0, wait(which, deadline));
     EXPECT_LE(deadline, in_ms(0));
   }
-  EXPECT_EQ(188, send_from(0) + send_to(0));
+  send_from(0);
+  send_to(0);
   EXPECT_EQ(0, comm_socket_v4_client_idle(&s.client[0]));
-  for (const Wait which : kWaits) {
-    EXPECT_EQ(which == client_reads, wait(which, 0));
-    EXPECT_EQ(1, wait(which));
-  }
+  EXPECT_EQ((Answers{0, 1, 0, 0}), waits(0));
+  EXPECT_EQ((Answers{1, 1, 1, 1}), waits());
   EXPECT_EQ(0u, next_sender());
   knock();
   EXPECT_EQ(1, wait(server_reads));
@@ -153,18 +159,16 @@ TEST_F(LoopTest, TheDeadlineComesBeforeAWaitingPacketAtTheServerAndBehindItAtThe
 
 TEST_F(LoopTest, ASignalEndsAWaitAndAnotherFailureOfSelectIsReported) {
   join();
-  const char* const names[] = {"server_from_client_readable", "client_from_server_readable",
-                               "wait_for_client_to_server_writeable",
-                               "wait_for_server_to_client_writeable"};
   for (const Wait which : kWaits) {
-    const auto interrupted = [&] { return wait(which); };
-    EXPECT_EQ(-1, failing(Call::select, ENOMEM, interrupted));
-    EXPECT_EQ(
-        std::string("ERROR: ") + names[which] + "() select() error Cannot allocate memory\n\n",
-        log());
-    EXPECT_TRUE(failing(Call::select, EINTR, interrupted) == 0 && errno == EINTR);
+    const auto fails = [&](int error) {
+      return told([&] { return failing(Call::select, error, [&] { return wait(which); }); });
+    };
+    EXPECT_EQ(Told(-1, ENOMEM,
+                   {std::string("ERROR: ") + kNames[which] +
+                    "() select() error Cannot allocate memory\n"}),
+              fails(ENOMEM));
+    EXPECT_EQ(Told(0, EINTR, {}), fails(EINTR));
   }
-  EXPECT_EQ("", log());
 }
 
 TEST_F(LoopTest, AnIdleThatFailsOrClosesEndsTheWait) {
@@ -199,13 +203,12 @@ TEST_F(LoopTest, AWaitOnASocketWithoutPeerFailsAsItsReadDoes) {
 TEST_F(LoopTest, DescriptorsFrom1024OnWorkAndLowerOnesNeedNoMemory) {
   join();
   s.flags.idle_enabled = client()->flags.idle_enabled = 0;
-  // Who is ready, of those who should be without a deadline.
-  std::string ready;
-  const auto wait_for_all = [&](const std::string& expected) {
-    ready.clear();
+  // Without a deadline, except of those that are not ready.
+  const auto expect_waits = [&](const Answers& expected) {
+    Answers answers;
     for (const Wait which : kWaits)
-      ready += wait(which, expected[which] == '1' ? ULONG_MAX : in_ms(2)) == 1 ? '1' : '0';
-    EXPECT_EQ(expected, ready);
+      answers[which] = wait(which, expected[which] == 1 ? ULONG_MAX : in_ms(2));
+    EXPECT_EQ(expected, answers);
   };
   const auto move_to = [&](int number, int step) {
     for (int* const fd : {&client()->socket_fd, &s.client[0].client_fd, &s.socket_fd}) {
@@ -217,15 +220,15 @@ TEST_F(LoopTest, DescriptorsFrom1024OnWorkAndLowerOnesNeedNoMemory) {
   };
   with_descriptor_limit(4000, [&] { return move_to(1021, 1); });
   Faults counted;
-  counted.during([&] { wait_for_all("0011"); });
-  EXPECT_EQ(0u, counted.count(Call::malloc) + counted.count(Call::operator_new));
+  counted.during([&] { expect_waits({0, 0, 1, 1}); });
+  EXPECT_EQ("select 4", counted.calls());
   with_descriptor_limit(4000, [&] { return move_to(1024, 1000); });
-  wait_for_all("0011");
+  expect_waits({0, 0, 1, 1});
   for (const Wait which : kWaits)
     EXPECT_EQ(-1, failing(Call::malloc, EIO, [&] { return wait(which); }));
   while (send_from(0) > 0) {
   }
-  wait_for_all("1001");
+  expect_waits({1, 0, 0, 1});
 }
 
 }  // namespace
