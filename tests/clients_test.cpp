@@ -21,29 +21,9 @@ class ClientsTest : public ServerTest {
 
 // --- Table --------------------------------------------------------------------------------------
 
-TEST_F(ClientsTest, TheTableGrowsByHalfToExactlyThatSize) {
-  for (const unsigned long size : Numbers{24, 36, 54, 81, 122}) {
-    const unsigned long slots = s.client.size();
-    join(slots);
-    s.client_idlescan = s.client.back().tag = slots;
-    EXPECT_EQ(slots, join());
-    EXPECT_EQ((Numbers{size, size, slots, slots + 1, slots, slots}),
-              (Numbers{s.client_allocation_count(), s.client.capacity(), s.client_maximum_index(),
-                       s.client_next, s.client_idlescan, s.client[slots - 1].tag}));
-    EXPECT_EQ(
-        "DEBUG: new_client() no empty slots available, expanding array\n"
-        "DEBUG: expand_client_list() client list expanded to " +
-            std::to_string(size) + " entries\n",
-        log());
-  }
-  s.client_getpktscan = 1;
-  comm_socket_v4_close(&s);
-  EXPECT_EQ((Numbers{0, 0, 0, 0, 0}), (Numbers{s.client.capacity(), s.client_max, s.client_next,
-                                               s.client_idlescan, s.client_getpktscan}));
-}
-
-TEST_F(ClientsTest, AConnectionWaitsWhileTheTableCannotGrow) {
+TEST_F(ClientsTest, AConnectionWaitsWhileTheTableCannotGrowByHalf) {
   join(16);
+  s.client_idlescan = s.client.back().tag = 7;
   knock();
   const std::pair table(s.client.data(), s.client.size());
   EXPECT_EQ(R"(DEBUG: new_client() no empty slots available, expanding array
@@ -52,17 +32,28 @@ ERROR: new_client() unable to expand array
 )",
             refused(ENOMEM, failing(Call::operator_new, EIO, [this] { return accept(); })));
   EXPECT_EQ(table, std::pair(s.client.data(), s.client.size()));
-  for (const unsigned long add : {0ul, 1048575ul - 16, ULONG_MAX})
+  EXPECT_EQ(0, comm_socket_v4_expand_client_list(&s, 1));
+  EXPECT_EQ(&s.client[16], accept());
+  EXPECT_EQ(17u, join());
+  EXPECT_EQ((Numbers{26, 26, 17, 18, 7, 7}),
+            (Numbers{s.client_allocation_count(), s.client.capacity(), s.client_maximum_index(),
+                     s.client_next, s.client_idlescan, s.client[15].tag}));
+  for (const unsigned long add : {0ul, 1048575ul - 26, ULONG_MAX})
     EXPECT_EQ(0, comm_socket_v4_expand_client_list(&s, add));
   EXPECT_EQ("-1 ENOMEM", answered(comm_socket_v4_expand_client_list(&s, 1)));
-  EXPECT_EQ(R"(DEBUG: expand_client_list() client list expanded to 16 entries
+  EXPECT_EQ(R"(DEBUG: expand_client_list() client list expanded to 17 entries
+DEBUG: new_client() no empty slots available, expanding array
+DEBUG: expand_client_list() client list expanded to 26 entries
+DEBUG: expand_client_list() client list expanded to 26 entries
 DEBUG: expand_client_list() client list expanded to 1048575 entries
 DEBUG: expand_client_list() client list expanded to 1048576 entries
 ERROR: expand_client_list() client list is already WAY TOO LONG
 )",
             log());
-  EXPECT_EQ((Numbers{1048576, 1048576}), (Numbers{s.client.size(), s.client.capacity()}));
-  EXPECT_EQ(&s.client[16], accept());
+  s.client_getpktscan = 1;
+  comm_socket_v4_close(&s);
+  EXPECT_EQ((Numbers{0, 0, 0, 0, 0}), (Numbers{s.client.capacity(), s.client_max, s.client_next,
+                                               s.client_idlescan, s.client_getpktscan}));
 }
 
 TEST_F(ClientsTest, SlotsAreTakenInRotationAndFoundByIndex) {
@@ -151,48 +142,40 @@ TEST_F(ClientsTest, AReleasedSlotKeepsOnlyTagAndCallback) {
   EXPECT_EQ("", log());
 }
 
-TEST_F(ClientsTest, DisconnectedClientsComeOutInOrderAndOnce) {
-  join(4);
-  s.client[3].status.error = 1;
-  EXPECT_EQ((std::vector<int>{0, 0, 0, -1, -1}),  // the last two failed before, and are empty
-            (std::vector<int>{disconnect(2), disconnect(0), disconnect(0), disconnect(3),
-                              disconnect(4)}));
-  peers[1].reset();
-  await_end(s.client[1].client_fd);
-  comm_socket_v4_idle(&s);
-  EXPECT_EQ(
-      "DEBUG: client_disconnect = 2\nDEBUG: client_disconnect = 0\n"
-      "DEBUG: client_idle() client[1] fd=" +
-          std::to_string(s.client[1].client_fd) + " disconnected\nDEBUG: client_disconnect = 1\n",
-      log());
-  for (const unsigned long i : {2ul, 0ul, 1ul}) {
-    EXPECT_EQ(&s.client[i], disconnected());
-    EXPECT_EQ(0, comm_socket_v4_client_is_open(&s.client[i]));
-    EXPECT_NE(-1, fcntl(s.client[i].client_fd, F_GETFD));
-    release(i);
-  }
-  EXPECT_EQ(nullptr, disconnected());
-  EXPECT_EQ("", log());
-}
-
-TEST_F(ClientsTest, AReleaseTakesAListedClientOffTheListAndSaysSo) {
+TEST_F(ClientsTest, DisconnectedClientsComeOutOnceAndInOrderUnlessTheyWereReleased) {
   const std::string bug =
       "BUG: free_client() client found in server disconnect list 1 times. caller should use "
       "disconnect_client() not free_client()\n";
-  comm_socket_v4_normal_logging(&s);
-  join(3);
-  for (const unsigned long i : {0ul, 1ul, 2ul}) disconnect(i);
+  join(5);
+  s.client[3].status.error = 1;
+  EXPECT_EQ((std::vector<int>{0, 0, 0, -1, -1}),  // the last two failed before, and are empty
+            (std::vector<int>{disconnect(2), disconnect(0), disconnect(0), disconnect(3),
+                              disconnect(5)}));
+  peers[1].reset();
+  await_end(s.client[1].client_fd);
+  comm_socket_v4_idle(&s);
   release(0);
-  EXPECT_EQ(bug, log());
+  EXPECT_EQ(
+      "DEBUG: client_disconnect = 2\nDEBUG: client_disconnect = 0\n"
+      "DEBUG: client_idle() client[1] fd=" +
+          std::to_string(s.client[1].client_fd) + " disconnected\nDEBUG: client_disconnect = 1\n" +
+          bug,
+      log());
   s.client_next = 0;
   EXPECT_EQ(0u, join());
-  EXPECT_EQ(nullptr, disconnected());
-  EXPECT_EQ(&s.client[1], disconnected());
+  for (comm_socket_v4_client* const listed : {&s.client[2], {}, &s.client[1], {}}) {
+    EXPECT_EQ(listed, disconnected());
+    if (listed == nullptr) continue;
+    EXPECT_EQ(0, comm_socket_v4_client_is_open(listed));
+    EXPECT_NE(-1, fcntl(listed->client_fd, F_GETFD));
+  }
   comm_socket_v4_free_client_check(nullptr);
+  comm_socket_v4_normal_logging(&s);
+  disconnect(4);
   comm_socket_v4_drop_clients(&s);
   EXPECT_EQ(bug, log());
   expect_end(2);
-  EXPECT_EQ((Numbers{16, 2}), (Numbers{s.client_allocation_count(), s.client_max}));
+  EXPECT_EQ((Numbers{16, 4}), (Numbers{s.client_allocation_count(), s.client_max}));
   disconnect(join());
   comm_socket_v4_close(&s);
   EXPECT_EQ(bug, log());
