@@ -34,10 +34,7 @@ class TransferTest : public ServerTest, public testing::WithParamInterface<bool>
     comm_socket_v4_debug_logging(client());
     comm_socket_v4_normal_logging(&s);
   }
-  int send(bool to_client, const Packet& p) {
-    return to_client ? comm_socket_v4_packet_send_to_client(record(), p.get())
-                     : comm_socket_v4_packet_send_to_server(client(), p.get());
-  }
+  int send(bool to_client, const Packet& p) { return to_client ? send_to(0, p) : send_from(0, p); }
   int send(const Packet& p) { return send(at_server, p); }
   int peer_sends(const Packet& p) { return send(!at_server, p); }
   void peer_leaves() {
