@@ -82,6 +82,23 @@ TEST_F(PacketTest, ReadsNothingFromAPacketWithoutHeader) {
   }
 }
 
+// The rules and their limits are compared with those of another reader, in read_packet_test.py.
+TEST_F(PacketTest, IsJudgedBeforeItIsRead) {
+  const Endpoint endpoint = make_endpoint();
+  comm_socket_v4_debug_logging(endpoint.get());
+  const auto judge = [&](const std::string& bytes) {
+    const Packet p = exact_packet(bytes);
+    const auto* const header = reinterpret_cast<comm_socket_v4_packet_header*>(p->buffer);
+    return told(
+        [&] { return comm_socket_v4_validate_packet_contents(endpoint.get(), p.get(), header); });
+  };
+  EXPECT_EQ(Told(0, errno_before, {}), judge(kPing));
+  EXPECT_EQ(Told(-1, errno_before,
+                 {"DEBUG: packet validation failed. nv_pair_table invalid: offset+count > "
+                  "buffer_length"}),
+            judge(kPing.substr(0, 93)));
+}
+
 // --- Object, buffer and descriptors -------------------------------------------------------------
 
 TEST_F(PacketTest, LivesAsLongAsItsReferences) {

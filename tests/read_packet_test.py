@@ -6,6 +6,7 @@ written from docs/wire-format.md: accepted, or refused by the same rule.
 """
 import collections
 import ctypes
+import itertools
 import os
 import random
 import socket
@@ -33,20 +34,37 @@ ARGUMENTS = struct.pack("<IIII", 73, 83 | 2 << 24, 91 | 3 << 24, 99 | 5 << 24)
 PAIRS = struct.pack("<12I", 78, 73, 4, 0, 78, 83, 24, 2, 78, 83, 3, 0x61626772)
 WHOLE = struct.pack("<IIQQQIIIBIHIII", 0xABCD0201, 63, 1, 2, 3, 1, 67, 63, 4, 107, 3, 123, 171, 5)
 WHOLE += STRINGS + NUMBERS + ARGUMENTS + PAIRS + b"data!"
-# The fields that rules are about: in the header, the arguments and the pairs.
-FIELDS = [(0, 4), (36, 4), (40, 4), (44, 1), (45, 4), (49, 2), (51, 4), (55, 4), (59, 4)]
-FIELDS += [(at, 3) for at in range(107, 123, 4)] + [(at, 1) for at in range(110, 123, 4)]
+# Behind the signature and the length: the fields of the header, the arguments and the pairs that
+# rules are about, or that none may be about.
+FIELDS = [(0, 4), (4, 4), (32, 4), (36, 4), (40, 4), (44, 1), (45, 4), (49, 2), (51, 4), (55, 4)]
+FIELDS += [(59, 4)] + [(at + i, size) for at in range(107, 123, 4) for i, size in ((0, 3), (3, 1))]
 FIELDS += [(at, 4) for at in range(123, 171, 4)]
+END = len(WHOLE)
 
 
-def damaged(rng):
+def values(at, size):
+    """What is there, what is almost that, and what lies at both sides of a limit."""
+    there, most = int.from_bytes(WHOLE[at:at + size], "little"), 256 ** size - 1
+    some = (there, there ^ 1, there ^ (most + 1) // 2, most, *range(6), 4095, 4096)
+    return sorted({value & most for value in (*some, *range(END - 17, END + 2))})
+
+
+def damaged(*fields):
     packet = bytearray(WHOLE)
-    for at, size in rng.sample(FIELDS, rng.randint(0, 2)):
-        limit = 256 ** size - 1
-        value = rng.choice((0, 1, 5, 4095, 4096, limit, rng.randint(0, limit),
-                            len(WHOLE) - rng.randint(-2, 30)))
-        packet[at:at + size] = (value & limit).to_bytes(size, "little")
-    return bytes(packet[:rng.choice((len(packet),) * 9 + (rng.randint(64, len(packet)),))])
+    for (at, size), value in fields:
+        packet[at:at + size] = value.to_bytes(size, "little")
+    return bytes(packet)
+
+
+def cases():
+    """Every length, every two neighbours with all their values, and some of any two fields."""
+    yield from (WHOLE[:length] for length in range(64, END + 1))
+    single = {field: [(field, value) for value in values(*field)] for field in FIELDS}
+    for one, two in zip(FIELDS, FIELDS[1:]):
+        yield from itertools.starmap(damaged, itertools.product(single[one], single[two]))
+    rng = random.Random(1)
+    for _ in range(5000):
+        yield damaged(*(rng.choice(single[field]) for field in rng.sample(FIELDS, 2)))
 
 
 def library_says(packet):
@@ -58,7 +76,7 @@ def library_says(packet):
         comm.comm_socket_v4_packet_release(ctypes.c_void_p(received))
         return "accepted"
     log.seek(0)
-    return log.read().decode().split("packet validation failed. ")[1].split("\n")[0]
+    return log.read().decode().split("]: packet validation failed. ")[1].split("\n")[0]
 
 
 def reader_says(packet):
@@ -70,10 +88,8 @@ def reader_says(packet):
         return str(rule)
 
 
-rng = random.Random(1)
 seen = collections.Counter()
-for _ in range(20000):
-    case = damaged(rng)
+for case in cases():
     library, reader = library_says(case), reader_says(case)
     if library != reader:
         print(f"library: {library}\nreader:  {reader}\npacket:  {case.hex()}")
