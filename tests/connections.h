@@ -10,9 +10,9 @@
 
 using Numbers = std::vector<unsigned long>;
 
-// "-1 EAGAIN", or the number.
+// The number, and of a negative one errno: "-1 EAGAIN".
 inline std::string answered(long answer) {
-  return answer >= 0 ? std::to_string(answer) : std::string("-1 ") + strerrorname_np(errno);
+  return std::to_string(answer) + (answer < 0 ? std::string(" ") + strerrorname_np(errno) : "");
 }
 
 class ServerTest : public CommTest {
