@@ -6,11 +6,11 @@
 CapturedLog::CapturedLog()
     : file_(::memfd_create("log", MFD_CLOEXEC)),
       standard_error_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {
-  if (file_.valid() && standard_error_.valid()) ::dup2(file_.get(), STDERR_FILENO);
+  if (file_.is_open() && standard_error_.is_open()) ::dup2(file_.get(), STDERR_FILENO);
 }
 
 CapturedLog::~CapturedLog() {
-  if (standard_error_.valid()) ::dup2(standard_error_.get(), STDERR_FILENO);
+  if (standard_error_.is_open()) ::dup2(standard_error_.get(), STDERR_FILENO);
 }
 
 std::string CapturedLog::first_message() const {

@@ -19,8 +19,8 @@ class CapturedLog {
   std::string first_message() const;
 
  private:
-  OwnedFd file_;
-  OwnedFd standard_error_;
+  Descriptor file_;
+  Descriptor standard_error_;
 };
 
 #endif

@@ -9,7 +9,7 @@
 #include "tool/arguments.h"
 
 EventLoop::EventLoop() : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
-  if (!epoll_.valid()) throw system_failure("cannot create an event loop");
+  if (!epoll_.is_open()) throw system_failure("cannot create an event loop");
 }
 
 void EventLoop::watch(int fd, std::uint32_t events, Handler handler) {
@@ -57,12 +57,12 @@ StopSignals::StopSignals() {
     sigaddset(&signals, SIGHUP);
   ::sigprocmask(SIG_BLOCK, &signals, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
-  fd_ = OwnedFd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-  if (!fd_.valid()) throw system_failure("cannot wait for signals");
+  fd_ = Descriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+  if (!fd_.is_open()) throw system_failure("cannot wait for signals");
 }
 
 Timer::Timer() : fd_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
-  if (!fd_.valid()) throw system_failure("cannot create a timer");
+  if (!fd_.is_open()) throw system_failure("cannot create a timer");
 }
 
 void Timer::set(std::uint64_t delay_us) {

@@ -19,16 +19,16 @@ bool same_socket(const std::string& path, const std::string& other) {
          file.st_dev == other_file.st_dev && file.st_ino == other_file.st_ino;
 }
 
-OwnedFd open_file(const std::string& path, int flags) {
-  OwnedFd file(::open(path.c_str(), flags | O_CLOEXEC, 0666));
-  if (!file.valid()) throw system_failure("cannot open " + in_quotes(path));
+Descriptor open_file(const std::string& path, int flags) {
+  Descriptor file(::open(path.c_str(), flags | O_CLOEXEC, 0666));
+  if (!file.is_open()) throw system_failure("cannot open " + in_quotes(path));
   return file;
 }
 
 std::string read_file(const std::string& path, std::size_t max) {
   const bool standard_input = path == "-";
   const std::string what = standard_input ? "standard input" : in_quotes(path);
-  const OwnedFd file = standard_input ? OwnedFd() : open_file(path, O_RDONLY);
+  const Descriptor file = standard_input ? Descriptor() : open_file(path, O_RDONLY);
   std::string bytes;
   char chunk[65536];
   for (;;) {
@@ -51,10 +51,10 @@ void make_empty_folder(const std::string& path) {
   if (!empty) throw Failure("folder " + in_quotes(path) + " is not empty");
 }
 
-OwnedFd create_file(const std::string& folder, const std::string& name) {
+Descriptor create_file(const std::string& folder, const std::string& name) {
   const std::string path = folder + "/" + name;
-  OwnedFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-  if (!file.valid()) throw system_failure("cannot create " + in_quotes(path));
+  Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+  if (!file.is_open()) throw system_failure("cannot create " + in_quotes(path));
   return file;
 }
 

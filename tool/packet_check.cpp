@@ -89,7 +89,7 @@ std::string broken_rule(comm_socket_v4_packet& packet) {
     return "too short: " + length + ", at least " + std::to_string(min_packet_length) +
            " are needed";
 
-  static const EndpointPtr checker = new_endpoint(false);
+  static const Endpoint checker = new_endpoint(false);
   auto* const header = reinterpret_cast<Header*>(packet.buffer);
   comm_socket_v4_shut_up(checker.get());
   if (comm_socket_v4_validate_packet_contents(checker.get(), &packet, header) == 0) return "";
@@ -109,7 +109,7 @@ int keep_if_refused(std::vector<Refused>& refused, comm_socket_v4_packet& packet
   std::string rule = broken_rule(packet);
   if (rule.empty()) return 0;
   packet.addref();
-  refused.push_back({PacketPtr(&packet), std::move(rule)});
+  refused.push_back({Packet(&packet), std::move(rule)});
   return -1;
 }
 

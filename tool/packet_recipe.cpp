@@ -210,8 +210,8 @@ void PacketRecipe::set_multipart(const std::string& part, const std::string& nam
 
 // --- To a packet --------------------------------------------------------------------------------
 
-PacketPtr PacketRecipe::build(const comm_socket_v4_packet* request) const {
-  PacketPtr packet = new_packet();
+Packet PacketRecipe::build(const comm_socket_v4_packet* request) const {
+  Packet packet = new_packet();
   packet->flags = multipart_ << comm_socket_v4_packet::multipart_shift;
   packet->set_async(async_);
   packet->set_request(request == nullptr);
@@ -227,15 +227,15 @@ PacketPtr PacketRecipe::build(const comm_socket_v4_packet* request) const {
   if (packet->buffer_length > max_packet_length)
     throw UsageError("the packet has " + std::to_string(packet->buffer_length) +
                      " bytes, a receiver takes at most " + std::to_string(max_packet_length));
-  for (const OwnedFd& descriptor : descriptors_)
+  for (const Descriptor& descriptor : descriptors_)
     if (!packet->attach_fd_to_send(descriptor.get()))
       throw system_failure("cannot attach a descriptor");
   return packet;
 }
 
-PacketPtr begin_answer(const comm_socket_v4_packet& request, std::uint64_t error_code,
-                       const std::string& error_string) {
-  PacketPtr packet = new_packet();
+Packet begin_answer(const comm_socket_v4_packet& request, std::uint64_t error_code,
+                    const std::string& error_string) {
+  Packet packet = new_packet();
   packet->stream_id = request.stream_id;
   packet->message_id = request.message_id;
   packet->error_code = error_code;

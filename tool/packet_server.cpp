@@ -25,8 +25,8 @@ bool descriptors_to_spare() {
   constexpr rlim_t reserve = 16;
   struct rlimit limit;
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return true;
-  const OwnedFd next(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
-  return next.valid() && static_cast<rlim_t>(next.get()) + reserve <= limit.rlim_cur;
+  const Descriptor next(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+  return next.is_open() && static_cast<rlim_t>(next.get()) + reserve <= limit.rlim_cur;
 }
 
 mode_t parse_mode(const std::string& text, const std::string& what) {
@@ -38,14 +38,14 @@ mode_t parse_mode(const std::string& text, const std::string& what) {
   return mode;
 }
 
-EndpointPtr create_server(const ServerSettings& settings) {
+Endpoint create_server(const ServerSettings& settings) {
   const std::string& path = settings.path;
   if (path.size() > max_server_path)
     throw UsageError("the path has " + std::to_string(path.size()) +
                      " characters, a server's has at most " + std::to_string(max_server_path));
   if (settings.mode.has_value() && is_abstract(path))
     throw UsageError("--mode: an abstract name has no mode");
-  EndpointPtr server = new_endpoint(settings.verbose);
+  Endpoint server = new_endpoint(settings.verbose);
   const unsigned mask = server->log_mask;
   std::string reason;
   int result;
@@ -194,7 +194,7 @@ void PacketServer::on_client_event(Peer& peer, std::uint32_t events) {
     flush(peer);
   const bool readable = hung_up || (events & EPOLLIN) != 0;
   if (readable && !peer.paused && !peer.closing) {
-    PacketPtr packet(comm_socket_v4_client_get_packet(record(peer)));
+    Packet packet(comm_socket_v4_client_get_packet(record(peer)));
     for (const Refused& refused : std::exchange(refused_, {})) on_refused(peer, refused);
     if (packet != nullptr) on_packet(peer, std::move(packet));
   }

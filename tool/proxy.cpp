@@ -49,11 +49,11 @@ void parse(int argc, char** argv, Settings& settings) {
 
 // A client and its connection to the server.
 struct ProxiedPeer : Peer {
-  EndpointPtr upstream;
+  Endpoint upstream;
   int upstream_fd = -1;     // as it is watched
   bool connecting = false;  // the server's queue of connections is full
   std::uint64_t connect_deadline_us = 0;
-  PacketPtr to_server;           // waits for the server; the client is paused meanwhile
+  Packet to_server;              // waits for the server; the client is paused meanwhile
   std::vector<Refused> refused;  // in the read that goes on
 };
 
@@ -117,7 +117,7 @@ class Proxy : public PacketServer {
 
   // --- Packets
 
-  void on_packet(Peer& from, PacketPtr packet) override {
+  void on_packet(Peer& from, Packet packet) override {
     auto& peer = static_cast<ProxiedPeer&>(from);
     show(peer, Direction::to_server, *packet);
     allow_sending_on(*packet);
@@ -150,7 +150,7 @@ class Proxy : public PacketServer {
 
   // False when the server has closed the connection.
   bool read_from_server(ProxiedPeer& peer) {
-    const PacketPtr packet(comm_socket_v4_client_get_packet_from_server(peer.upstream.get()));
+    const Packet packet(comm_socket_v4_client_get_packet_from_server(peer.upstream.get()));
     for (const Refused& refused : std::exchange(peer.refused, {}))
       show_refused(peer, Direction::to_client, refused);
     if (packet != nullptr) {
@@ -208,7 +208,7 @@ class Proxy : public PacketServer {
     char name[64];
     std::snprintf(name, sizeof(name), "%06lu-client-%lu-%s", ++saved_, peer.number,
                   direction == Direction::to_server ? "to-server" : "from-server");
-    const OwnedFd file = create_file(*settings_.folder, name);
+    const Descriptor file = create_file(*settings_.folder, name);
     write_all(file.get(), {reinterpret_cast<const char*>(packet.buffer), packet.buffer_length},
               in_quotes(name));
     return std::string(", saved as ") + name;

@@ -41,8 +41,8 @@ class RequestCommand {
   EventLoop& loop_;
   Done done_;
   CommandResult result_;
-  OwnedFd output_;
-  OwnedFd process_;  // readable once the command has ended
+  Descriptor output_;
+  Descriptor process_;  // readable once the command has ended
   Timer timer_;
   pid_t pid_ = -1;  // -1 when it has been waited for
 };

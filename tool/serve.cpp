@@ -66,14 +66,14 @@ void make_answer_of(comm_socket_v4_packet& packet) {
   allow_sending_on(packet);
 }
 
-PacketPtr error_answer(const comm_socket_v4_packet& request, std::uint64_t code,
-                       const std::string& text) {
-  PacketPtr answer = begin_answer(request, code, text);
+Packet error_answer(const comm_socket_v4_packet& request, std::uint64_t code,
+                    const std::string& text) {
+  Packet answer = begin_answer(request, code, text);
   if (answer->write_end() != 0) throw std::bad_alloc();
   return answer;
 }
 
-PacketPtr answer_of_command(const comm_socket_v4_packet& request, const CommandResult& result) {
+Packet answer_of_command(const comm_socket_v4_packet& request, const CommandResult& result) {
   constexpr std::uint64_t killed = 128;  // as a shell counts, the signal's number is added
   const char* const too_long = "the command's output is longer than a packet";
   if (result.too_long) return error_answer(request, killed + SIGKILL, too_long);
@@ -88,7 +88,7 @@ PacketPtr answer_of_command(const comm_socket_v4_packet& request, const CommandR
     code = static_cast<std::uint64_t>(WEXITSTATUS(result.wait_status));
     error = "the command exited with status " + std::to_string(code);
   }
-  PacketPtr answer = begin_answer(request, code, error);
+  Packet answer = begin_answer(request, code, error);
   const auto* const data = reinterpret_cast<const unsigned char*>(result.output.data());
   if (answer->write_data_binary(data, result.output.size()) < 0 || answer->write_end() != 0)
     throw std::bad_alloc();
@@ -98,7 +98,7 @@ PacketPtr answer_of_command(const comm_socket_v4_packet& request, const CommandR
 }
 
 struct ServedPeer : Peer {
-  PacketPtr request;  // the last one
+  Packet request;  // the last one
   std::unique_ptr<RequestCommand> running;
 };
 
@@ -110,7 +110,7 @@ class AnsweringServer : public PacketServer {
  private:
   std::unique_ptr<Peer> make_peer() override { return std::make_unique<ServedPeer>(); }
 
-  void on_packet(Peer& peer, PacketPtr packet) override {
+  void on_packet(Peer& peer, Packet packet) override {
     say(peer.name() + ": " + summary(*packet), *packet);
     auto& served = static_cast<ServedPeer&>(peer);
     served.request = std::move(packet);
@@ -154,7 +154,7 @@ class AnsweringServer : public PacketServer {
 
 // An answer that is too long is known at once, however long the command of the request.
 void check_answer(const PacketRecipe& answer) {
-  const PacketPtr request = new_packet();
+  const Packet request = new_packet();
   if (request->write_begin(std::string(255, 'x').c_str(), nullptr, 0) != 0) throw std::bad_alloc();
   answer.build(request.get());
 }
