@@ -9,7 +9,6 @@
 #include "tool/files.h"
 #include "tool/packet_check.h"
 #include "tool/packet_print.h"
-#include "tool/packet_recipe.h"
 
 namespace {
 
@@ -45,10 +44,10 @@ int run(int argc, char** argv) {
   if (comm_socket_v4_client_on_recv_packet(receiver.get(), packet.get()) != 0)
     throw Failure(what + " is no valid packet");
   print_packet(*packet, format);
-  if (packet->buffer_length > max_packet_length)
+  if (packet->buffer_length > COMM_V4_MAX_RECEIVED_PACKET)
     throw Failure(what + " has " + std::to_string(packet->buffer_length) +
                   " bytes; receivers drop a packet of more than " +
-                  std::to_string(max_packet_length));
+                  std::to_string(COMM_V4_MAX_RECEIVED_PACKET));
   return exit_ok;
 }
 

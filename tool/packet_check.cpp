@@ -7,7 +7,6 @@
 #include <cstdio>
 
 #include "tool/captured_log.h"
-#include "tool/packet_recipe.h"
 
 namespace {
 
@@ -85,8 +84,8 @@ std::string places_in(const comm_socket_v4_packet& packet, const std::string& me
 
 std::string broken_rule(comm_socket_v4_packet& packet) {
   const std::string length = "the packet has " + std::to_string(packet.buffer_length) + " bytes";
-  if (packet.buffer_length < min_packet_length)
-    return "too short: " + length + ", at least " + std::to_string(min_packet_length) +
+  if (packet.buffer_length < COMM_V4_MIN_RECEIVED_PACKET)
+    return "too short: " + length + ", at least " + std::to_string(COMM_V4_MIN_RECEIVED_PACKET) +
            " are needed";
 
   static const Endpoint checker = new_endpoint(false);

@@ -8,7 +8,6 @@
 #include <string_view>
 
 #include "tool/packet_print.h"
-#include "tool/packet_recipe.h"
 #include "tool/visible_text.h"
 
 namespace {
@@ -18,7 +17,7 @@ using Pair = comm_socket_v4_packet_nv_pair;
 constexpr std::size_t max_listing = 1'000'000;
 // Without overlaps a byte takes 4 characters as an escape and not quite 5 among the bytes of the
 // full listing; numbers, entries of tables and the rest of their lines take less.
-static_assert(max_packet_length * 9 + 10'000 < max_listing);
+static_assert(COMM_V4_MAX_RECEIVED_PACKET * 9 + 10'000 < max_listing);
 
 template <class... Values>
 std::string formatted(const char* format, Values... values) {

@@ -9,19 +9,16 @@
 
 namespace {
 
-constexpr std::size_t max_command = 255;
-constexpr std::size_t max_error_string = 4095;
-constexpr std::size_t max_name = 4095;
-constexpr std::size_t max_arguments = 255;
-constexpr std::size_t max_pairs = 4095;
-constexpr std::size_t max_descriptors = 8;
-
 // The writer cuts what is longer; what goes out is what was asked for, or nothing.
 const std::string& bounded(const std::string& text, std::size_t max, const std::string& what) {
   if (text.size() > max)
     throw UsageError(what + " has " + std::to_string(text.size()) + " bytes, at most " +
                      std::to_string(max) + " can be sent");
   return text;
+}
+
+void check_count(std::size_t count, std::size_t max, const char* things) {
+  if (count > max) throw UsageError("a packet has at most " + std::to_string(max) + " " + things);
 }
 
 // "TYPE:REST" with one of the types; the type is empty for any other text.
@@ -74,7 +71,7 @@ std::uint32_t parse_code(const std::string& text, const std::string& what) {
 
 bool names_file(const std::string& value) { return value.starts_with('@'); }
 std::string named_file(const std::string& value) {
-  return read_file(value.substr(1), max_packet_length);
+  return read_file(value.substr(1), COMM_V4_MAX_RECEIVED_PACKET);
 }
 
 }  // namespace
@@ -86,7 +83,7 @@ std::vector<Option> PacketRecipe::options(std::vector<Option> own) {
       {"pair", 'p', true, [this](auto& text, auto&) { add_pair(text); }},
       {"data", 'd', true, [this](auto& text, auto&) { data_ = text; }},
       {"data-file", 'D', true,
-       [this](auto& file, auto&) { data_ = read_file(file, max_packet_length); }},
+       [this](auto& file, auto&) { data_ = read_file(file, COMM_V4_MAX_RECEIVED_PACKET); }},
       {"fd", 0, true, [this](auto& file, auto&) { attach(file, O_RDONLY); }},
       {"fd-rw", 0, true, [this](auto& file, auto&) { attach(file, O_RDWR | O_CREAT); }},
       flag_option("async", 0, async_),
@@ -94,8 +91,9 @@ std::vector<Option> PacketRecipe::options(std::vector<Option> own) {
       number_option("stream-id", 0, stream_id_),
       number_option("message-id", 0, message_id_),
       number_option("error-code", 0, error_code_),
-      {"error-string", 0, true,
-       [this](auto& text, auto& what) { error_string_ = bounded(text, max_error_string, what); }}};
+      {"error-string", 0, true, [this](auto& text, auto& what) {
+         error_string_ = bounded(text, COMM_V4_MAX_ERROR_STRING, what);
+       }}};
   for (Option& option : all)
     option.set = [this, set = option.set](auto& value, auto& what) {
       given_ = true;
@@ -107,13 +105,13 @@ std::vector<Option> PacketRecipe::options(std::vector<Option> own) {
 
 void PacketRecipe::set_command(const std::string& command) {
   if (command.empty()) throw UsageError("the command is empty, and no receiver accepts that");
-  command_ = bounded(command, max_command, "the command");
+  command_ = bounded(command, COMM_V4_MAX_COMMAND, "the command");
   given_ = true;
 }
 
 void PacketRecipe::add_argument(const std::string& text) {
   const std::string what = "argument " + std::to_string(++arguments_);
-  if (arguments_ > max_arguments) throw UsageError("a packet has at most 255 arguments");
+  check_count(arguments_, COMM_V4_MAX_ARGUMENTS, "arguments");
   const auto [type, value] = split_type(text);
   if (type == "uint64")
     writes_.emplace_back([number = parse_uint64(value, what)](comm_socket_v4_packet& p) {
@@ -132,7 +130,7 @@ void PacketRecipe::add_argument(const std::string& text) {
   else if (value.empty())
     throw UsageError(what + ": an empty text cannot be sent as an argument");
   else
-    writes_.emplace_back([bytes = bounded(value, max_packet_length, what)](
+    writes_.emplace_back([bytes = bounded(value, COMM_V4_MAX_TEXT, what)](
                              comm_socket_v4_packet& p) { return p.write_argv(bytes.c_str()); });
 }
 
@@ -140,9 +138,9 @@ void PacketRecipe::add_pair(std::string_view text) {
   const std::size_t equals = text.find('=');
   if (equals == std::string_view::npos)
     throw UsageError("--pair: " + in_quotes(text) + " is not NAME=VALUE");
-  if (++pairs_ > max_pairs) throw UsageError("a packet has at most 4095 pairs");
+  check_count(++pairs_, COMM_V4_MAX_PAIRS, "pairs");
   const std::string name(text.substr(0, equals));
-  bounded(name, max_name, "a pair's name");
+  bounded(name, COMM_V4_MAX_NAME, "a pair's name");
   const auto [type, value] = split_type(std::string(text.substr(equals + 1)));
   add_typed_pair(name, type, value);
 }
@@ -193,8 +191,7 @@ void PacketRecipe::add_numbers(const std::string& name, std::vector<Number> numb
 }
 
 void PacketRecipe::attach(const std::string& path, int flags) {
-  if (descriptors_.size() == max_descriptors)
-    throw UsageError("at most 8 descriptors can be attached");
+  check_count(descriptors_.size() + 1, COMM_V4_MAX_ATTACHED_FDS, "descriptors");
   descriptors_.push_back(open_file(path, flags));
 }
 
@@ -224,9 +221,10 @@ Packet PacketRecipe::build(const comm_socket_v4_packet* request) const {
   const auto* const data = reinterpret_cast<const unsigned char*>(data_.data());
   written = written && packet->write_data_binary(data, data_.size()) >= 0;
   if (!written || packet->write_end() != 0) throw std::bad_alloc();
-  if (packet->buffer_length > max_packet_length)
+  if (packet->buffer_length > COMM_V4_MAX_RECEIVED_PACKET)
     throw UsageError("the packet has " + std::to_string(packet->buffer_length) +
-                     " bytes, a receiver takes at most " + std::to_string(max_packet_length));
+                     " bytes, a receiver takes at most " +
+                     std::to_string(COMM_V4_MAX_RECEIVED_PACKET));
   for (const Descriptor& descriptor : descriptors_)
     if (!packet->attach_fd_to_send(descriptor.get()))
       throw system_failure("cannot attach a descriptor");

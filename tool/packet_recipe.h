@@ -12,10 +12,6 @@
 #include "tool/arguments.h"
 #include "tool/handles.h"
 
-// What a receiver accepts.
-constexpr std::size_t min_packet_length = COMM_V4_HEADER_LENGTH + 1;
-constexpr std::size_t max_packet_length = COMM_V4_RECV_SIZE_CAP + 15;
-
 #define PACKET_OPTIONS_HELP                                                                       \
   "\n"                                                                                            \
   "The packet:\n"                                                                                 \
@@ -36,6 +32,7 @@ constexpr std::size_t max_packet_length = COMM_V4_RECV_SIZE_CAP + 15;
   "characters or a number. Numbers are decimal, or hexadecimal after 0x. What begins with a "     \
   "dash\n"                                                                                        \
   "goes behind --.\n"
+static_assert(COMM_V4_MAX_ATTACHED_FDS == 8, "the help says so");
 
 class PacketRecipe {
  public:

@@ -17,8 +17,6 @@
 
 namespace {
 
-constexpr std::size_t max_server_path = 106;
-
 // An accept without a descriptor left would close the server. Some more are kept for what a client
 // needs besides its connection.
 bool descriptors_to_spare() {
@@ -40,9 +38,10 @@ mode_t parse_mode(const std::string& text, const std::string& what) {
 
 Endpoint create_server(const ServerSettings& settings) {
   const std::string& path = settings.path;
-  if (path.size() > max_server_path)
+  if (path.size() > COMM_V4_MAX_SERVER_PATH)
     throw UsageError("the path has " + std::to_string(path.size()) +
-                     " characters, a server's has at most " + std::to_string(max_server_path));
+                     " characters, a server's has at most " +
+                     std::to_string(COMM_V4_MAX_SERVER_PATH));
   if (settings.mode.has_value() && is_abstract(path))
     throw UsageError("--mode: an abstract name has no mode");
   Endpoint server = new_endpoint(settings.verbose);

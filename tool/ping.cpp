@@ -52,7 +52,7 @@ void parse(int argc, char** argv, Settings& settings) {
       ping_subcommand, argc, argv,
       {number_option("count", 'c', settings.count, 1),
        seconds_option("interval", 'i', settings.interval_us),
-       number_option("size", 's', settings.size, 0, max_packet_length),
+       number_option("size", 's', settings.size, 0, COMM_V4_MAX_RECEIVED_PACKET),
        seconds_option("timeout", 'W', settings.timeout_us),
        text_option("command", 'C', settings.command), flag_option("quiet", 'q', settings.quiet),
        flag_option("verbose", 'v', settings.verbose)},

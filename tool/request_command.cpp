@@ -15,7 +15,6 @@
 
 #include "tool/arguments.h"
 #include "tool/files.h"
-#include "tool/packet_recipe.h"
 
 namespace {
 
@@ -138,7 +137,7 @@ void RequestCommand::read_output() {
   if (got < 0) return;
   if (got == 0) return loop_.forget(output_.get());
   result_.output.append(chunk, static_cast<std::size_t>(got));
-  if (result_.output.size() <= max_packet_length) return;
+  if (result_.output.size() <= COMM_V4_MAX_RECEIVED_PACKET) return;
   result_.too_long = true;
   loop_.forget(output_.get());
   ::kill(-pid_, SIGKILL);

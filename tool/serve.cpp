@@ -92,7 +92,7 @@ Packet answer_of_command(const comm_socket_v4_packet& request, const CommandResu
   const auto* const data = reinterpret_cast<const unsigned char*>(result.output.data());
   if (answer->write_data_binary(data, result.output.size()) < 0 || answer->write_end() != 0)
     throw std::bad_alloc();
-  if (answer->buffer_length > max_packet_length)
+  if (answer->buffer_length > COMM_V4_MAX_RECEIVED_PACKET)
     return error_answer(request, killed + SIGKILL, too_long);
   return answer;
 }
@@ -155,7 +155,8 @@ class AnsweringServer : public PacketServer {
 // An answer that is too long is known at once, however long the command of the request.
 void check_answer(const PacketRecipe& answer) {
   const Packet request = new_packet();
-  if (request->write_begin(std::string(255, 'x').c_str(), nullptr, 0) != 0) throw std::bad_alloc();
+  if (request->write_begin(std::string(COMM_V4_MAX_COMMAND, 'x').c_str(), nullptr, 0) != 0)
+    throw std::bad_alloc();
   answer.build(request.get());
 }
 
