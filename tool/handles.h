@@ -1,10 +1,11 @@
-// New packets and endpoints, or std::bad_alloc.
+// New packets and endpoints, or std::bad_alloc, and what an endpoint logs.
 #ifndef TOOL_HANDLES_H
 #define TOOL_HANDLES_H
 
 #include <tarn_utils_v4/comm.h>
 
 #include <new>
+#include <string>
 
 #include "lib/owners.h"
 
@@ -21,6 +22,12 @@ inline Endpoint new_endpoint(bool verbose) {
   if (endpoint == nullptr) throw std::bad_alloc();
   endpoint->log_mask = verbose ? 15 : 2;
   return endpoint;
+}
+
+// A log sink: the first line goes to the std::string at `user`, the others nowhere.
+inline void keep_first_line(void* user, const char* /*level*/, const char* text) noexcept {
+  auto& line = *static_cast<std::string*>(user);
+  if (line.empty()) line = text;
 }
 
 #endif

@@ -6,8 +6,6 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "tool/captured_log.h"
-
 namespace {
 
 using Header = comm_socket_v4_packet_header;
@@ -88,16 +86,11 @@ std::string broken_rule(comm_socket_v4_packet& packet) {
     return "too short: " + length + ", at least " + std::to_string(COMM_V4_MIN_RECEIVED_PACKET) +
            " are needed";
 
-  static const Endpoint checker = new_endpoint(false);
-  auto* const header = reinterpret_cast<Header*>(packet.buffer);
-  comm_socket_v4_shut_up(checker.get());
-  if (comm_socket_v4_validate_packet_contents(checker.get(), &packet, header) == 0) return "";
-
-  // Again, for its words.
-  comm_socket_v4_debug_logging(checker.get());
-  const CapturedLog log;
-  comm_socket_v4_validate_packet_contents(checker.get(), &packet, header);
-  std::string message = log.first_message();
+  std::string message;
+  const Endpoint checker = new_endpoint(true);
+  comm_socket_v4_set_log_sink(checker.get(), keep_first_line, &message);
+  if (comm_socket_v4_validate_packet_contents(checker.get(), &packet, header_of(packet)) == 0)
+    return "";
   const std::string prefix = "packet validation failed. ";
   if (message.starts_with(prefix)) message.erase(0, prefix.size());
   return message + " (" + places_in(packet, message) + length + ")";

@@ -12,7 +12,6 @@
 #include <cstring>
 #include <utility>
 
-#include "tool/captured_log.h"
 #include "tool/files.h"
 
 namespace {
@@ -44,18 +43,14 @@ Endpoint create_server(const ServerSettings& settings) {
                      std::to_string(COMM_V4_MAX_SERVER_PATH));
   if (settings.mode.has_value() && is_abstract(path))
     throw UsageError("--mode: an abstract name has no mode");
+  std::string reason;  // The library's error line says more than errno.
   Endpoint server = new_endpoint(settings.verbose);
   const unsigned mask = server->log_mask;
-  std::string reason;
-  int result;
-  {
-    // The library's error line says more than errno.
-    const CapturedLog log;
-    server->log_mask = 1;
-    result = comm_socket_v4_create_server(server.get(), path.c_str());
-    reason = log.first_message();
-  }
-  if (result != 0) throw Failure("cannot listen on " + in_quotes(path) + ": " + reason);
+  server->log_mask = 1;
+  comm_socket_v4_set_log_sink(server.get(), keep_first_line, &reason);
+  if (comm_socket_v4_create_server(server.get(), path.c_str()) != 0)
+    throw Failure("cannot listen on " + in_quotes(path) + ": " + reason);
+  comm_socket_v4_set_log_sink(server.get(), nullptr, nullptr);
   server->log_mask = mask & 15;
   // Whatever may have taken the place of the socket file, a link is not followed.
   if (settings.mode.has_value() &&
