@@ -16,11 +16,12 @@ inline Packet new_packet() {
 }
 
 // Without its error lines, for which the caller has words of its own. With `verbose` it says
-// everything.
+// everything. No program that is started inherits what it receives.
 inline Endpoint new_endpoint(bool verbose) {
   Endpoint endpoint(comm_socket_v4_create());
   if (endpoint == nullptr) throw std::bad_alloc();
   endpoint->log_mask = verbose ? 15 : 2;
+  comm_socket_v4_set_descriptors_cloexec(endpoint.get(), 1);
   return endpoint;
 }
 

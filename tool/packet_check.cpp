@@ -1,7 +1,5 @@
 #include "tool/packet_check.h"
 
-#include <fcntl.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -80,7 +78,7 @@ std::string places_in(const comm_socket_v4_packet& packet, const std::string& me
 
 }  // namespace
 
-std::string broken_rule(comm_socket_v4_packet& packet) {
+std::string broken_rule(const comm_socket_v4_packet& packet) {
   const std::string length = "the packet has " + std::to_string(packet.buffer_length) + " bytes";
   if (packet.buffer_length < COMM_V4_MIN_RECEIVED_PACKET)
     return "too short: " + length + ", at least " + std::to_string(COMM_V4_MIN_RECEIVED_PACKET) +
@@ -97,7 +95,6 @@ std::string broken_rule(comm_socket_v4_packet& packet) {
 }
 
 int keep_if_refused(std::vector<Refused>& refused, comm_socket_v4_packet& packet) {
-  for (const int fd : packet.attached_fd) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
   std::string rule = broken_rule(packet);
   if (rule.empty()) return 0;
   packet.addref();

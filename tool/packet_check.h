@@ -8,7 +8,7 @@
 #include "tool/handles.h"
 
 // Empty when a receiver accepts the packet. A NUL must follow its bytes, inside the buffer.
-std::string broken_rule(comm_socket_v4_packet& packet);
+std::string broken_rule(const comm_socket_v4_packet& packet);
 
 // Packets that did not pass, kept from within a receive callback for whoever reports them.
 struct Refused {
@@ -16,8 +16,7 @@ struct Refused {
   std::string rule;
 };
 
-// The body of a receive callback: no program started later inherits the packet's descriptors, and a
-// packet that breaks a rule is refused.
+// The body of a receive callback: a packet that breaks a rule is refused.
 int keep_if_refused(std::vector<Refused>& refused, comm_socket_v4_packet& packet);
 // For all that the endpoint of a client receives. Its tag is used up.
 void keep_refused(comm_socket_v4& endpoint, std::vector<Refused>& refused);

@@ -226,7 +226,7 @@ Packet PacketRecipe::build(const comm_socket_v4_packet* request) const {
                      " bytes, a receiver takes at most " +
                      std::to_string(COMM_V4_MAX_RECEIVED_PACKET));
   for (const Descriptor& descriptor : descriptors_)
-    if (!packet->attach_fd_to_send(descriptor.get()))
+    if (!packet->attach_fd_to_send_cloexec(descriptor.get()))
       throw system_failure("cannot attach a descriptor");
   return packet;
 }
