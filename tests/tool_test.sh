@@ -97,8 +97,9 @@ expect 0 "sees the proxy's process, user and group ids" proxy --help
 expect 2 "call: PATH is empty" call "" x
 expect 2 "ping: --count: '0' is out of range" ping -c 0 s
 expect 2 "serve: the path has 120 characters" serve "$(printf '%0120d' 0)"
-expect 2 "serve: --mode: an abstract name has no mode" serve --mode 600 @s
+expect 2 "serve: an abstract name has neither --mode nor --group" serve --mode 600 @s
 expect 2 "proxy: --mode: '1777' is not an octal mode" proxy --mode 1777 s t
+expect 2 "serve: --group: there is no group 'no such'" serve --group "no such" s
 expect 2 "serve: --exec and an answer of its own exclude" serve --exec true s answer
 expect 2 "argument 2: '12x' is not a number" call s x ok uint64:12x
 expect 2 "argument 1: '9223372036854775808' is out of range" call s x int64:9223372036854775808
@@ -222,9 +223,11 @@ check "who reads no answers is held up, and loses none" raw proxy good 'for (; $
   for (0 .. $n - 1) { recv S, $r, 70000, 0; unpack("x16Q", $r) == $_ or die "out of order" }'
 expect 1 "proxy: folder 'packets' is not empty" proxy --save packets again server
 stop TERM proxy
-start private proxy --mode 600 --uid $((UID + 1)) private nowhere
+group=4321
+chgrp $group file 2> err || group=$(id -g)
+start private proxy --mode 600 --group "$group" --uid $((UID + 1)) private nowhere
 expect 1 "the server closed the connection" call private x
-check "the mode of private" [ "$(stat -c %a private)" = 600 ]
+check "the mode and the group of private" [ "$(stat -c %a,%g private)" = "600,$group" ]
 check "who is turned away" grep -qE "client 1 .* uid $UID, .* turned away: --uid" private.out
 stop TERM private
 expect 2 "SERVER_PATH leads back" proxy @$$ @$$

@@ -1,6 +1,7 @@
 #include "tool/packet_server.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -35,16 +36,29 @@ mode_t parse_mode(const std::string& text, const std::string& what) {
   return mode;
 }
 
+gid_t parse_group(const std::string& text, const std::string& what) {
+  struct group entry;
+  struct group* named = nullptr;
+  char texts[65536];
+  if (::getgrnam_r(text.c_str(), &entry, texts, sizeof(texts), &named) == 0 && named != nullptr)
+    return named->gr_gid;
+  if (text.find_first_of("0123456789") != 0)
+    throw UsageError(what + ": there is no group " + in_quotes(text));
+  return static_cast<gid_t>(parse_uint64(text, what, 0, UINT32_MAX - 1));
+}
+
 Endpoint create_server(const ServerSettings& settings) {
   const std::string& path = settings.path;
   if (path.size() > COMM_V4_MAX_SERVER_PATH)
     throw UsageError("the path has " + std::to_string(path.size()) +
                      " characters, a server's has at most " +
                      std::to_string(COMM_V4_MAX_SERVER_PATH));
-  if (settings.mode.has_value() && is_abstract(path))
-    throw UsageError("--mode: an abstract name has no mode");
+  if (is_abstract(path) && (settings.mode.has_value() || settings.group.has_value()))
+    throw UsageError("an abstract name has neither --mode nor --group");
   std::string reason;  // The library's error line says more than errno.
   Endpoint server = new_endpoint(settings.verbose);
+  if (settings.mode.has_value()) comm_socket_v4_set_socket_mode(server.get(), *settings.mode);
+  if (settings.group.has_value()) comm_socket_v4_set_socket_group(server.get(), *settings.group);
   const unsigned mask = server->log_mask;
   server->log_mask = 1;
   comm_socket_v4_set_log_sink(server.get(), keep_first_line, &reason);
@@ -52,10 +66,6 @@ Endpoint create_server(const ServerSettings& settings) {
     throw Failure("cannot listen on " + in_quotes(path) + ": " + reason);
   comm_socket_v4_set_log_sink(server.get(), nullptr, nullptr);
   server->log_mask = mask & 15;
-  // Whatever may have taken the place of the socket file, a link is not followed.
-  if (settings.mode.has_value() &&
-      ::fchmodat(AT_FDCWD, path.c_str(), *settings.mode, AT_SYMLINK_NOFOLLOW) != 0)
-    throw system_failure("cannot set the mode of " + in_quotes(path));
   return server;
 }
 
@@ -70,6 +80,7 @@ std::vector<Option> ServerSettings::options(std::vector<Option> own) {
   std::vector<Option> all = {
       format_option(format),
       {"mode", 0, true, [this](auto& value, auto& what) { mode = parse_mode(value, what); }},
+      {"group", 0, true, [this](auto& value, auto& what) { group = parse_group(value, what); }},
       {"uid", 0, true,
        [this](auto& value, auto& what) {
          uids.push_back(static_cast<uid_t>(parse_uint64(value, what, 0, UINT32_MAX - 1)));
@@ -81,9 +92,7 @@ std::vector<Option> ServerSettings::options(std::vector<Option> own) {
 }
 
 PacketServer::PacketServer(const ServerSettings& settings)
-    : settings_(settings),
-      server_(create_server(settings)),
-      early_((settings.mode.value_or(S_IWOTH) & S_IWOTH) == 0) {
+    : settings_(settings), server_(create_server(settings)) {
   server_->set_tag(reinterpret_cast<std::uintptr_t>(this));
 }
 
@@ -91,7 +100,6 @@ void PacketServer::run() {
   loop_.watch(signals_.fd(), EPOLLIN, [this](std::uint32_t) { loop_.stop(); });
   listen();
   say("listening on " + in_quotes(server_->socket_path));
-  while (early_ && accept_client()) continue;
   flush_standard_output();
   loop_.run([this] {
     release_ended();
@@ -119,25 +127,20 @@ const char* PacketServer::objection_to(const struct ucred& cred) const {
   const std::vector<uid_t>& uids = settings_.uids;
   if (!uids.empty() && std::find(uids.begin(), uids.end(), cred.uid) == uids.end())
     return "--uid does not name this user";
-  // The file was open to everybody at first. To these two its mode makes no difference.
-  if (early_ && cred.uid != ::geteuid() && cred.uid != 0)
-    return "it connected before the socket file had its mode";
   // A proxy may have been led back to itself.
   if (cred.pid == ::getpid()) return "it is this program itself";
   return nullptr;
 }
 
-bool PacketServer::accept_client() {
+void PacketServer::accept_client() {
   if (!descriptors_to_spare()) {
     say("no descriptors left; further clients wait until one has gone");
-    loop_.forget(server_->get_socket_fd());
-    return false;
+    return loop_.forget(server_->get_socket_fd());
   }
   comm_socket_v4_client* const client = comm_socket_v4_accept_connection(server_.get());
   if (client == nullptr) {
     if (!server_->socket_open()) throw system_failure("cannot accept connections any more");
-    if (errno == EAGAIN) early_ = false;
-    return false;
+    return;
   }
   client->set_recv_cb(on_receive);
   std::unique_ptr<Peer> made = make_peer();
@@ -147,14 +150,12 @@ bool PacketServer::accept_client() {
   peer.cred = client->cred;
   if (const char* const objection = objection_to(peer.cred); objection != nullptr) {
     say(peer.name() + " turned away: " + objection);
-    comm_socket_v4_free_client(client);
-    return true;
+    return comm_socket_v4_free_client(client);
   }
   peers_[peer.index] = std::move(made);
   say(peer.name() + " connected");
   on_connect(peer);
   update(peer);
-  return true;
 }
 
 void PacketServer::release_ended() {

@@ -36,7 +36,8 @@ struct ServerSettings {
   Format format = Format::readable;
   bool quiet = false;
   bool verbose = false;
-  std::optional<mode_t> mode;  // of the socket file
+  std::optional<mode_t> mode;  // of the socket file,
+  std::optional<gid_t> group;  // and its group
   std::vector<uid_t> uids;     // who is served; everybody if there are none
 
   // Those of SERVER_OPTIONS_HELP, and behind them those of the caller.
@@ -46,6 +47,7 @@ struct ServerSettings {
 #define SERVER_OPTIONS_HELP                                                                        \
   FORMAT_OPTION_HELP                                                                               \
   "      --mode MODE           of the socket file, octal (666); who may write to it may connect\n" \
+  "      --group GROUP         of the socket file, a name or a number\n"                           \
   "      --uid UID             turn away everybody but this user; may be repeated\n"               \
   "  -q, --quiet               print nothing\n"                                                    \
   "  -v, --verbose             let the library log what it does\n"                                 \
@@ -84,7 +86,7 @@ class PacketServer {
   static int on_receive(comm_socket_v4_client* client, comm_socket_v4_packet* packet);
 
   void listen();
-  bool accept_client();  // whether there was one
+  void accept_client();
   const char* objection_to(const struct ucred& cred) const;
   void on_client_event(Peer& peer, std::uint32_t events);
   void flush(Peer& peer);
@@ -99,7 +101,6 @@ class PacketServer {
   std::unordered_map<unsigned long, std::unique_ptr<Peer>> peers_;  // by index
   std::vector<Refused> refused_;                                    // in the read that goes on
   unsigned long connections_ = 0;
-  bool early_;  // who is accepted may have connected before the socket file had its mode
 };
 
 // A received packet is complete; marked so, it is sent without a warning.
