@@ -1,10 +1,7 @@
 #include "tool/packet_server.h"
 
-#include <fcntl.h>
 #include <grp.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,16 +13,6 @@
 #include "tool/files.h"
 
 namespace {
-
-// An accept without a descriptor left would close the server. Some more are kept for what a client
-// needs besides its connection.
-bool descriptors_to_spare() {
-  constexpr rlim_t reserve = 16;
-  struct rlimit limit;
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return true;
-  const Descriptor next(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
-  return next.is_open() && static_cast<rlim_t>(next.get()) + reserve <= limit.rlim_cur;
-}
 
 mode_t parse_mode(const std::string& text, const std::string& what) {
   mode_t mode = 0;
@@ -59,6 +46,9 @@ Endpoint create_server(const ServerSettings& settings) {
   Endpoint server = new_endpoint(settings.verbose);
   if (settings.mode.has_value()) comm_socket_v4_set_socket_mode(server.get(), *settings.mode);
   if (settings.group.has_value()) comm_socket_v4_set_socket_group(server.get(), *settings.group);
+  // Without a descriptor left new clients are turned away, and those who are here served on.
+  if (comm_socket_v4_set_descriptor_reserve(server.get(), 1) != 0)
+    throw system_failure("cannot keep a descriptor back");
   const unsigned mask = server->log_mask;
   server->log_mask = 1;
   comm_socket_v4_set_log_sink(server.get(), keep_first_line, &reason);
@@ -98,7 +88,7 @@ PacketServer::PacketServer(const ServerSettings& settings)
 
 void PacketServer::run() {
   loop_.watch(signals_.fd(), EPOLLIN, [this](std::uint32_t) { loop_.stop(); });
-  listen();
+  loop_.watch(server_->get_socket_fd(), EPOLLIN, [this](std::uint32_t) { accept_client(); });
   say("listening on " + in_quotes(server_->socket_path));
   flush_standard_output();
   loop_.run([this] {
@@ -118,10 +108,6 @@ void PacketServer::say(const std::string& text, const comm_socket_v4_packet& pac
 
 // --- Clients come and go ------------------------------------------------------------------------
 
-void PacketServer::listen() {
-  loop_.watch(server_->get_socket_fd(), EPOLLIN, [this](std::uint32_t) { accept_client(); });
-}
-
 // Why somebody is not served; null for everybody else.
 const char* PacketServer::objection_to(const struct ucred& cred) const {
   const std::vector<uid_t>& uids = settings_.uids;
@@ -133,15 +119,9 @@ const char* PacketServer::objection_to(const struct ucred& cred) const {
 }
 
 void PacketServer::accept_client() {
-  if (!descriptors_to_spare()) {
-    say("no descriptors left; further clients wait until one has gone");
-    return loop_.forget(server_->get_socket_fd());
-  }
   comm_socket_v4_client* const client = comm_socket_v4_accept_connection(server_.get());
-  if (client == nullptr) {
-    if (!server_->socket_open()) throw system_failure("cannot accept connections any more");
-    return;
-  }
+  if (!server_->socket_open()) throw system_failure("cannot accept connections any more");
+  if (client == nullptr) return;
   client->set_recv_cb(on_receive);
   std::unique_ptr<Peer> made = make_peer();
   Peer& peer = *made;
@@ -166,7 +146,6 @@ void PacketServer::release_ended() {
     comm_socket_v4_free_client(client);
     say(ended.mapped()->name() + " disconnected");
     on_end(std::move(ended.mapped()));
-    listen();
   }
 }
 

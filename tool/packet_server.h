@@ -85,7 +85,6 @@ class PacketServer {
  private:
   static int on_receive(comm_socket_v4_client* client, comm_socket_v4_packet* packet);
 
-  void listen();
   void accept_client();
   const char* objection_to(const struct ucred& cred) const;
   void on_client_event(Peer& peer, std::uint32_t events);

@@ -1,4 +1,5 @@
 // tarn-comm proxy: between clients and a server, to see what they say.
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <tarn_utils_v4/comm.h>
 
@@ -63,6 +64,7 @@ class Proxy : public PacketServer {
     // Known only now: its own socket file is there.
     if (same_socket(settings.path, settings.server_path))
       throw UsageError("SERVER_PATH leads back to the proxy itself");
+    if (settings.folder.has_value()) file_ = open_file(*settings.folder, O_RDONLY);
     loop().watch(retry_.fd(), EPOLLIN, [this](std::uint32_t) { retry_connecting(); });
   }
 
@@ -208,8 +210,9 @@ class Proxy : public PacketServer {
     char name[64];
     std::snprintf(name, sizeof(name), "%06lu-client-%lu-%s", ++saved_, peer.number,
                   direction == Direction::to_server ? "to-server" : "from-server");
-    const Descriptor file = create_file(*settings_.folder, name);
-    write_all(file.get(), {reinterpret_cast<const char*>(packet.buffer), packet.buffer_length},
+    file_ = Descriptor();
+    file_ = create_file(*settings_.folder, name);
+    write_all(file_.get(), {reinterpret_cast<const char*>(packet.buffer), packet.buffer_length},
               in_quotes(name));
     return std::string(", saved as ") + name;
   }
@@ -218,6 +221,7 @@ class Proxy : public PacketServer {
   Timer retry_;
   std::unordered_map<unsigned long, std::unique_ptr<Peer>> departed_;  // clients, by number
   unsigned long saved_ = 0;
+  Descriptor file_;  // the last one; it stays open so that the next can always be opened
 };
 
 int run(int argc, char** argv) {
