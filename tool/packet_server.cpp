@@ -46,6 +46,8 @@ Endpoint create_server(const ServerSettings& settings) {
   Endpoint server = new_endpoint(settings.verbose);
   if (settings.mode.has_value()) comm_socket_v4_set_socket_mode(server.get(), *settings.mode);
   if (settings.group.has_value()) comm_socket_v4_set_socket_group(server.get(), *settings.group);
+  // Clients of other making may not try again when the queue is full.
+  comm_socket_v4_set_listen_backlog(server.get(), 64);
   // Without a descriptor left new clients are turned away, and those who are here served on.
   if (comm_socket_v4_set_descriptor_reserve(server.get(), 1) != 0)
     throw system_failure("cannot keep a descriptor back");
