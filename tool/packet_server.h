@@ -77,10 +77,6 @@ class PacketServer {
   void say(const std::string& text) const;
   void say(const std::string& text, const comm_socket_v4_packet& packet) const;
   EventLoop& loop() { return loop_; }
-  template <class Visit>
-  void for_each_peer(Visit visit) {
-    for (auto& [index, peer] : peers_) visit(*peer);
-  }
 
  private:
   static int on_receive(comm_socket_v4_client* client, comm_socket_v4_packet* packet);

@@ -30,8 +30,6 @@ constexpr char help[] =
     "  -t, --timeout SECONDS     for connecting to the server (5)\n" SERVER_OPTIONS_HELP
     "\nExit status: 0 after a signal, 1 when something failed, 2 for wrong usage.\n";
 
-constexpr std::uint64_t retry_us = 10'000;
-
 struct Settings : ServerSettings {
   std::string server_path;
   std::optional<std::string> folder;
@@ -65,7 +63,6 @@ class Proxy : public PacketServer {
     if (same_socket(settings.path, settings.server_path))
       throw UsageError("SERVER_PATH leads back to the proxy itself");
     if (settings.folder.has_value()) file_ = open_file(*settings.folder, O_RDONLY);
-    loop().watch(retry_.fd(), EPOLLIN, [this](std::uint32_t) { retry_connecting(); });
   }
 
  private:
@@ -84,32 +81,25 @@ class Proxy : public PacketServer {
     comm_socket_v4_set_connect_timeout_routine(peer.upstream.get(), 1);
     comm_socket_v4_connect_to(peer.upstream.get(), settings_.server_path.c_str());
     peer.connecting = peer.paused = comm_socket_v4_connection_pending(peer.upstream.get()) == 1;
-    if (peer.connecting)
-      retry_.set(retry_us);
-    else
-      finish_connecting(peer);
+    const int retry = peer.connecting ? comm_socket_v4_get_connect_fd(peer.upstream.get()) : -1;
+    if (retry < 0) return finish_connecting(peer);
+    loop().watch(retry, EPOLLIN,
+                 [=, this, &peer](std::uint32_t) { retry_connecting(peer, retry); });
   }
 
-  void retry_connecting() {
-    retry_.set(0);
-    for_each_peer([this](Peer& each) {
-      auto& peer = static_cast<ProxiedPeer&>(each);
-      if (!peer.connecting) return;
-      int result = comm_socket_v4_connect_check_pending(peer.upstream.get());
-      if (result == 0 && now_us() >= peer.connect_deadline_us) {
-        errno = ETIMEDOUT;
-        comm_socket_v4_close(peer.upstream.get());
-        result = -1;
-      }
-      if (result == 0) return retry_.set(retry_us);
-      peer.connecting = peer.paused = false;
-      finish_connecting(peer);
-      update(peer);
-    });
+  void retry_connecting(ProxiedPeer& peer, int retry) {
+    peer.connecting = comm_socket_v4_connect_check_pending(peer.upstream.get()) == 0;
+    if (peer.connecting && now_us() < peer.connect_deadline_us) return;
+    if (peer.connecting) errno = ETIMEDOUT;
+    finish_connecting(peer);
+    loop().forget(retry);
+    update(peer);
   }
 
-  // errno is that of the failed connect.
+  // It is connected, or errno says why not.
   void finish_connecting(ProxiedPeer& peer) {
+    if (peer.connecting) comm_socket_v4_close(peer.upstream.get());
+    peer.connecting = peer.paused = false;
     peer.upstream_fd = peer.upstream->get_socket_fd();
     if (peer.upstream->socket_open()) return;
     say(peer.name() + ": cannot connect to " + in_quotes(settings_.server_path) + ": " +
@@ -181,7 +171,7 @@ class Proxy : public PacketServer {
     auto& peer = static_cast<ProxiedPeer&>(*ended);
     if (peer.upstream_fd < 0) return;
     peer.deaf = true;
-    ::shutdown(peer.upstream_fd, SHUT_WR);
+    comm_socket_v4_end_sending(peer.upstream.get());
     loop().forget(peer.upstream_fd);
     loop().watch(peer.upstream_fd, EPOLLIN, [this, &peer](std::uint32_t) {
       if (!read_from_server(peer)) departed_.erase(peer.number);
@@ -218,7 +208,6 @@ class Proxy : public PacketServer {
   }
 
   const Settings& settings_;
-  Timer retry_;
   std::unordered_map<unsigned long, std::unique_ptr<Peer>> departed_;  // clients, by number
   unsigned long saved_ = 0;
   Descriptor file_;  // the last one; it stays open so that the next can always be opened
