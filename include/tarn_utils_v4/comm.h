@@ -337,7 +337,8 @@ COMM_V4_EXPORT comm_socket_v4_client* comm_socket_v4_accept_connection(comm_sock
 // does not spin. accept_connection returns null with EMFILE or ENFILE, the server stays open, and
 // one warning says so until an accept succeeds again. Where another thread or process takes the
 // descriptor in between, or a limit was lowered below it, the connection waits on: a loop that
-// tries again at once would spin, so let it serve its clients first.
+// tries again at once would spin, so let it serve its clients first. Close keeps the setting, and
+// the descriptor.
 // Returns 0; -1 when there is no descriptor to keep, errno that of open(2).
 COMM_V4_EXPORT int comm_socket_v4_set_descriptor_reserve(comm_socket_v4* c, int on);
 
