@@ -34,8 +34,8 @@ ARGUMENTS = struct.pack("<IIII", 73, 83 | 2 << 24, 91 | 3 << 24, 99 | 5 << 24)
 PAIRS = struct.pack("<12I", 78, 73, 4, 0, 78, 83, 24, 2, 78, 83, 3, 0x61626772)
 WHOLE = struct.pack("<IIQQQIIIBIHIII", 0xABCD0201, 63, 1, 2, 3, 1, 67, 63, 4, 107, 3, 123, 171, 5)
 WHOLE += STRINGS + NUMBERS + ARGUMENTS + PAIRS + b"data!"
-# Behind the signature and the length: the fields of the header, the arguments and the pairs that
-# rules are about, or that none may be about.
+# The fields that rules are about, in the header, the arguments and the pairs; and two that none is
+# about, the length of the header and the flags.
 FIELDS = [(0, 4), (4, 4), (32, 4), (36, 4), (40, 4), (44, 1), (45, 4), (49, 2), (51, 4), (55, 4)]
 FIELDS += [(59, 4)] + [(at + i, size) for at in range(107, 123, 4) for i, size in ((0, 3), (3, 1))]
 FIELDS += [(at, 4) for at in range(123, 171, 4)]
@@ -92,7 +92,8 @@ seen = collections.Counter()
 for case in cases():
     library, reader = library_says(case), reader_says(case)
     if library != reader:
-        print(f"library: {library}\nreader:  {reader}\npacket:  {case.hex()}")
+        changed = [at for at, byte in enumerate(case) if byte != WHOLE[at]]
+        print(f"library: {library}\nreader:  {reader}\npacket:  {case.hex()}, changed at {changed}")
         sys.exit(1)
     seen["".join(c for c in library.split("(")[0] if not c.isdigit())] += 1
 for rule, count in seen.most_common():
