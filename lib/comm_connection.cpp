@@ -458,7 +458,7 @@ int connect_to_server(comm_socket_v4* c) {
   }
   c->sun = sun;
   c->status.connect_pending = 1;
-  return finish_pending_connect(c);
+  return comm_v4_internals::of(c).in_loop() ? 0 : finish_pending_connect(c);
 }
 
 // Periodic, or not at all for 0. What has expired is forgotten.
@@ -634,6 +634,7 @@ int comm_socket_v4_stop_listening(comm_socket_v4* c) {
   remove_server_file(c);
   c->flags.bound = 0;
   own.stopped_listening = true;
+  stop_watching(own, c->socket_fd);
   if (::dup3(quiet.get(), c->socket_fd, O_CLOEXEC) >= 0) return 0;
   // The number lies above a limit that was lowered.
   ::close(c->socket_fd);

@@ -12,6 +12,7 @@
 #include <tuple>
 
 #include "lib/errno_guard.h"
+#include "lib/received_descriptors.h"
 #include "lib/standard_error.h"
 
 namespace {
@@ -160,8 +161,9 @@ int comm_socket_v4_packet::get_attached_fd(std::size_t index) {
 
 void comm_socket_v4_packet::close_attached_fd() {
   ErrnoGuard keep_errno;
+  const bool was_written = write_state != write_state_none && write_state != write_state_received;
   for (int& fd : attached_fd) {
-    if (fd >= 0) ::close(fd);
+    if (fd >= 0) was_written ? static_cast<void>(::close(fd)) : close_received(fd);
     fd = -1;
   }
 }

@@ -232,7 +232,7 @@ comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* c) {
   const int fd = ::accept4(c->socket_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
   if (fd < 0) {
     comm_socket_v4_new_client_cancel(client);
-    if (errno == EAGAIN || turned_away(c)) return nullptr;
+    if (errno == EAGAIN || own.in_loop() || turned_away(c)) return nullptr;
     comm_socket_v4_error(c, "accept_connection() accept returned error %s", std::strerror(errno));
     comm_socket_v4_close(c);
     return nullptr;
@@ -339,7 +339,10 @@ void comm_socket_v4_free_client(comm_socket_v4_client* c) {
   FATAL_ASSERT(c != nullptr);
   ErrnoGuard keep_errno;
   comm_socket_v4_free_client_check(c);
-  if (c->client_fd >= 0) ::close(c->client_fd);
+  if (c->client_fd >= 0) {
+    if (c->server != nullptr) stop_watching(comm_v4_internals::of(c->server), c->client_fd);
+    ::close(c->client_fd);
+  }
   comm_socket_v4_packet_release(c->pending_response_packet);
   c->pending_response_packet = nullptr;
   comm_socket_v4_packet_release(c->next_packet);

@@ -1,5 +1,6 @@
 // What the application sets on an endpoint, to hold from then on. Close keeps it.
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <tarn_utils_v4/comm.h>
 
@@ -80,6 +81,12 @@ int comm_socket_v4_set_descriptor_reserve(comm_socket_v4* c, int on) {
   if (!renew_reserve(own)) return -1;
   own.keeps_reserve = true;
   return 0;
+}
+
+void stop_watching(const comm_v4_internals& own, int fd) {
+  if (!own.in_loop()) return;
+  ErrnoGuard keep_errno;
+  ::epoll_ctl(own.loop_epoll, EPOLL_CTL_DEL, fd, nullptr);
 }
 
 bool renew_reserve(comm_v4_internals& own) {

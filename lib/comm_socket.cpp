@@ -36,6 +36,7 @@ void close_socket(comm_socket_v4* c) {
   if (c->flags.server) FATAL_ASSERT(!c->socket_path.empty());
   // The file goes before the socket: in between nobody finds a path on which nobody answers.
   remove_server_file(c);
+  stop_watching(comm_v4_internals::of(c), c->socket_fd);
   ::close(c->socket_fd);
   c->socket_fd = -1;
 }
@@ -97,6 +98,7 @@ int comm_socket_v4_close(comm_socket_v4* c) {
   own.descriptors_were_refused = false;
   own.warned_of_shortage = false;
   // Stopped by itself: a forked child may hold a copy.
+  if (own.connect_timer.is_open()) stop_watching(own, own.connect_timer.get());
   stop_connect_timer(c);
   own.connect_timer = Descriptor();
   return 0;

@@ -32,6 +32,11 @@ struct comm_v4_internals {
   bool descriptors_were_refused = false;  // by the socket, now or for a while
   Descriptor connect_timer;
 
+  // The epoll of the CommLoop that the endpoint is in. A socket leaves it before its close, no
+  // failure of an accept closes the server, and a connect waits for nothing.
+  int loop_epoll = -1;
+  bool in_loop() const { return loop_epoll >= 0; }
+
   // Kept from one call to the next.
   bool in_log_sink = false;
   bool warned_of_shortage = false;
@@ -39,6 +44,7 @@ struct comm_v4_internals {
   std::uint64_t retrieved_in_a_row = 0;   // since a retrieval found nothing
   std::uint64_t retrieved_last_time = 0;  // in the row before
   std::uint64_t accepted = 0;             // connections, in all the life of the endpoint
+  std::uint64_t packets_dropped = 0;      // that were received, likewise
 
   static constexpr gid_t no_group = static_cast<gid_t>(-1);
 
@@ -75,6 +81,9 @@ void apply_max_descriptors(const comm_socket_v4* c);
 void apply_max_descriptors(const comm_socket_v4* c, int client_fd);
 // Has the reserve back, if there is a descriptor for it; false, with errno, if not.
 bool renew_reserve(comm_v4_internals& own);
+
+// A close alone would not end the watching while somebody else has a copy of the descriptor.
+void stop_watching(const comm_v4_internals& own, int fd);
 
 // lib/peer_identity
 

@@ -142,23 +142,30 @@ class OfferedPacket {
   bool kept_ = false;
 };
 
+// One was received and goes no further.
+int dropped(const ReceiveSide& side) {
+  ++comm_v4_internals::of(side.endpoint).packets_dropped;
+  return 0;
+}
+
 // Callback, checks and validation; what passes stays in the slot.
-void deliver(ReceiveSide& side, Packet received) {
+int deliver(ReceiveSide& side, Packet received) {
   OfferedPacket packet(side, std::move(received));
   const int answer = side.offer(packet.get());
-  if (!packet.in_slot()) return;
+  if (!packet.in_slot()) return 0;
   if (answer < 0) {
     comm_socket_v4_debug(side.endpoint, "client_idle() fd=%d dropping packet, callback refused it",
                          side.fd);
-    return;
+    return dropped(side);
   }
   packet.get()->shrinkfit_buffer();
   if (comm_socket_v4_client_on_recv_packet(side.endpoint, packet.get()) != 0) {
     comm_socket_v4_warning(side.endpoint, "client_idle() fd=%d dropping packet, failed to decode",
                            side.fd);
-    return;
+    return dropped(side);
   }
   packet.keep();
+  return 0;
 }
 
 void flip_random_bits(comm_socket_v4_packet* p, unsigned int count) {
@@ -196,18 +203,17 @@ int receive_packet(ReceiveSide& side) {
   }
   if ((flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
     side.warn_of_truncation();
-    return 0;
+    return dropped(side);
   }
   if (packet->attached_fd.size() > comm_v4_internals::of(side.endpoint).max_descriptors) {
     comm_socket_v4_warning(side.endpoint,
                            "client_idle() fd=%d dropping packet, more descriptors than allowed",
                            side.fd);
-    return 0;
+    return dropped(side);
   }
   packet->buffer_length = static_cast<std::size_t>(rd);
   packet->buffer[packet->buffer_length] = 0;
-  deliver(side, std::move(packet));
-  return 0;
+  return deliver(side, std::move(packet));
 }
 
 int comm_socket_v4_client_on_recv_packet(comm_socket_v4* s, comm_socket_v4_packet* p) {

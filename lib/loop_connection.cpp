@@ -1,0 +1,73 @@
+#include "lib/loop_connection.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "lib/endpoint_internal.h"
+#include "lib/received_descriptors.h"
+
+namespace loop_connection {
+
+comm_socket_v4_client* record(const LoopMember& m) {
+  return m.kind == LoopKind::client ? &m.home->endpoint->client[m.record] : nullptr;
+}
+
+int fd(const LoopMember& m) {
+  return m.kind == LoopKind::client ? record(m)->client_fd : m.home->endpoint->socket_fd;
+}
+
+bool is_open(const LoopMember& m) {
+  return m.kind == LoopKind::client ? record(m)->client_is_open() : m.home->endpoint->socket_open();
+}
+
+struct ucred peer(const LoopMember& m) {
+  struct ucred who = {0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+  if (m.kind == LoopKind::client) return record(m)->cred;
+  comm_socket_v4_get_server_cred(m.home->endpoint.get(), &who);
+  return who;
+}
+
+Retrieved retrieve(LoopMember& m) {
+  comm_socket_v4* const endpoint = m.home->endpoint.get();
+  const std::uint64_t& dropped = comm_v4_internals::of(endpoint).packets_dropped;
+  const std::uint64_t dropped_before = dropped;
+  errno = 0;
+  Retrieved result;
+  result.packet.reset(m.kind == LoopKind::client
+                          ? comm_socket_v4_client_get_packet(record(m))
+                          : comm_socket_v4_client_get_packet_from_server(endpoint));
+  if (result.packet == nullptr) result.error = errno;
+  result.dropped = dropped != dropped_before;
+  return result;
+}
+
+int transmit(LoopMember& m, comm_socket_v4_packet& p) {
+  // A received packet is complete, and a send of it needs no warning.
+  const int state = std::exchange(p.write_state, comm_socket_v4_packet::write_state_end);
+  const int sent = m.kind == LoopKind::client
+                       ? comm_socket_v4_packet_send_to_client(record(m), &p)
+                       : comm_socket_v4_packet_send_to_server(m.home->endpoint.get(), &p);
+  p.write_state = state;
+  return sent;
+}
+
+int end_sending(const LoopMember& m) {
+  return m.kind == LoopKind::client ? comm_socket_v4_client_end_sending(record(m))
+                                    : comm_socket_v4_end_sending(m.home->endpoint.get());
+}
+
+void close(LoopMember& m) {
+  const bool has_ended = m.kind == LoopKind::client && record(m)->status.disconnected;
+  if (fd(m) >= 0 && !has_ended) discard_unread(fd(m));
+  if (m.kind == LoopKind::connection) {
+    comm_socket_v4_close(m.home->endpoint.get());
+    return;
+  }
+  // The loop knows by itself who is to be released.
+  comm_socket_v4_client_disconnect_list_clear(m.home->endpoint.get());
+  comm_socket_v4_free_client(record(m));
+}
+
+}  // namespace loop_connection

@@ -1,0 +1,97 @@
+// A member of a CommLoop: a server, a connection, a watched descriptor or a timer. And what the
+// clients of one endpoint have in common.
+#ifndef TARN_LIB_LOOP_MEMBER_H
+#define TARN_LIB_LOOP_MEMBER_H
+
+#include <sys/types.h>
+#include <tarn_utils_v4/comm_cpp.h>
+#include <tarn_utils_v4/comm_loop.h>
+
+#include <cstdint>
+#include <list>
+#include <set>
+#include <unordered_map>
+#include <utility>
+
+enum class LoopKind {
+  none,
+  server,
+  client,      // of a server in the loop
+  connection,  // a client endpoint, or an end of a pair
+  descriptor,
+  timer
+};
+
+// An endpoint, and what the loop knows of it.
+struct LoopEndpoint {
+  CommEndpoint endpoint;
+  CommLoopLimits limits;
+  CommLoopCounters counters;
+  std::unordered_map<uid_t, std::uint32_t> clients_of_user;
+};
+
+struct LoopMember;
+// Who is first when times are due.
+using LoopTimes = std::set<std::pair<std::uint64_t, LoopMember*>>;
+
+struct LoopMember {
+  static constexpr std::uint64_t never = UINT64_MAX;
+  static std::uint64_t later(std::uint64_t since, std::uint64_t by_us) {
+    return by_us < never - since ? since + by_us : never;
+  }
+
+  CommLoopId id = {0, 0};
+  LoopKind kind = LoopKind::none;
+  CommLoopHandler* handler = nullptr;
+  LoopEndpoint* home = nullptr;  // of a client its server's; a server and a connection own it
+  std::uint64_t tag = 0;
+
+  // The descriptor in epoll, and what it is watched for; -1 when it is not in there.
+  int watched_fd = -1;
+  std::uint32_t events = 0;
+
+  LoopTimes::iterator due;  // always in there, so that no time ever needs memory
+  std::uint64_t put_off_until = never;
+  bool watch_put_off = false;
+
+  LoopMember* next_to_settle = nullptr;
+  bool waits_to_settle = false;
+  bool paused = false;
+
+  // --- Of a server ---
+  bool accepts_put_off = false;
+  bool accepts_nobody = false;  // any more
+  bool warned_of_shortage = false;
+
+  // --- Of a client and a connection ---
+  unsigned long record = COMM_V4_NO_INDEX;  // the slot of a client
+  uid_t user = 0;
+  bool announced = false;  // on_connect was called and said yes
+  bool connecting = false;
+  bool read_put_off = false;
+  bool send_put_off = false;
+  bool full = false;
+  bool deaf = false;  // the peer will never read what is sent
+  bool finishing = false;
+  bool sending_ended = false;
+  bool going = false;
+  CommLoopReason why = comm_loop_peer_ended;
+  int error = 0;
+  std::uint32_t reads_per_turn = 1;
+  std::uint64_t since = 0;  // the accept, the last packet, the end of a pause, or finish()
+  bool has_sent_a_packet = false;
+  std::list<CommPacket> queue;
+  std::uint64_t queued_bytes = 0;
+
+  // --- Of a descriptor ---
+  int descriptor = -1;
+  std::uint32_t wanted_events = 0;
+
+  bool is_connection() const { return kind == LoopKind::client || kind == LoopKind::connection; }
+  bool accepts() const { return !paused && !accepts_put_off && !accepts_nobody; }
+  bool reads() const {
+    return announced && !going && !read_put_off && (finishing || (!paused && !full));
+  }
+};
+
+#endif
