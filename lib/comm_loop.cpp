@@ -113,7 +113,7 @@ void comm_v4_loop::handle(std::uint64_t key, std::uint32_t events) {
   // What happened before in this turn may have changed what it is watched for.
   if (m == nullptr || m->watched_fd < 0) return;
   if (m->kind == LoopKind::server)
-    accept_clients(*m);
+    accept_clients(*m, events);
   else if (m->is_connection())
     on_connection_events(*m, events);
   else

@@ -39,7 +39,7 @@ struct comm_v4_loop {
   // --- A server and the connections: lib/loop_serving ---
 
   CommLoopId add(comm_socket_v4* endpoint, CommLoopHandler& handler, const CommLoopLimits& limits);
-  void accept_clients(LoopMember& server);
+  void accept_clients(LoopMember& server, std::uint32_t events);
   void on_connection_events(LoopMember& m, std::uint32_t events);
   void settle(LoopMember& m);
   void on_due(LoopMember& m);

@@ -91,14 +91,18 @@ void comm_v4_loop::adopt_clients(LoopMember& server) {
 
 // --- Accepting ----------------------------------------------------------------------------------
 
-void comm_v4_loop::accept_clients(LoopMember& server) {
+void comm_v4_loop::accept_clients(LoopMember& server, std::uint32_t events) {
   const CommLoopId id = server.id;
   comm_socket_v4* const endpoint = server.home->endpoint.get();
   const std::uint64_t& accepted = comm_v4_internals::of(endpoint).accepted;
   for (std::uint32_t i = 0; i < server.home->limits.accepts_per_turn && server.accepts(); ++i) {
     const std::uint64_t accepted_before = accepted;
     comm_socket_v4_client* const client = comm_socket_v4_accept_connection(endpoint);
-    if (client == nullptr && accepted == accepted_before) return on_failed_accept(server, errno);
+    if (client == nullptr && accepted == accepted_before) {
+      // Somebody who has the socket as well has shut it down: an accept finds nobody, for ever.
+      const bool is_shut_down = errno == EAGAIN && (events & EPOLLHUP) != 0;
+      return on_failed_accept(server, is_shut_down ? EINVAL : errno);
+    }
     ++server.home->counters.accepted;
     if (client == nullptr)
       ++server.home->counters.turned_away_failed;
