@@ -100,55 +100,48 @@ Faults::~Faults() {
       ADD_FAILURE() << "a fault was planned for " << kKinds[i].name << " and never came";
 }
 
-#define WRAP(result, name, call, subject, parameters, arguments)              \
-  result __real_##name parameters;                                            \
-  result __wrap_##name parameters {                                           \
-    return intercept(call, subject, [&] { return __real_##name arguments; }); \
+#define WRAP(result, name, subject, parameters, arguments)                          \
+  result __real_##name parameters;                                                  \
+  result __wrap_##name parameters {                                                 \
+    return intercept(Call::name, subject, [&] { return __real_##name arguments; }); \
   }
-#define WRAP_CALL(result, name, subject, parameters, arguments) \
-  WRAP(result, name, Call::name, subject, parameters, arguments)
 
 extern "C" {
 // ioctl and fcntl are variadic, but take their third argument where a fixed one would be.
-WRAP_CALL(int, socket, nullptr, (int domain, int type, int protocol), (domain, type, protocol))
-WRAP_CALL(int, socketpair, fds, (int domain, int type, int protocol, int* fds),
-          (domain, type, protocol, fds))
-WRAP_CALL(int, bind, const_cast<sockaddr*>(a), (int fd, const sockaddr* a, socklen_t n), (fd, a, n))
-WRAP_CALL(int, listen, nullptr, (int fd, int backlog), (fd, backlog))
-WRAP_CALL(int, accept4, a, (int fd, sockaddr* a, socklen_t* n, int flags), (fd, a, n, flags))
-WRAP_CALL(int, connect, const_cast<sockaddr*>(a), (int fd, const sockaddr* a, socklen_t n),
-          (fd, a, n))
-WRAP_CALL(int, getsockopt, value, (int fd, int level, int name, void* value, socklen_t* n),
-          (fd, level, name, value, n))
-WRAP_CALL(ssize_t, sendmsg, const_cast<msghdr*>(m), (int fd, const msghdr* m, int flags),
-          (fd, m, flags))
-WRAP_CALL(ssize_t, recvmsg, m, (int fd, msghdr* m, int flags), (fd, m, flags))
-WRAP_CALL(ssize_t, recv, data, (int fd, void* data, std::size_t n, int flags), (fd, data, n, flags))
-WRAP_CALL(int, ioctl, argument, (int fd, unsigned long request, void* argument),
-          (fd, request, argument))
-WRAP_CALL(int, select, t, (int n, fd_set* r, fd_set* w, fd_set* e, timeval* t), (n, r, w, e, t))
-WRAP_CALL(int, poll, &timeout, (struct pollfd * fds, nfds_t n, int timeout), (fds, n, timeout))
-WRAP_CALL(int, fcntl, nullptr, (int fd, int command, long argument), (fd, command, argument))
-WRAP_CALL(int, dup, nullptr, (int fd), (fd))
-WRAP_CALL(int, close, nullptr, (int fd), (fd))
-WRAP_CALL(int, lstat, st, (const char* path, struct stat* st), (path, st))
-WRAP_CALL(int, fstat, st, (int fd, struct stat* st), (fd, st))
-WRAP_CALL(ssize_t, readlink, text, (const char* path, char* text, std::size_t n), (path, text, n))
-WRAP_CALL(int, unlink, nullptr, (const char* path), (path))
-WRAP_CALL(int, chmod, nullptr, (const char* path, mode_t mode), (path, mode))
-WRAP_CALL(int, open, nullptr, (const char* path, int flags, mode_t mode), (path, flags, mode))
-WRAP_CALL(int, timerfd_create, nullptr, (int clock, int flags), (clock, flags))
-WRAP_CALL(int, getsockname, a, (int fd, sockaddr* a, socklen_t* n), (fd, a, n))
-WRAP_CALL(int, shutdown, nullptr, (int fd, int how), (fd, how))
-WRAP_CALL(int, setsockopt, nullptr, (int fd, int level, int name, const void* value, socklen_t n),
-          (fd, level, name, value, n))
-WRAP_CALL(int, usleep, nullptr, (useconds_t us), (us))
-WRAP_CALL(int, vasprintf, nullptr, (char** text, const char* format, va_list args),
-          (text, format, args))
-WRAP_CALL(void*, malloc, nullptr, (std::size_t n), (n))
-WRAP(void*, realloc, Call::malloc, nullptr, (void* old, std::size_t n), (old, n))
-WRAP(void*, _ZnwmRKSt9nothrow_t, Call::operator_new, nullptr,
-     (std::size_t n, const std::nothrow_t& tag), (n, tag))
+WRAP(int, socket, nullptr, (int domain, int type, int protocol), (domain, type, protocol))
+WRAP(int, socketpair, nullptr, (int domain, int type, int protocol, int* fds),
+     (domain, type, protocol, fds))
+WRAP(int, bind, nullptr, (int fd, const sockaddr* a, socklen_t n), (fd, a, n))
+WRAP(int, listen, nullptr, (int fd, int backlog), (fd, backlog))
+WRAP(int, accept4, nullptr, (int fd, sockaddr* a, socklen_t* n, int flags), (fd, a, n, flags))
+WRAP(int, connect, nullptr, (int fd, const sockaddr* a, socklen_t n), (fd, a, n))
+WRAP(int, getsockopt, value, (int fd, int level, int name, void* value, socklen_t* n),
+     (fd, level, name, value, n))
+WRAP(ssize_t, sendmsg, const_cast<msghdr*>(m), (int fd, const msghdr* m, int flags), (fd, m, flags))
+WRAP(ssize_t, recvmsg, m, (int fd, msghdr* m, int flags), (fd, m, flags))
+WRAP(ssize_t, recv, nullptr, (int fd, void* data, std::size_t n, int flags), (fd, data, n, flags))
+WRAP(int, ioctl, nullptr, (int fd, unsigned long request, void* value), (fd, request, value))
+WRAP(int, select, t, (int n, fd_set* r, fd_set* w, fd_set* e, timeval* t), (n, r, w, e, t))
+WRAP(int, poll, &timeout, (struct pollfd * fds, nfds_t n, int timeout), (fds, n, timeout))
+WRAP(int, fcntl, nullptr, (int fd, int command, long value), (fd, command, value))
+WRAP(int, dup, nullptr, (int fd), (fd))
+WRAP(int, close, nullptr, (int fd), (fd))
+WRAP(int, lstat, nullptr, (const char* path, struct stat* st), (path, st))
+WRAP(int, fstat, nullptr, (int fd, struct stat* st), (fd, st))
+WRAP(ssize_t, readlink, nullptr, (const char* path, char* text, std::size_t n), (path, text, n))
+WRAP(int, unlink, nullptr, (const char* path), (path))
+WRAP(int, chmod, nullptr, (const char* path, mode_t mode), (path, mode))
+WRAP(int, open, nullptr, (const char* path, int flags, mode_t mode), (path, flags, mode))
+WRAP(int, timerfd_create, nullptr, (int clock, int flags), (clock, flags))
+WRAP(int, getsockname, nullptr, (int fd, sockaddr* a, socklen_t* n), (fd, a, n))
+WRAP(int, shutdown, nullptr, (int fd, int how), (fd, how))
+WRAP(int, setsockopt, nullptr, (int fd, int level, int name, const void* value, socklen_t n),
+     (fd, level, name, value, n))
+WRAP(int, usleep, nullptr, (useconds_t us), (us))
+WRAP(int, vasprintf, nullptr, (char** text, const char* format, va_list list), (text, format, list))
+WRAP(void*, malloc, nullptr, (std::size_t n), (n))
+WRAP(void*, realloc, nullptr, (void* old, std::size_t n), (old, n))
+WRAP(void*, _ZnwmRKSt9nothrow_t, nullptr, (std::size_t n, const std::nothrow_t& tag), (n, tag))
 
 void* __real__Znwm(std::size_t n);
 void* __wrap__Znwm(std::size_t n) {

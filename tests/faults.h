@@ -18,8 +18,7 @@
 #include <string>
 #include <vector>
 
-// Each kind with the errno that fail_any gives it. malloc stands for realloc too, operator_new for
-// its form that does not throw.
+// Each kind with the errno that fail_any gives it.
 // clang-format off
 #define COMM_TEST_CALLS(CALL)                                                                \
   CALL(socket, EMFILE) CALL(socketpair, EMFILE) CALL(bind, EACCES) CALL(listen, EOPNOTSUPP)  \
@@ -38,14 +37,15 @@ enum class Call : std::size_t {
 #define CALL(name, error) name,
   COMM_TEST_CALLS(CALL)
 #undef CALL
-      kinds
+      kinds,
+  realloc = malloc,
+  _ZnwmRKSt9nothrow_t = operator_new  // the form that does not throw
 };
 
 class Faults {
  public:
-  // Stands in for a call that answers a number. `real` makes the call; `subject` is what it reads
-  // or fills in: the msghdr, the int of FIONREAD, the address, the stat buffer, the option value,
-  // the time-out of poll or select.
+  // Stands in for a call that answers a number. `real` makes the call; `subject` is the msghdr, the
+  // option value, or the time-out of poll or select.
   using Hook = std::function<long(const std::function<long()>& real, void* subject)>;
 
   Faults() = default;

@@ -15,19 +15,6 @@
 
 #include "suite/process.h"
 
-namespace {
-
-// What is written here is seen even while a StderrCapture lives.
-const int original_stderr = fcntl(2, F_DUPFD_CLOEXEC, 3);
-char hang_message[256];
-
-void on_alarm(int) {
-  const ssize_t ignored = write(original_stderr, hang_message, strlen(hang_message));
-  _exit(ignored < 0 ? 125 : 124);
-}
-
-}  // namespace
-
 Lines open_descriptors() {
   Lines list;
   for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
@@ -66,13 +53,7 @@ std::string state_of(const Endpoint& c) {
   return state;
 }
 
-CommTest::CommTest() : descriptors_(open_descriptors()) {
-  const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
-  snprintf(hang_message, sizeof hang_message, "TIMEOUT in %s.%s\n", info->test_suite_name(),
-           info->name());
-  signal(SIGALRM, on_alarm);
-  alarm(300);
-}
+CommTest::CommTest() : descriptors_(open_descriptors()) { alarm(300); }
 
 CommTest::~CommTest() {
   alarm(0);

@@ -94,8 +94,9 @@ std::string state_of(const Endpoint& c);
 // Connects one more client to an open server and accepts it.
 std::pair<Endpoint, unsigned long> join(comm_socket_v4* server);
 
-// A test fails when its descriptors differ before and after, its own members destroyed. A test that
-// hangs ends the run, with its name, after more time than a busy machine takes.
+// A test fails when its descriptors differ before and after, its own members destroyed. One that
+// hangs ends the run, its name the last that was printed, after more time than a busy machine
+// takes.
 class CommTest : public testing::Test {
  protected:
   CommTest();

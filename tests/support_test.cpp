@@ -2,6 +2,7 @@
 #include "support.h"
 
 #include <gtest/gtest-spi.h>
+#include <signal.h>
 
 namespace {
 
@@ -25,7 +26,7 @@ TEST_F(SupportTest, EndsAndReportsWhatFailsOrHangs) {
   });
   EXPECT_EQ(1, failing.wait());
   Peer hanging([] { pause(); }, 1);
-  EXPECT_EQ(124, hanging.wait());
+  EXPECT_EQ(128 + SIGALRM, hanging.wait());
   EXPECT_LT(0u, alarm(300)) << "no alarm was set for the test itself";
   EXPECT_NONFATAL_FAILURE(Peer([] { _exit(3); }), "the peer failed");
   EXPECT_NONFATAL_FAILURE(Faults().fail(Call::malloc, ENOMEM), "malloc and never came");
