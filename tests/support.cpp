@@ -235,6 +235,11 @@ void await_death(const std::string& path) {
   while (get_socket_server_pid(path.c_str(), 1) >= 0) usleep(1000);
 }
 
+Packet retrieve(comm_socket_v4* c) {
+  return Packet(c->flags.server ? comm_socket_v4_server_get_packet(c, nullptr)
+                                : comm_socket_v4_client_get_packet_from_server(c));
+}
+
 std::pair<Endpoint, unsigned long> join(comm_socket_v4* server) {
   Endpoint client = make_endpoint();
   EXPECT_EQ(0, comm_socket_v4_connect_to(client.get(), server->socket_path.c_str()));

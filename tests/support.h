@@ -91,6 +91,8 @@ Lines changed_descriptors(const Lines& before);
 // What an endpoint is and has, in words; "" for one that is closed.
 std::string state_of(const Endpoint& c);
 
+// The next packet of a server or a client; null while there is none.
+Packet retrieve(comm_socket_v4* c);
 // Connects one more client to an open server and accepts it.
 std::pair<Endpoint, unsigned long> join(comm_socket_v4* server);
 
