@@ -65,7 +65,8 @@ std::string bits(Number... numbers) {
   return (std::string(reinterpret_cast<const char*>(&numbers), sizeof(numbers)) + ...);
 }
 
-// Follows every offset of a packet that was accepted. The NUL behind the packet may end a text, but
+// Follows every offset of a packet that was accepted, through the functions, which forward to the
+// members. The NUL behind the packet may end a text, but
 // is part of no value; AddressSanitizer cannot tell, so lengths are checked.
 inline std::string read_everything(const comm_socket_v4_packet& p) {
   const auto inside = [&p](const unsigned char* value, std::size_t length) {
@@ -83,12 +84,15 @@ inline std::string read_everything(const comm_socket_v4_packet& p) {
   }
   for (std::size_t i = 0; i < p.nv_entries(); ++i) {
     const comm_socket_v4_packet_nv_pair* const e = p.nv_entry(i);
-    const void* const raw = p.nv_pair_value_raw(e);
-    REQUIRE(p.nv_pair_value_uint64(e) == (e->type() == 2 ? raw : nullptr));
-    REQUIRE(p.nv_pair_value_double(e) == (e->type() == 3 ? raw : nullptr));
-    REQUIRE(p.nv_pair_value_int64(e) == (e->type() == 5 ? raw : nullptr));
-    all += bits(e->type()) + p.nv_pair_name(e) + '=' +
-           inside(p.nv_pair_value_binary(e), e->length()) + '=' + p.nv_pair_value_text(e) + '\0';
+    const unsigned char* const value = comm_socket_v4_packet_get_nv_pair_value_binary(&p, e);
+    const void* const raw = comm_socket_v4_packet_get_nv_pair_value_raw(&p, e);
+    REQUIRE(value == raw);
+    const auto of_type = [&](std::uint32_t type) { return e->type() == type ? raw : nullptr; };
+    REQUIRE(comm_socket_v4_packet_get_nv_pair_value_uint64(&p, e) == of_type(2));
+    REQUIRE(comm_socket_v4_packet_get_nv_pair_value_double(&p, e) == of_type(3));
+    REQUIRE(comm_socket_v4_packet_get_nv_pair_value_int64(&p, e) == of_type(5));
+    all += bits(e->type()) + p.nv_pair_name(e) + '=' + inside(value, e->length()) + '=' +
+           p.nv_pair_value_text(e) + '\0';
   }
   return all + (p.data_length() != 0 ? inside(p.data(), p.data_length()) : "");
 }
