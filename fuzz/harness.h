@@ -65,8 +65,7 @@ std::string bits(Number... numbers) {
   return (std::string(reinterpret_cast<const char*>(&numbers), sizeof(numbers)) + ...);
 }
 
-// Follows every offset of a packet that was accepted, through the functions, which forward to the
-// members. The NUL behind the packet may end a text, but
+// Follows every offset of a packet that was accepted. The NUL behind the packet may end a text, but
 // is part of no value; AddressSanitizer cannot tell, so lengths are checked.
 inline std::string read_everything(const comm_socket_v4_packet& p) {
   const auto inside = [&p](const unsigned char* value, std::size_t length) {

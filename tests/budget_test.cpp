@@ -11,7 +11,7 @@ class BudgetTest : public ServerTest {
   using Step = std::function<void()>;
 
   Packet packet;
-  const Step receive = [this] { packet.reset(comm_socket_v4_server_get_packet(&s, nullptr)); };
+  const Step receive = [this] { packet = retrieve(&s); };
   const Step wait = [this] { comm_socket_v4_server_from_client_readable(&s, ULONG_MAX); };
 
   // The calls of a step. None may block, and an endless wait needs no timer.
@@ -35,7 +35,6 @@ class BudgetTest : public ServerTest {
 TEST_F(BudgetTest, APacketCostsOneCallToSendTwoToReceiveAndEveryTimeTheSameMemory) {
   join();
   s.client.resize(1);  // every idle pass visits it
-  comm_socket_v4* const c = peers[0].get();
   const std::string came = "recvmsg 1, ioctl 1, malloc 1, operator_new 1";
   const std::pair<std::string, Step> steps[] = {
       {"malloc 1, operator_new 3", [&] { packet = ping_packet(); }},
@@ -44,9 +43,10 @@ TEST_F(BudgetTest, APacketCostsOneCallToSendTwoToReceiveAndEveryTimeTheSameMemor
       {"poll 1", receive},  // nothing, as the time before
       {"select 1, poll 1", wait},
       {"malloc 1, operator_new 3", [&] { packet = ping_packet(); }},
-      {"select 1, poll 1", [&] { comm_socket_v4_client_from_server_readable(c, ULONG_MAX); }},
+      {"select 1, poll 1",
+       [&] { comm_socket_v4_client_from_server_readable(client(), ULONG_MAX); }},
       {"sendmsg 1", [&] { send_to(0, packet); }},
-      {came, [&] { packet.reset(comm_socket_v4_client_get_packet_from_server(c)); }}};
+      {came, [&] { packet = retrieve(client()); }}};
   for (const auto& step : steps) cost(step.second);  // makes room for descriptors, once
   for (int round = 0; round < 100; ++round)
     for (const auto& [calls, step] : steps) ASSERT_EQ(calls, cost(step));

@@ -1,9 +1,7 @@
 // The clients of a server: their table, how they come in, and how they are let go.
 #include <climits>
-#include <tuple>
 
 #include "connections.h"
-#include "lib/endpoint_internal.h"
 
 namespace {
 
@@ -11,12 +9,7 @@ class ClientsTest : public ServerTest {
  protected:
   int disconnect(unsigned long i) { return comm_socket_v4_disconnect_client(&s.client[i]); }
   comm_socket_v4_client* disconnected() { return comm_socket_v4_get_disconnected_client(&s); }
-  // An accept that gives no client; what it prints.
-  std::string refused(int error, const void* client) {
-    EXPECT_EQ(error, errno);
-    EXPECT_EQ(nullptr, client);
-    return log();
-  }
+  const std::function<bool()> accepts = [this] { return accept() != nullptr; };
 };
 
 // --- Table --------------------------------------------------------------------------------------
@@ -26,11 +19,12 @@ TEST_F(ClientsTest, AConnectionWaitsWhileTheTableCannotGrowByHalf) {
   s.client_idlescan = s.client.back().tag = 7;
   knock();
   const std::pair table(s.client.data(), s.client.size());
-  EXPECT_EQ(R"(DEBUG: new_client() no empty slots available, expanding array
-ERROR: expand_client_list() realloc failed
-ERROR: new_client() unable to expand array
-)",
-            refused(ENOMEM, failing(Call::operator_new, EIO, [this] { return accept(); })));
+  Faults faults;
+  EXPECT_EQ(Told(0, ENOMEM,
+                 {"DEBUG: new_client() no empty slots available, expanding array",
+                  "ERROR: expand_client_list() realloc failed",
+                  "ERROR: new_client() unable to expand array"}),
+            told(faults.fail(Call::operator_new, EIO), accepts));
   EXPECT_EQ(table, std::pair(s.client.data(), s.client.size()));
   EXPECT_EQ(0, comm_socket_v4_expand_client_list(&s, 1));
   EXPECT_EQ(&s.client[16], accept());
@@ -100,18 +94,18 @@ TEST_F(ClientsTest, AcceptTellsWhoConnectedAndWhen) {
 }
 
 TEST_F(ClientsTest, AFailedAcceptClosesTheServerUnlessNothingWaits) {
-  EXPECT_EQ("", refused(EAGAIN, accept()));
+  const std::string error = "ERROR: accept_connection() ";
+  EXPECT_EQ(Told(0, EAGAIN, {}), told(accepts));
   EXPECT_EQ(1u, join()) << "the search has moved past slot 0";
   knock();
-  EXPECT_EQ(
-      "ERROR: accept_connection() getsockopt(SO_PEERCRED) returned error Input/output error\n",
-      refused(EIO, failing(Call::getsockopt, EIO, [this] { return accept(); })));
+  Faults faults;
+  EXPECT_EQ(Told(0, EIO, {error + "getsockopt(SO_PEERCRED) returned error Input/output error"}),
+            told(faults.fail(Call::getsockopt, EIO), accepts));
   expect_end(1);
   EXPECT_EQ(-1, s.client[2].client_fd);
   EXPECT_EQ(1, comm_socket_v4_is_open(&s));
-  const rlim_t none = lowest_free_descriptor();
-  EXPECT_EQ("ERROR: accept_connection() accept returned error Too many open files\n",
-            refused(EMFILE, with_descriptor_limit(none, [this] { return accept(); })));
+  EXPECT_EQ(Told(0, EMFILE, {error + "accept returned error Too many open files"}),
+            told(faults.fail(Call::accept4, EMFILE), accepts));
   expect_end(0);
   EXPECT_EQ(0, comm_socket_v4_is_open(&s));
 }

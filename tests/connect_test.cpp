@@ -272,7 +272,7 @@ TEST_F(ConnectTest, TheWaitAsksTheSocketWhatBecameOfItAndTakesNothingFromIt) {
   comm_socket_v4_packet_send_to_client(server->index2client(1), ping_packet().get());
   c->status.connect_pending = 1;
   EXPECT_EQ(1, wait(c));
-  EXPECT_NE(nullptr, Packet(comm_socket_v4_client_get_packet_from_server(c.get())));
+  EXPECT_NE(nullptr, retrieve(c.get()));
 }
 
 }  // namespace

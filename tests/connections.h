@@ -27,6 +27,9 @@ class ServerTest : public CommTest {
   comm_socket_v4& s = *server;
   std::vector<Endpoint> peers;
 
+  // The first client, and its record.
+  comm_socket_v4* client() { return peers[0].get(); }
+  comm_socket_v4_client* record() { return &s.client[0]; }
   // Without clients.
   void open_server() {
     peers.clear();

@@ -16,11 +16,10 @@ using Answers = std::array<int, 4>;  // in this order
 
 class LoopTest : public ServerTest {
  protected:
-  comm_socket_v4* client() { return peers[0].get(); }
   int wait(Wait which, unsigned long deadline = ULONG_MAX) {
     if (which == server_reads) return comm_socket_v4_server_from_client_readable(&s, deadline);
     if (which == server_writes)
-      return comm_socket_v4_wait_for_server_to_client_writeable(&s.client[0], deadline);
+      return comm_socket_v4_wait_for_server_to_client_writeable(record(), deadline);
     return which == client_reads
                ? comm_socket_v4_client_from_server_readable(client(), deadline)
                : comm_socket_v4_wait_for_client_to_server_writeable(client(), deadline);
@@ -76,31 +75,30 @@ TEST_F(LoopTest, NoClientStarvesTheOthersAndNoneIsOverlooked) {
   EXPECT_EQ(&s.client[170], comm_socket_v4_get_disconnected_client(&s));
   s.client_getpktscan = 999;
   send_from(1);
-  EXPECT_NE(nullptr, Packet(comm_socket_v4_server_get_packet(&s, nullptr)));
+  EXPECT_NE(nullptr, retrieve(&s));
   EXPECT_EQ(2u, s.client_getpktscan);
 }
 
 TEST_F(LoopTest, AHaltedClientIsLeftAloneAndAPendingResponseHoldsPacketsBack) {
   join();
-  comm_socket_v4_client& record = s.client[0];
+  const Packet response = make_packet();
+  const auto expect_none = [&](int halt, comm_socket_v4_packet* pending, bool is_read) {
+    record()->halt = halt;
+    record()->pending_response_packet = pending;
+    EXPECT_EQ(COMM_V4_NO_INDEX, next_sender());
+    EXPECT_EQ(is_read, record()->next_packet != nullptr);
+  };
   send_from(0);
-  record.halt = 1;
-  EXPECT_EQ(COMM_V4_NO_INDEX, next_sender());
-  EXPECT_EQ(nullptr, record.next_packet);
-  record.halt = 0;
-  record.pending_response_packet = comm_socket_v4_packet_create();
-  EXPECT_EQ(COMM_V4_NO_INDEX, next_sender());
-  EXPECT_NE(nullptr, record.next_packet) << "is read all the same";
-  record.pending_response_packet = comm_socket_v4_packet_release(record.pending_response_packet);
-  record.halt = 1;
-  EXPECT_EQ(COMM_V4_NO_INDEX, next_sender());
-  record.halt = 0;
+  expect_none(1, nullptr, false);
+  expect_none(0, response.get(), true);
+  expect_none(1, nullptr, true);
+  record()->halt = 0;
   EXPECT_EQ(0u, next_sender());
 }
 
 TEST_F(LoopTest, IdleTellsWhatIsClosedAndHow) {
   join();
-  comm_socket_v4_client stray = s.client[0];
+  comm_socket_v4_client stray = *record();
   stray.status.error = 1;
   EXPECT_EQ("-1 EINVAL", answered(comm_socket_v4_client_idle(&stray)));
   stray.status.disconnected = 1;
@@ -125,8 +123,8 @@ TEST_F(LoopTest, AWaitOnWhatIsClosedOrOfTheWrongKindSaysNothing) {
     EXPECT_EQ(Outcome(-1, errno_before), outcome([&] { return call(what, ULONG_MAX); }));
   };
   wait_on(comm_socket_v4_client_from_server_readable, &s);
-  s.client[0].status.disconnected = 1;
-  for (comm_socket_v4_client* const c : {&s.client[0], {}})
+  record()->status.disconnected = 1;
+  for (comm_socket_v4_client* const c : {record(), {}})
     wait_on(comm_socket_v4_wait_for_server_to_client_writeable, c);
   comm_socket_v4_close(&s);
   for (comm_socket_v4* const c : {&s, {}})
@@ -147,7 +145,7 @@ TEST_F(LoopTest, TheDeadlineComesBeforeAWaitingPacketAtTheServerAndBehindItAtThe
   }
   send_from(0);
   send_to(0);
-  EXPECT_EQ(0, comm_socket_v4_client_idle(&s.client[0]));
+  EXPECT_EQ(0, comm_socket_v4_client_idle(record()));
   EXPECT_EQ((Answers{0, 1, 0, 0}), waits(0));
   EXPECT_EQ((Answers{1, 1, 1, 1}), waits());
   EXPECT_EQ(0u, next_sender());

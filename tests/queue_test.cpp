@@ -10,14 +10,14 @@ class QueueTest : public ServerTest {
   std::unique_ptr<CommLargePacketQueue> queue = std::make_unique<CommLargePacketQueue>();
   Packet p = ping_packet();
 
-  int send() { return queue->send_packet(&s.client[0], p.get()); }
+  int send() { return queue->send_packet(record(), p.get()); }
   // Fills the socket, then queues p so many times.
   void fill(std::uint64_t count) {
     while (queue->queued_count < count) ASSERT_EQ(1, send());
   }
   std::uint64_t drain() {
     std::uint64_t packets = 0;
-    while (Packet(comm_socket_v4_client_get_packet_from_server(peers[0].get()))) ++packets;
+    while (retrieve(client())) ++packets;
     return packets;
   }
   // As the queue says, as the list is, and by the references to p.
@@ -42,7 +42,7 @@ TEST_F(QueueTest, RefusesThePacketBehind4096AndEndsWithItsPacketsUnsent) {
 TEST_F(QueueTest, ADeadConnectionShowsOnlyWhileNothingIsQueued) {
   fill(2);
   peers.clear();
-  await_end(s.client[0].client_fd);
+  await_end(record()->client_fd);
   EXPECT_EQ(1, send());
   EXPECT_EQ(Numbers(3, 3), queued());
   queue->dump_queued_packets();

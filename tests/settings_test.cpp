@@ -10,8 +10,6 @@ namespace {
 
 class SettingsTest : public ServerTest {
  protected:
-  comm_socket_v4* client() { return peers[0].get(); }
-  comm_socket_v4_client* record() { return &s.client[0]; }
   std::string create() { return answered(comm_socket_v4_create_server(&s, path().c_str())); }
 };
 
