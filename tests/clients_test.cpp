@@ -2,6 +2,7 @@
 #include <climits>
 
 #include "connections.h"
+#include "lib/endpoint_internal.h"
 
 namespace {
 

@@ -48,16 +48,16 @@ class ConnectTest : public CommTest {
 };
 
 TEST_F(ConnectTest, ConnectsAtOnce) {
-  const std::string file = path_of_length(106), name = abstract_name();
-  const std::string full_name = name + std::string(108 - name.size(), 'n');
+  const std::string file = path_of_length(106), short_link = path_of_length(106, 'l');
+  const std::string name = abstract_name(), full_name = name + std::string(108 - name.size(), 'n');
   const fs::path directory = fs::current_path();
   fs::current_path(path(""));
-  fs::create_symlink(file, path_of_length(106, 'l'));
+  fs::create_symlink(file, short_link);
   const struct {
     std::string bound, at;
     unsigned links = 0;
   } rows[] = {{file, file},
-              {file, path_of_length(106, 'l')},
+              {file, short_link},
               {file, link_to(file), 1},
               {path("@file"), link_to("@file"), 1},
               {name, name},
@@ -265,7 +265,6 @@ TEST_F(ConnectTest, TheWaitAsksTheSocketWhatBecameOfItAndTakesNothingFromIt) {
   Faults none;
   EXPECT_EQ(Outcome(0, 0), outcome(none, [&] { return wait(c, 0); }));
   EXPECT_EQ(0u, none.count(Call::select));
-
   accept();
   EXPECT_EQ(1, check(c));
   accept();

