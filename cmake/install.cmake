@@ -1,4 +1,4 @@
-# What `cmake --install` lays down: the header, both libraries, a CMake package that gives
+# What `cmake --install` lays down: the headers, both libraries, a CMake package that gives
 # tarn_utils_v4::comm (shared) and tarn_utils_v4::comm_static, a pkg-config file, and the documents.
 # All of it may be moved to another prefix afterwards. Programs need the component `runtime` to run,
 # and `development` to be built.

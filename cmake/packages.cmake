@@ -29,7 +29,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtarn-utils-v4-comm-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
-  "This package holds the header, the static library, the documents, and what CMake
+  "This package holds the headers, the static library, the documents, and what CMake
 and pkg-config need to find them.")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME tarn-comm)
