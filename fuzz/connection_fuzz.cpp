@@ -1,77 +1,15 @@
 // Raw peers against a server and against a client endpoint: any records and descriptors, and the
 // calls of an application's loop, in any order. In the end nothing may be left over.
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <deque>
-#include <filesystem>
 #include <utility>
 #include <vector>
 
-#include "fuzz/harness.h"
+#include "fuzz/raw_peers.h"
 #include "suite/time.h"
 
 namespace {
-
-const int some_file = open("/dev/null", O_RDWR);
-// Every slot and every kept packet may hold 60.
-const int raised_limit = [] {
-  const struct rlimit limit = {4096, 4096};
-  return setrlimit(RLIMIT_NOFILE, &limit);
-}();
-// Every server has a new name: somebody who looks at /proc/PID/fd may hold the old one for a moment
-// behind its close.
-std::string server_path() {
-  static unsigned number = 0;
-  return "@comm_fuzz_" + std::to_string(getpid()) + "_" + std::to_string(++number);
-}
-
-std::ptrdiff_t count_descriptors() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
-
-// A complete packet with this argument and so many descriptors.
-Packet make_packet(const std::string& argument, std::size_t descriptors) {
-  Packet p(comm_socket_v4_packet_create());
-  p->write_begin("ping", nullptr, 0);
-  p->write_argv(argument.c_str());
-  for (std::size_t i = 0; i < descriptors; ++i) p->attach_fd_to_send(some_file);
-  p->write_end();
-  return p;
-}
-
-// Sends bytes and descriptors past the library.
-bool send_record(int fd, std::string bytes, std::size_t descriptors) {
-  const std::size_t size = descriptors * sizeof(int);
-  alignas(struct cmsghdr) unsigned char control[CMSG_SPACE(61 * sizeof(int))];
-  auto* const rights = reinterpret_cast<struct cmsghdr*>(control);
-  *rights = {CMSG_LEN(size), SOL_SOCKET, SCM_RIGHTS};
-  for (std::size_t at = 0; at < size; at += sizeof(int))
-    std::memcpy(CMSG_DATA(rights) + at, &some_file, sizeof(int));
-  struct iovec part = {bytes.data(), bytes.size()};
-  const struct msghdr message = {nullptr, 0, &part, 1, control, size > 0 ? CMSG_SPACE(size) : 0, 0};
-  return sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
-}
-
-// What was sent. A sound record may not get lost: it is valid, and not too long.
-struct Record {
-  std::string bytes;
-  std::size_t descriptors;
-  bool sound;
-};
-
-// A packet that arrives is the next that was sent, but for those that may get lost.
-void expect_next(std::deque<Record>& sent, const comm_socket_v4_packet& p) {
-  for (bool found = false; !found; sent.pop_front()) {
-    REQUIRE(!sent.empty());
-    const Record& next = sent.front();
-    found = next.bytes == bytes_of(&p) && next.descriptors == p.attached_fd_count();
-    REQUIRE(found || !next.sound);
-  }
-}
 
 // The far end of a connection, and what is under way in both directions.
 struct Peer {
@@ -208,16 +146,10 @@ class World {
   // --- What crosses them ------------------------------------------------------------------------
 
   void peer_send() {
-    constexpr std::size_t counts[] = {0, 1, 60, 61};
     Peer& peer = any_peer();
-    const std::size_t form = in_.below(5), count = counts[in_.below(std::size(counts))];
-    std::string bytes = bytes_of(make_packet(std::to_string(++serial_), 0).get());
-    if (form == 1) bytes[in_.below(bytes.size())] = static_cast<char>(in_.below(0x100));
-    if (form == 2) bytes = in_.text();
-    if (form >= 3) bytes.resize(65548 + form);  // the longest that is received, and one more
-    const bool sound = (form == 0 || form == 3) && count <= 60;
-    if (send_record(peer.end.socket_fd, bytes, count))
-      peer.to_library.push_back({bytes, count, sound});
+    const Record record = any_record(in_, ++serial_);
+    if (send_record(peer.end.socket_fd, record.bytes, record.descriptors))
+      peer.to_library.push_back(record);
   }
 
   void peer_receive() {
