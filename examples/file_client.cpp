@@ -5,22 +5,17 @@
 //
 // With --slow it reads no answer before a line comes on standard input. The answers then fill its
 // socket, and after that the queue that the server keeps for it.
-#include <cinttypes>
-
 #include "common.h"
+
+using namespace std::chrono_literals;
 
 namespace {
 
 // Validation makes a packet safe to read. That it holds what is wanted is for the reader to see.
-const comm_socket_v4_packet_nv_pair* pair_of(const comm_socket_v4_packet& packet, const char* name,
-                                             std::uint32_t type, std::size_t values) {
-  for (std::size_t i = 0; i < packet.nv_entries(); ++i) {
-    const auto* const entry = packet.nv_entry(i);
-    if (std::strcmp(packet.nv_pair_name(entry), name) == 0 && entry->type() == type &&
-        entry->length() >= values * 8)
-      return entry;
-  }
-  fail(name, "the answer lacks it");
+template <class Value>
+Value wanted(const std::optional<Value>& value, const char* name) {
+  if (!value) fail(name, "the answer lacks it");
+  return *value;
 }
 
 void print_answer(const char* path, comm_socket_v4_packet& answer) {
@@ -29,26 +24,28 @@ void print_answer(const char* path, comm_socket_v4_packet& answer) {
                 printable(answer.error_string()).c_str());
     return;
   }
-  const auto* const size = pair_of(answer, "size", comm_v4_type_uint64, 1);
-  const auto* const mode = pair_of(answer, "mode", comm_v4_type_uint64, 1);
-  const auto* const times = pair_of(answer, "times", comm_v4_type_int64, 3);
-  const Descriptor file{answer.get_attached_fd(0)};  // Handed over: ours to close.
-  std::string bytes(reinterpret_cast<const char*>(answer.data()), answer.data_length());
+  const CommPacketReader read(answer);
+  const std::uint64_t size = wanted(read.pair("size").as_uint64(), "size");
+  const std::uint64_t mode = wanted(read.pair("mode").as_uint64(), "mode");
+  const auto times = read.pair("times").int64_list();
+  if (times.size() != 3) fail("times", "the answer lacks them");
+  const CommDescriptor file{answer.get_attached_fd(0)};  // Handed over: ours to close.
+  std::string bytes(read.data().as_characters());
   if (!read_rest(file.get(), bytes)) fail(path);
   std::printf("%s: mode %" PRIo64 ", %" PRIu64 " bytes, modified %" PRId64 ", cksum %" PRIu32 "\n",
-              path, answer.nv_pair_value_uint64(mode)[0], answer.nv_pair_value_uint64(size)[0],
-              answer.nv_pair_value_int64(times)[1], cksum(std::move(bytes)));
+              path, mode, size, times[1], cksum(std::move(bytes)));
 }
 
 // Sends requests from number `next` on until the socket takes no more; the number where it stopped.
-std::size_t ask(comm_socket_v4* server, char** paths, std::size_t next, std::size_t count) {
+std::size_t ask(CommClient& server, char** paths, std::size_t next, std::size_t count) {
   for (; next < count; ++next) {
-    const Packet request = begin_request("open", next);
-    if (!request || request->write_argv(paths[next]) != 0 || request->write_end() != 0)
-      fail(paths[next], "cannot write a packet");
-    const int sent = comm_socket_v4_packet_send_to_server(server, request.get());
-    if (sent < 0) fail("cannot send");
-    if (sent == 0) break;
+    CommPacketBuilder request = CommPacketBuilder::request("open");
+    const CommPacket packet = request.message_id(next).argument(paths[next]).finish();
+    if (!packet) fail(paths[next], request.error().what().c_str());
+    if (!server.send(packet, 0s)) {
+      if (errno == ETIMEDOUT) break;
+      fail("cannot send");
+    }
   }
   return next;
 }
@@ -59,21 +56,18 @@ int main(int argc, char** argv) {
   const bool slow = argc > 1 && std::strcmp(argv[1], "--slow") == 0;
   char** const operands = argv + (slow ? 2 : 1);
   if (argc < (slow ? 4 : 3)) fail("usage", "file_client [--slow] SOCKET FILE...");
-  const Endpoint server{comm_socket_v4_create()};
-  if (!server) fail("no memory");
-  comm_socket_v4_set_connect_timeout(server.get(), 5000000);
-  if (comm_socket_v4_connect_to(server.get(), operands[0]) != 0) fail(operands[0]);
+  CommClient server;
+  if (!server.connect(operands[0], 5s)) fail(operands[0]);
 
   char** const paths = operands + 1;
   const auto count = static_cast<std::size_t>(argv + argc - paths);
-  std::size_t asked = ask(server.get(), paths, 0, count);
+  std::size_t asked = ask(server, paths, 0, count);
   if (slow) std::getchar();
   for (std::size_t i = 0; i < count; ++i) {
-    const Packet answer = receive(server.get(), in_seconds(10));
-    if (!answer) fail(paths[i], "no answer");
-    if (answer->message_id != i) fail(paths[i], "its answer is lost or out of order");
+    const CommPacket answer = server.next(10s);
+    if (!answer || answer->message_id != i) fail(paths[i], "no answer, or another's");
     print_answer(paths[i], *answer);
-    asked = ask(server.get(), paths, asked, count);
+    asked = ask(server, paths, asked, count);
   }
   return std::fflush(stdout) == 0 ? 0 : 1;
 }

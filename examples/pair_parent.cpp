@@ -1,20 +1,23 @@
-// Starts a worker that is joined to it through a socket pair, and has it compute checksums of files
-// that it sends as open descriptors.
+// Starts workers, each joined to it through a socket pair, and has them compute checksums of files
+// that it sends as open descriptors. Who is done gets the next file.
 //
 //   pair_parent [--show] WORKER FILE...
-#include <fcntl.h>
 #include <sys/wait.h>
+#include <tarn_utils_v4/comm_loop.h>
 
-#include <cinttypes>
+#include <vector>
 
 #include "common.h"
 
 namespace {
 
+constexpr std::size_t most_workers = 4;
+constexpr std::uint64_t patience_us = 600 * 1000000ul;  // until some worker answers
+
 // Keeps one end of a new pair, and tells the program the number of the other.
 pid_t start_worker(comm_socket_v4* endpoint, const char* program) {
   if (comm_socket_v4_connect_new_socketpair(endpoint) != 0) fail("cannot make a socket pair");
-  const Descriptor remote{comm_socket_v4_socketpair_get_remote_end(endpoint)};
+  const CommDescriptor remote{comm_socket_v4_socketpair_get_remote_end(endpoint)};
   const std::string number = std::to_string(remote.get());
   const pid_t pid = ::fork();
   if (pid < 0) fail("cannot fork");
@@ -26,14 +29,78 @@ pid_t start_worker(comm_socket_v4* endpoint, const char* program) {
   return pid;  // Closes our copy of the worker's end, so that its death ends the connection.
 }
 
-Packet cksum_request(const char* path, std::uint64_t id) {
-  const Descriptor file{::open(path, O_RDONLY | O_CLOEXEC)};
+CommPacket cksum_request(const char* path, std::uint64_t id) {
+  CommDescriptor file{::open(path, O_RDONLY | O_CLOEXEC)};
   if (!file.is_open()) fail(path);
-  Packet request = begin_request("cksum", id);
-  if (!request || !request->attach_fd_to_send(file.get()) || request->write_end() != 0)
-    fail(path, "cannot write a packet");
-  return request;  // It holds a duplicate of the descriptor.
+  CommPacketBuilder request = CommPacketBuilder::request("cksum");
+  CommPacket packet = request.message_id(id).descriptor(std::move(file)).finish();
+  if (!packet) fail(path, request.error().what().c_str());
+  return packet;
 }
+
+class Parent : public CommLoopHandler {
+ public:
+  Parent(std::vector<const char*> files, bool shows)
+      : files_(std::move(files)), sums_(files_.size()), shows_(shows) {}
+
+  void add_worker(CommLoop& loop, CommEndpoint end) {
+    if (loop.add(end.get(), *this).generation == 0) fail("cannot watch a worker");
+    static_cast<void>(end.release());
+    ++workers_;
+  }
+
+  bool on_connect(CommLoop& loop, CommLoopId worker, const struct ucred& /*who*/) override {
+    give_next_file(loop, worker);
+    return true;
+  }
+
+  void on_packet(CommLoop& loop, CommLoopId worker, comm_socket_v4_packet* answer) override {
+    const std::uint64_t file = loop.tag(worker);
+    if (shows_) show(*answer, "from worker, file", file);
+    if (answer->message_id != file) fail(files_[file], "something else was answered");
+    if (answer->error_code != 0) fail(files_[file], printable(answer->error_string()).c_str());
+    sums_[file] =
+        std::to_string(answer->argv_uint64(0)) + ' ' + std::to_string(answer->argv_uint64(1));
+    give_next_file(loop, worker);
+  }
+
+  void on_gone(CommLoop& loop, CommLoopId worker, CommLoopReason why, int /*error*/) override {
+    if (why != comm_loop_finished) fail(files_[loop.tag(worker)], "its worker has gone");
+    if (--workers_ == 0) loop.stop();
+  }
+
+  void on_time(CommLoop& /*loop*/, CommLoopId /*timer*/) override {
+    fail("no worker answers", "too late");
+  }
+
+  void print() const {
+    for (std::size_t i = 0; i < files_.size(); ++i)
+      std::printf("%s %s\n", sums_[i].c_str(), files_[i]);
+  }
+
+ private:
+  // The tag of a worker is the number of its file.
+  void give_next_file(CommLoop& loop, CommLoopId worker) {
+    loop.remove(deadline_);
+    deadline_ = loop.after(patience_us, *this);
+    if (next_ == files_.size()) {
+      loop.finish(worker);
+      return;
+    }
+    const CommPacket request = cksum_request(files_[next_], next_);
+    if (shows_) show(*request, "to worker, file", next_);
+    loop.set_tag(worker, next_);
+    if (loop.send(worker, request.get()) < 0) fail(files_[next_], "cannot send");
+    ++next_;
+  }
+
+  const std::vector<const char*> files_;
+  std::vector<std::string> sums_;
+  const bool shows_;
+  std::size_t next_ = 0;
+  std::size_t workers_ = 0;
+  CommLoopId deadline_ = {0, 0};
+};
 
 }  // namespace
 
@@ -41,23 +108,21 @@ int main(int argc, char** argv) {
   const bool shows = argc > 1 && std::strcmp(argv[1], "--show") == 0;
   const int first = shows ? 2 : 1;
   if (argc < first + 2) fail("usage", "pair_parent [--show] WORKER FILE...");
-  Endpoint worker{comm_socket_v4_create()};
-  if (!worker) fail("no memory");
-  const pid_t pid = start_worker(worker.get(), argv[first]);
-  for (int i = first + 1; i < argc; ++i) {
-    const auto id = static_cast<std::uint64_t>(i);
-    const Packet request = cksum_request(argv[i], id);
-    if (shows) show(*request, "to worker, file", id);
-    if (!send(worker.get(), request.get(), in_seconds(10))) fail(argv[i], "cannot send");
-    const Packet answer = receive(worker.get(), in_seconds(10));
-    if (!answer || answer->message_id != id) fail(argv[i], "no answer");
-    if (shows) show(*answer, "from worker, file", id);
-    if (answer->error_code != 0) fail(argv[i], printable(answer->error_string()).c_str());
-    std::printf("%" PRIu64 " %" PRIu64 " %s\n", answer->argv_uint64(0), answer->argv_uint64(1),
-                argv[i]);
+  const char* const program = argv[first];
+  Parent parent{{argv + first + 1, argv + argc}, shows};
+  CommLoop loop;
+  std::vector<pid_t> pids;
+  for (int i = first + 1; i < argc && pids.size() < most_workers; ++i) {
+    CommEndpoint end{comm_socket_v4_create()};
+    if (!end) fail("no memory");
+    pids.push_back(start_worker(end.get(), program));
+    parent.add_worker(loop, std::move(end));
   }
-  worker.reset();  // Closes our end, at which the worker ends.
-  int status = 0;
-  if (::waitpid(pid, &status, 0) != pid || status != 0) fail(argv[first], "the worker failed");
+  if (loop.run() != 0) fail("cannot wait");
+  for (const pid_t pid : pids) {
+    int status = 0;
+    if (::waitpid(pid, &status, 0) != pid || status != 0) fail(program, "a worker failed");
+  }
+  parent.print();
   return std::fflush(stdout) == 0 ? 0 : 1;
 }

@@ -1,24 +1,27 @@
 // Answers its parent with the checksum and the length of every file whose descriptor it is sent,
-// until the parent closes its end.
+// until the parent ends the connection.
 //
 //   pair_worker NUMBER      the descriptor of its end of a socket pair, inherited
-#include <climits>
-
 #include "common.h"
+
+using namespace std::chrono_literals;
 
 int main(int argc, char** argv) {
   if (argc != 2) fail("usage", "pair_worker NUMBER");
-  const Endpoint parent{comm_socket_v4_create()};
-  if (!parent || comm_socket_v4_connect_use_socketpair(parent.get(), std::atoi(argv[1])) != 0)
+  CommClient parent;
+  if (parent.endpoint() == nullptr ||
+      comm_socket_v4_connect_use_socketpair(parent.endpoint(), std::atoi(argv[1])) != 0)
     fail(argv[1], "not an end of a socket pair");
-  while (const Packet request = receive(parent.get(), ULONG_MAX)) {
-    const Descriptor file{request->get_attached_fd(0)};
+  while (const CommPacket request = parent.next(CommClient::endless)) {
+    const CommDescriptor file{request->get_attached_fd(0)};
     std::string bytes;
-    const Packet answer = begin_answer(*request, read_rest(file.get(), bytes) ? 0 : errno);
-    if (!answer || answer->write_argv_uint64(cksum(bytes)) != 0 ||
-        answer->write_argv_uint64(bytes.size()) != 0 || answer->write_end() != 0 ||
-        !send(parent.get(), answer.get(), in_seconds(10)))
-      fail("cannot answer");
+    const int error = read_rest(file.get(), bytes) ? 0 : errno;
+    CommPacketBuilder answer =
+        CommPacketBuilder::response_to(*request, error != 0 ? std::strerror(error) : "");
+    answer.error_code(static_cast<std::uint64_t>(error))
+        .argument_uint64(cksum(bytes))
+        .argument_uint64(bytes.size());
+    if (!parent.send(answer.finish(), 10s)) fail("cannot answer");
   }
-  return comm_socket_v4_is_open(parent.get()) ? 1 : 0;  // Closed by the parent is how it ends.
+  return errno == ENOTCONN ? 0 : 1;
 }
