@@ -22,14 +22,14 @@ namespace {
 
 // --- What the library does on either side --------------------------------------------------------
 
-void look_at(const Packet& packet) {
+void look_at(const CommPacket& packet) {
   volatile std::uint64_t seen = read_packet(packet.get());
   static_cast<void>(seen);
 }
 
 // Opens an endpoint on a connected socket.
-Endpoint endpoint_on(Descriptor socket) {
-  Endpoint endpoint(comm_socket_v4_create());
+CommEndpoint endpoint_on(CommDescriptor socket) {
+  CommEndpoint endpoint(comm_socket_v4_create());
   check(comm_socket_v4_connect_use_socketpair(endpoint.get(), socket.get()),
         "connect_use_socketpair");
   socket.release();
@@ -40,27 +40,27 @@ Endpoint endpoint_on(Descriptor socket) {
 
 constexpr std::size_t most_active = 16;
 
-Endpoint library_server(const std::string& path) {
-  Endpoint server(comm_socket_v4_create());
+CommEndpoint library_server(const std::string& path) {
+  CommEndpoint server(comm_socket_v4_create());
   check(comm_socket_v4_create_server(server.get(), path.c_str()), "create_server");
   return server;
 }
 
-void answer(comm_socket_v4_client* client, const Packet& request) {
+void answer(comm_socket_v4_client* client, const CommPacket& request) {
   look_at(request);
-  const Packet response = build_packet(request->buffer_length);
+  const CommPacket response = build_packet(request->buffer_length);
   check(comm_socket_v4_packet_send_to_client(client, response.get()), "send_to_client");
 }
 
 [[noreturn]] void serve_waits(const std::string& path) {
-  const Endpoint server = library_server(path);
+  const CommEndpoint server = library_server(path);
   for (;;) {
     comm_socket_v4_server_from_client_readable(server.get(), ULONG_MAX);
     // As many as may have come since; another round tells whether there are more.
     comm_socket_v4_client* client;
     std::size_t answered = 0;
     while (answered < most_active) {
-      const Packet request(comm_socket_v4_server_get_packet(server.get(), &client));
+      const CommPacket request(comm_socket_v4_server_get_packet(server.get(), &client));
       if (request == nullptr) break;
       answer(client, request);
       ++answered;
@@ -70,7 +70,7 @@ void answer(comm_socket_v4_client* client, const Packet& request) {
 }
 
 [[noreturn]] void serve_epoll(const std::string& path) {
-  const Endpoint server = library_server(path);
+  const CommEndpoint server = library_server(path);
   raw::Epoll epoll;
   epoll.watch(server->get_socket_fd(), COMM_V4_NO_INDEX);
   for (;;) {
@@ -81,7 +81,8 @@ void answer(comm_socket_v4_client* client, const Packet& request) {
         continue;
       }
       comm_socket_v4_client* const client = server->index2client(event.data.u64);
-      if (const Packet request{comm_socket_v4_client_get_packet(client)}) answer(client, request);
+      if (const CommPacket request{comm_socket_v4_client_get_packet(client)})
+        answer(client, request);
     }
   }
 }
@@ -104,7 +105,7 @@ std::optional<raw::Epoll> epoll_of(int fd, WaitBy wait_by) {
 
 class RawClient : public Client {
  public:
-  RawClient(Descriptor connection, raw::Calls calls, WaitBy wait_by)
+  RawClient(CommDescriptor connection, raw::Calls calls, WaitBy wait_by)
       : connection_(std::move(connection)),
         calls_(calls),
         epoll_(epoll_of(connection_.get(), wait_by)) {}
@@ -119,24 +120,24 @@ class RawClient : public Client {
   }
 
  private:
-  Descriptor connection_;
+  CommDescriptor connection_;
   raw::Calls calls_;
   std::optional<raw::Epoll> epoll_;
 };
 
 class LibraryClient : public Client {
  public:
-  LibraryClient(Descriptor connection, WaitBy wait_by)
+  LibraryClient(CommDescriptor connection, WaitBy wait_by)
       : endpoint_(endpoint_on(std::move(connection))),
         epoll_(epoll_of(endpoint_->get_socket_fd(), wait_by)) {}
 
   void ask(std::size_t size) override {
-    const Packet request = build_packet(size);
+    const CommPacket request = build_packet(size);
     if (comm_socket_v4_packet_send_to_server(endpoint_.get(), request.get()) <= 0)
       fail("a request was not sent");
   }
   void await_answer() override {
-    Packet response;
+    CommPacket response;
     while (response == nullptr) {
       if (!endpoint_->socket_open()) fail("the server ended");
       if (epoll_)
@@ -149,14 +150,14 @@ class LibraryClient : public Client {
   }
 
  private:
-  Endpoint endpoint_;
+  CommEndpoint endpoint_;
   std::optional<raw::Epoll> epoll_;
 };
 
 // --- Round trips: both together ------------------------------------------------------------------
 
 using Serve = std::function<void(const std::string& path)>;
-using MakeClient = std::function<std::unique_ptr<Client>(Descriptor connection)>;
+using MakeClient = std::function<std::unique_ptr<Client>(CommDescriptor connection)>;
 
 class Conversation {
  public:
@@ -165,7 +166,7 @@ class Conversation {
         server_(what.server_core, [&] { serve(path_); }) {
     const std::size_t step = std::max<std::size_t>(1, what.connections / most_active);
     for (std::size_t i = 0; i < what.connections; ++i) {
-      Descriptor connection = raw::connect(path_);
+      CommDescriptor connection = raw::connect(path_);
       if (i % step == 0 && active_.size() < most_active)
         active_.push_back(make_client(std::move(connection)));
       else
@@ -183,7 +184,7 @@ class Conversation {
  private:
   const std::string path_;
   std::vector<std::unique_ptr<Client>> active_;
-  std::vector<Descriptor> idle_;
+  std::vector<CommDescriptor> idle_;
   Child server_;
 };
 
@@ -203,13 +204,13 @@ Runner round_trips(const RoundTrips& what, const Serve& serve, const MakeClient&
 // --- Streams -------------------------------------------------------------------------------------
 
 // Each does `count` records at one end of a socket pair.
-using MakeEnd = std::function<Runner(Descriptor socket)>;
+using MakeEnd = std::function<Runner(CommDescriptor socket)>;
 
 Runner stream(int receiver_core, const MakeEnd& make_sender, const MakeEnd& make_receiver) {
   int pair[2];
   check(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, pair), "socketpair");
-  Descriptor here(pair[0]);
-  Descriptor there(pair[1]);
+  CommDescriptor here(pair[0]);
+  CommDescriptor there(pair[1]);
   const auto receiver =
       std::make_shared<Worker>(receiver_core, [&] { return make_receiver(std::move(there)); });
   return [receiver, send = make_sender(std::move(here))](std::size_t count) {
@@ -219,8 +220,8 @@ Runner stream(int receiver_core, const MakeEnd& make_sender, const MakeEnd& make
   };
 }
 
-Runner raw_sender(Descriptor socket, const Stream& what, raw::Calls calls) {
-  const auto owner = std::make_shared<Descriptor>(std::move(socket));
+Runner raw_sender(CommDescriptor socket, const Stream& what, raw::Calls calls) {
+  const auto owner = std::make_shared<CommDescriptor>(std::move(socket));
   const int passed = what.with_descriptor ? STDIN_FILENO : -1;
   return [=, size = what.size](std::size_t count) {
     for (std::size_t sent = 0; sent < count; ++sent) {
@@ -232,8 +233,8 @@ Runner raw_sender(Descriptor socket, const Stream& what, raw::Calls calls) {
   };
 }
 
-Runner raw_receiver(Descriptor socket, raw::Calls calls) {
-  const auto owner = std::make_shared<Descriptor>(std::move(socket));
+Runner raw_receiver(CommDescriptor socket, raw::Calls calls) {
+  const auto owner = std::make_shared<CommDescriptor>(std::move(socket));
   return [=](std::size_t count) {
     for (std::size_t taken = 0; taken < count;) {
       raw::wait_readable(owner->get());
@@ -243,26 +244,27 @@ Runner raw_receiver(Descriptor socket, raw::Calls calls) {
 }
 
 void send_packet(comm_socket_v4* endpoint, const Stream& what) {
-  const Packet packet = build_packet(what.size);
+  const CommPacket packet = build_packet(what.size);
   if (what.with_descriptor && !packet->attach_fd_to_send(STDIN_FILENO))
     fail("standard input cannot be attached");
   while (check(comm_socket_v4_packet_send_to_server(endpoint, packet.get()), "send_to_server") == 0)
     comm_socket_v4_wait_for_client_to_server_writeable(endpoint, ULONG_MAX);
 }
 
-Runner library_sender(Descriptor socket, const Stream& what) {
+Runner library_sender(CommDescriptor socket, const Stream& what) {
   const std::shared_ptr<comm_socket_v4> endpoint = endpoint_on(std::move(socket));
   return [=](std::size_t count) {
     for (std::size_t sent = 0; sent < count; ++sent) send_packet(endpoint.get(), what);
   };
 }
 
-Runner library_receiver(Descriptor socket) {
+Runner library_receiver(CommDescriptor socket) {
   const std::shared_ptr<comm_socket_v4> endpoint = endpoint_on(std::move(socket));
   return [=](std::size_t count) {
     for (std::size_t taken = 0; taken < count;) {
       comm_socket_v4_client_from_server_readable(endpoint.get(), ULONG_MAX);
-      while (const Packet packet{comm_socket_v4_client_get_packet_from_server(endpoint.get())}) {
+      while (
+          const CommPacket packet{comm_socket_v4_client_get_packet_from_server(endpoint.get())}) {
         look_at(packet);
         ++taken;
       }
@@ -276,14 +278,14 @@ Runner raw_round_trips(const RoundTrips& what, raw::Calls calls, WaitBy wait_by)
   const auto serve = wait_by == WaitBy::select ? raw::serve_select : raw::serve_epoll;
   return round_trips(
       what, [&](const std::string& path) { serve(path, calls); },
-      [&](Descriptor connection) {
+      [&](CommDescriptor connection) {
         return std::make_unique<RawClient>(std::move(connection), calls, wait_by);
       });
 }
 
 Runner library_round_trips(const RoundTrips& what, WaitBy wait_by) {
   return round_trips(what, wait_by == WaitBy::select ? serve_waits : serve_epoll,
-                     [&](Descriptor connection) {
+                     [&](CommDescriptor connection) {
                        return std::make_unique<LibraryClient>(std::move(connection), wait_by);
                      });
 }
@@ -291,12 +293,13 @@ Runner library_round_trips(const RoundTrips& what, WaitBy wait_by) {
 Runner raw_stream(const Stream& what, raw::Calls calls) {
   return stream(
       what.receiver_core,
-      [&](Descriptor socket) { return raw_sender(std::move(socket), what, calls); },
-      [&](Descriptor socket) { return raw_receiver(std::move(socket), calls); });
+      [&](CommDescriptor socket) { return raw_sender(std::move(socket), what, calls); },
+      [&](CommDescriptor socket) { return raw_receiver(std::move(socket), calls); });
 }
 
 Runner library_stream(const Stream& what) {
   return stream(
       what.receiver_core,
-      [&](Descriptor socket) { return library_sender(std::move(socket), what); }, library_receiver);
+      [&](CommDescriptor socket) { return library_sender(std::move(socket), what); },
+      library_receiver);
 }

@@ -17,8 +17,8 @@ unsigned char data[data_size];
 const std::uint64_t list[4] = {1, 2, 3, 4};
 
 // A command, 4 arguments, 4 name/value pairs and 1 KiB of data.
-Packet build_rich() {
-  Packet p(comm_socket_v4_packet_create());
+CommPacket build_rich() {
+  CommPacket p(comm_socket_v4_packet_create());
   p->make_request();
   p->write_begin("transform", nullptr, 0);
   p->write_argv("input/file.txt");
@@ -90,7 +90,7 @@ void build_and_release(benchmark::State& state, Build build) {
   for (auto _ : state) benchmark::DoNotOptimize(build());
 }
 
-void copy_bytes(benchmark::State& state, const Packet& packet) {
+void copy_bytes(benchmark::State& state, const CommPacket& packet) {
   for (auto _ : state) {
     void* const copy = std::malloc(packet->buffer_length);
     std::memcpy(copy, packet->buffer, packet->buffer_length);
@@ -101,8 +101,8 @@ void copy_bytes(benchmark::State& state, const Packet& packet) {
 }
 
 template <class Read>
-void validate_and_read(benchmark::State& state, const Packet& packet, Read read) {
-  const Endpoint endpoint(comm_socket_v4_create());
+void validate_and_read(benchmark::State& state, const CommPacket& packet, Read read) {
+  const CommEndpoint endpoint(comm_socket_v4_create());
   auto* const header = reinterpret_cast<comm_socket_v4_packet_header*>(packet->buffer);
   for (auto _ : state) {
     benchmark::ClobberMemory();
@@ -125,8 +125,8 @@ void read_values(benchmark::State& state) {
 
 int main(int argc, char** argv) {
   for (std::size_t i = 0; i < data_size; ++i) data[i] = static_cast<unsigned char>(i);
-  static const Packet small = build_packet(small_packet_size);
-  static const Packet rich = build_rich();
+  static const CommPacket small = build_packet(small_packet_size);
+  static const CommPacket rich = build_rich();
   using benchmark::RegisterBenchmark;
   RegisterBenchmark("small/copy", [](benchmark::State& s) { copy_bytes(s, small); });
   RegisterBenchmark("small/build", [](benchmark::State& s) {

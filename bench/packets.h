@@ -2,20 +2,18 @@
 #ifndef COMM_BENCH_PACKETS_H
 #define COMM_BENCH_PACKETS_H
 
-#include <tarn_utils_v4/comm.h>
+#include <tarn_utils_v4/comm_cpp.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
-#include "lib/owners.h"
-
 constexpr std::size_t small_packet_size = 94;
 
 // A command, one argument and one pair: 94 bytes. Larger sizes are filled up with binary data.
-inline Packet build_packet(std::size_t size) {
+inline CommPacket build_packet(std::size_t size) {
   static const std::string filler(262144, 'x');
-  Packet p(comm_socket_v4_packet_create());
+  CommPacket p(comm_socket_v4_packet_create());
   p->make_request();
   p->write_begin("ping", nullptr, size > small_packet_size ? size + 16384 : 0);
   p->write_argv("a");

@@ -31,14 +31,14 @@ Child::~Child() {
 Pipe::Pipe() {
   int ends[2];
   check(::pipe(ends), "pipe");
-  read_end = Descriptor(ends[0]);
-  write_end = Descriptor(ends[1]);
+  read_end = CommDescriptor(ends[0]);
+  write_end = CommDescriptor(ends[1]);
 }
 
 // This process gives up its writing end of done_, so that finish() returns when the other ends.
 Worker::Worker(int core, const std::function<Runner()>& prepare)
     : child_(core, [&] { work(prepare()); }) {
-  done_.write_end = Descriptor();
+  done_.write_end = CommDescriptor();
 }
 
 void Worker::start(std::size_t count) {

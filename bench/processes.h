@@ -3,11 +3,10 @@
 #define COMM_BENCH_PROCESSES_H
 
 #include <sys/types.h>
+#include <tarn_utils_v4/comm_cpp.h>
 
 #include <cstddef>
 #include <functional>
-
-#include "lib/owners.h"
 
 // Pins this process.
 void pin_to(int core);
@@ -29,7 +28,7 @@ class Child {
 
 struct Pipe {
   Pipe();
-  Descriptor read_end, write_end;
+  CommDescriptor read_end, write_end;
 };
 
 // A process that does a number of operations when it is told to.

@@ -34,13 +34,13 @@ struct Address {
   socklen_t length;
 };
 
-Descriptor new_socket(int flags) {
-  return Descriptor(check(::socket(AF_UNIX, SOCK_SEQPACKET | flags, 0), "socket"));
+CommDescriptor new_socket(int flags) {
+  return CommDescriptor(check(::socket(AF_UNIX, SOCK_SEQPACKET | flags, 0), "socket"));
 }
 
 // None, when the client has gone again.
-Descriptor accept(const Descriptor& listener) {
-  return Descriptor(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+CommDescriptor accept(const CommDescriptor& listener) {
+  return CommDescriptor(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
 }
 
 // select(2) over any number of descriptors.
@@ -115,17 +115,17 @@ void echo(int fd, Calls calls) {
 
 }  // namespace
 
-Descriptor listen(const std::string& path) {
+CommDescriptor listen(const std::string& path) {
   const Address address(path);
-  Descriptor listener = new_socket(SOCK_NONBLOCK);
+  CommDescriptor listener = new_socket(SOCK_NONBLOCK);
   check(::bind(listener.get(), address.get(), address.length), "bind");
   check(::listen(listener.get(), 0), "listen");
   return listener;
 }
 
-Descriptor connect(const std::string& path) {
+CommDescriptor connect(const std::string& path) {
   const Address address(path);
-  Descriptor connection = new_socket(SOCK_CLOEXEC);
+  CommDescriptor connection = new_socket(SOCK_CLOEXEC);
   for (int tries = 1; ::connect(connection.get(), address.get(), address.length) != 0; ++tries) {
     if ((errno != ECONNREFUSED && errno != EINTR) || tries == 5000) fail_call("connect");
     ::usleep(1000);
@@ -170,19 +170,19 @@ ssize_t receive(int fd, Calls calls) {
 }
 
 void serve_select(const std::string& path, Calls calls) {
-  const Descriptor listener = listen(path);
-  std::vector<Descriptor> clients;
+  const CommDescriptor listener = listen(path);
+  std::vector<CommDescriptor> clients;
   int highest = listener.get();
   SelectSet set;
   for (;;) {
     set.reset(highest);
     set.add(listener.get());
-    for (const Descriptor& client : clients) set.add(client.get());
+    for (const CommDescriptor& client : clients) set.add(client.get());
     check(::select(highest + 1, set.get(), nullptr, nullptr, nullptr), "select");
-    for (const Descriptor& client : clients)
+    for (const CommDescriptor& client : clients)
       if (set.has(client.get())) echo(client.get(), calls);
     if (!set.has(listener.get())) continue;
-    Descriptor client = accept(listener);
+    CommDescriptor client = accept(listener);
     if (!client.is_open()) continue;
     highest = std::max(highest, client.get());
     clients.push_back(std::move(client));
@@ -190,8 +190,8 @@ void serve_select(const std::string& path, Calls calls) {
 }
 
 void serve_epoll(const std::string& path, Calls calls) {
-  const Descriptor listener = listen(path);
-  std::vector<Descriptor> clients;
+  const CommDescriptor listener = listen(path);
+  std::vector<CommDescriptor> clients;
   Epoll epoll;
   epoll.watch(listener.get(), static_cast<std::uint64_t>(listener.get()));
   for (;;) {
@@ -201,7 +201,7 @@ void serve_epoll(const std::string& path, Calls calls) {
         echo(fd, calls);
         continue;
       }
-      Descriptor client = accept(listener);
+      CommDescriptor client = accept(listener);
       if (!client.is_open()) continue;
       epoll.watch(client.get(), static_cast<std::uint64_t>(client.get()));
       clients.push_back(std::move(client));

@@ -5,13 +5,12 @@
 
 #include <sys/epoll.h>
 #include <sys/types.h>
+#include <tarn_utils_v4/comm_cpp.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
-
-#include "lib/owners.h"
 
 namespace raw {
 
@@ -19,9 +18,9 @@ namespace raw {
 // packets, which is sendmsg, FIONREAD and recvmsg.
 enum class Calls { send_recv, sendmsg_recvmsg, same_as_library };
 
-Descriptor listen(const std::string& path);
+CommDescriptor listen(const std::string& path);
 // Waits for a server that does not listen yet.
-Descriptor connect(const std::string& path);
+CommDescriptor connect(const std::string& path);
 
 void wait_readable(int fd);
 void wait_writeable(int fd);
@@ -34,7 +33,7 @@ class Epoll {
   std::span<const epoll_event> wait();
 
  private:
-  Descriptor epoll_;
+  CommDescriptor epoll_;
   epoll_event events_[64];
 };
 

@@ -31,8 +31,8 @@ class Server {
 
  private:
   const std::string path_ = "@table_bench." + std::to_string(::getpid());
-  std::vector<Descriptor> peers_;
-  Endpoint server_;
+  std::vector<CommDescriptor> peers_;
+  CommEndpoint server_;
 };
 
 template <class Operation>

@@ -154,14 +154,14 @@ class World {
 
   void peer_receive() {
     Peer& peer = any_peer();
-    const Packet p(comm_socket_v4_client_get_packet_from_server(&peer.end));
+    const CommPacket p(comm_socket_v4_client_get_packet_from_server(&peer.end));
     if (p != nullptr) expect_next(peer.from_library, *p);
   }
 
   void send() {
     Peer& peer = any_peer();
     const std::string argument = in_.text();
-    Packet p = make_packet(argument, in_.below(3));
+    CommPacket p = make_packet(argument, in_.below(3));
     if (in_.yes() && !kept_.empty()) p.swap(kept_.back());
     const std::size_t count = p->attached_fd_count();
     const int sent = is_client(peer) ? comm_socket_v4_packet_send_to_server(&client_, p.get())
@@ -173,7 +173,7 @@ class World {
 
   void take_from_server() {
     comm_socket_v4_client* from;
-    Packet p(comm_socket_v4_server_get_packet(&server_, &from));
+    CommPacket p(comm_socket_v4_server_get_packet(&server_, &from));
     if (p != nullptr) receive(std::move(p), peer_of(from));
   }
 
@@ -181,17 +181,17 @@ class World {
     Peer& peer = any_peer();
     if (record(peer) != nullptr) record(peer)->halt = in_.yes();
     if (!is_client(peer)) return take_from_server();
-    Packet p(comm_socket_v4_client_get_packet_from_server(&client_));
+    CommPacket p(comm_socket_v4_client_get_packet_from_server(&client_));
     if (p != nullptr) receive(std::move(p), peer);
   }
 
-  void receive(Packet p, Peer& from) {
+  void receive(CommPacket p, Peer& from) {
     read_everything(*p);
     expect_next(from.to_library, *p);
     keep(std::move(p));
   }
 
-  void keep(Packet p) {
+  void keep(CommPacket p) {
     if (kept_.size() >= 16) kept_.clear();
     kept_.push_back(std::move(p));
   }
@@ -199,10 +199,10 @@ class World {
   // Acts until it keeps the packet or refuses it, which may be gone from the library by then.
   int on_packet(Peer& peer, comm_socket_v4_packet& p) {
     p.addref();
-    const Packet held(&p);
+    const CommPacket held(&p);
     std::size_t act;
     while ((act = in_.one_of(".rkaifdc")) > 1) {
-      if (act == 2 && p.addref() > 0) keep(Packet(&p));
+      if (act == 2 && p.addref() > 0) keep(CommPacket(&p));
       if (act == 3) accept();
       if (act == 4) idle();
       if (act == 5) free_client();
@@ -230,7 +230,7 @@ class World {
   comm_socket_v4 server_, client_;
   Peer peers_[18];           // the first is the client endpoint's; the others outgrow the table
   Peer* waiting_ = nullptr;  // to be accepted
-  std::vector<Packet> kept_;
+  std::vector<CommPacket> kept_;
   std::uint64_t serial_ = 0;
 };
 

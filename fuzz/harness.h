@@ -103,7 +103,7 @@ inline void dump_everything(const comm_socket_v4_packet& p) {
 }
 
 // Whether a packet passes the gate for received ones.
-inline bool accepts(const Packet& p) {
+inline bool accepts(const CommPacket& p) {
   static comm_socket_v4 endpoint;
   comm_socket_v4_debug_logging(&endpoint);
   return comm_socket_v4_client_on_recv_packet(&endpoint, p.get()) == 0;

@@ -110,7 +110,7 @@ class World : CommLoopHandler {
       peer.to_loop.push_back(record);
   }
   bool receive(Peer& peer) {
-    const Packet p(comm_socket_v4_client_get_packet_from_server(&peer.end));
+    const CommPacket p(comm_socket_v4_client_get_packet_from_server(&peer.end));
     if (p != nullptr) expect_next(peer.from_loop, *p);
     return p != nullptr;
   }

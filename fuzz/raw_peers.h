@@ -34,8 +34,8 @@ inline std::ptrdiff_t count_descriptors() {
 }
 
 // A complete packet with this argument and so many descriptors.
-inline Packet make_packet(const std::string& argument, std::size_t descriptors) {
-  Packet p(comm_socket_v4_packet_create());
+inline CommPacket make_packet(const std::string& argument, std::size_t descriptors) {
+  CommPacket p(comm_socket_v4_packet_create());
   p->write_begin("ping", nullptr, 0);
   p->write_argv(argument.c_str());
   for (std::size_t i = 0; i < descriptors; ++i) p->attach_fd_to_send(some_file);

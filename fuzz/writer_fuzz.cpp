@@ -46,7 +46,7 @@ class Model {
     REQUIRE(p_.tag == 1);  // completions
     REQUIRE(p_.wr_nv_pair.size() == (pair_count_ < 4096 ? 0 : pair_count_));
     REQUIRE(p_.buffer[p_.buffer_length] == 0);
-    const Packet sent = exact_packet(bytes_of(&p_));
+    const CommPacket sent = exact_packet(bytes_of(&p_));
     const bool accepted = accepts(sent);
     REQUIRE(accepted == (head_[0] != '\0') && sent->flags == (accepted ? p_.flags : 0));
     REQUIRE(read_everything(*sent) == readable());

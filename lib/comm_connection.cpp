@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/timerfd.h>
-#include <tarn_utils_v4/comm.h>
+#include <tarn_utils_v4/comm_cpp.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,7 +21,6 @@
 #include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
 #include "lib/fatal_assert.h"
-#include "lib/owners.h"
 #include "lib/pause.h"
 #include "lib/start_lock.h"
 #include "suite/io.h"
@@ -162,7 +161,7 @@ bool set_mode(int fd, mode_t mode) {
 // touched. Nobody can connect before the socket listens.
 bool set_access_of_file(comm_socket_v4* c) {
   const comm_v4_internals& own = comm_v4_internals::of(c);
-  const Descriptor file(::open(c->socket_path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  const CommDescriptor file(::open(c->socket_path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat found;
   if (!file.is_open() || ::fstat(file.get(), &found) != 0) return false;
   if (!S_ISSOCK(found.st_mode) || (found.st_mode & socket_file_mark) == 0) {
@@ -626,7 +625,7 @@ int comm_socket_v4_stop_listening(comm_socket_v4* c) {
   if (own.stopped_listening) return 0;
   // The endpoint stays open, and the number of its descriptor watched: by a socket without address,
   // that nothing can reach.
-  Descriptor quiet(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  CommDescriptor quiet(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!quiet.is_open()) {
     comm_socket_v4_error(c, "stop_listening() cannot create a socket, %s", std::strerror(errno));
     return -1;
@@ -689,7 +688,7 @@ int comm_socket_v4_connect_check_pending(comm_socket_v4* c) {
   }
   if (!c->status.connect_pending) return 1;
   // This is the try that the timer was for.
-  if (const Descriptor& timer = comm_v4_internals::of(c).connect_timer; timer.is_open())
+  if (const CommDescriptor& timer = comm_v4_internals::of(c).connect_timer; timer.is_open())
     set_timer(timer.get(), retry_pause_us);
   if (::connect(c->socket_fd, as_sockaddr(c->sun), stored_address_length(c)) == 0) {
     comm_socket_v4_debug(c,
@@ -707,7 +706,7 @@ int comm_socket_v4_connect_check_pending(comm_socket_v4* c) {
 
 void stop_connect_timer(const comm_socket_v4* c) {
   ErrnoGuard keep_errno;
-  const Descriptor& timer = comm_v4_internals::of(c).connect_timer;
+  const CommDescriptor& timer = comm_v4_internals::of(c).connect_timer;
   if (timer.is_open()) set_timer(timer.get(), 0);
 }
 
@@ -716,9 +715,9 @@ int comm_socket_v4_get_connect_fd(comm_socket_v4* c) {
     errno = EINVAL;
     return -1;
   }
-  Descriptor& timer = comm_v4_internals::of(c).connect_timer;
+  CommDescriptor& timer = comm_v4_internals::of(c).connect_timer;
   if (timer.is_open()) return timer.get();
-  Descriptor made(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+  CommDescriptor made(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
   if (!made.is_open() || !set_timer(made.get(), retry_pause_us)) return -1;
   timer = std::move(made);
   return timer.get();

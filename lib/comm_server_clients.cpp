@@ -193,8 +193,9 @@ bool turned_away(comm_socket_v4* c) {
     errno = EAGAIN;
     return true;
   }
-  own.reserve = Descriptor();
-  const bool closed = Descriptor(::accept4(c->socket_fd, nullptr, nullptr, SOCK_CLOEXEC)).is_open();
+  own.reserve = CommDescriptor();
+  const bool closed =
+      CommDescriptor(::accept4(c->socket_fd, nullptr, nullptr, SOCK_CLOEXEC)).is_open();
   const int error = closed ? shortage : errno;
   renew_reserve(own);
   errno = error;

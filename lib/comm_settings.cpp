@@ -75,7 +75,7 @@ int comm_socket_v4_set_descriptor_reserve(comm_socket_v4* c, int on) {
   comm_v4_internals& own = comm_v4_internals::of(c);
   if (on <= 0) {
     own.keeps_reserve = false;
-    own.reserve = Descriptor();
+    own.reserve = CommDescriptor();
     return 0;
   }
   if (!renew_reserve(own)) return -1;
@@ -91,6 +91,6 @@ void stop_watching(const comm_v4_internals& own, int fd) {
 
 bool renew_reserve(comm_v4_internals& own) {
   // The one file that is there in any chroot(2).
-  if (!own.reserve.is_open()) own.reserve = Descriptor(::open("/", O_PATH | O_CLOEXEC));
+  if (!own.reserve.is_open()) own.reserve = CommDescriptor(::open("/", O_PATH | O_CLOEXEC));
   return own.reserve.is_open();
 }

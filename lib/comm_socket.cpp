@@ -100,7 +100,7 @@ int comm_socket_v4_close(comm_socket_v4* c) {
   // Stopped by itself: a forked child may hold a copy.
   if (own.connect_timer.is_open()) stop_watching(own, own.connect_timer.get());
   stop_connect_timer(c);
-  own.connect_timer = Descriptor();
+  own.connect_timer = CommDescriptor();
   return 0;
 }
 

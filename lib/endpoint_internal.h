@@ -4,14 +4,12 @@
 #define TARN_LIB_ENDPOINT_INTERNAL_H
 
 #include <sys/types.h>
-#include <tarn_utils_v4/comm.h>
+#include <tarn_utils_v4/comm_cpp.h>
 
 #include <cstdarg>
 #include <cstdint>
 #include <cstring>
 #include <vector>
-
-#include "lib/owners.h"
 
 // Of an endpoint, made and destroyed with it.
 struct comm_v4_internals {
@@ -24,13 +22,13 @@ struct comm_v4_internals {
   unsigned max_descriptors = COMM_V4_MAX_SEND_FDS;
   bool descriptors_cloexec = false;
   bool keeps_reserve = false;
-  Descriptor reserve;  // none while it could not be had back
+  CommDescriptor reserve;  // none while it could not be had back
 
   // Of what is open now.
   bool pair_has_peer = false;  // as far as is known
   bool stopped_listening = false;
   bool descriptors_were_refused = false;  // by the socket, now or for a while
-  Descriptor connect_timer;
+  CommDescriptor connect_timer;
 
   // The epoll of the CommLoop that the endpoint is in. A socket leaves it before its close, no
   // failure of an accept closes the server, and a connect waits for nothing.

@@ -2,6 +2,7 @@
 
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <tarn_utils_v4/comm_cpp.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -13,7 +14,6 @@
 
 #include "lib/endpoint_internal.h"
 #include "lib/fatal_assert.h"
-#include "lib/owners.h"
 #include "lib/packet_layout.h"
 
 unsigned int comm_socket_v4_recv_corrupt_debug = 0;
@@ -54,8 +54,8 @@ bool reserve_descriptors(std::vector<int>& room) noexcept {
 // A packet with room for a record of `size` bytes and the NUL behind it, beside room for every
 // descriptor that may come along: nothing that has arrived can be lost to a lack of memory. Null
 // with ENOMEM.
-Packet create_packet(const ReceiveSide& side, std::size_t size) {
-  Packet packet(comm_socket_v4_packet_create());
+CommPacket create_packet(const ReceiveSide& side, std::size_t size) {
+  CommPacket packet(comm_socket_v4_packet_create());
   if (packet == nullptr ||
       !reserve_descriptors(comm_v4_internals::of(side.endpoint).descriptor_room)) {
     packet.reset();
@@ -117,7 +117,7 @@ ssize_t receive_record(const ReceiveSide& side, comm_socket_v4_packet& packet, i
 // A packet in the slot that leaves it again unless it is kept.
 class OfferedPacket {
  public:
-  OfferedPacket(ReceiveSide& side, Packet packet) : side_(side), packet_(packet.release()) {
+  OfferedPacket(ReceiveSide& side, CommPacket packet) : side_(side), packet_(packet.release()) {
     *side_.slot() = packet_;
   }
   ~OfferedPacket() {
@@ -149,7 +149,7 @@ int dropped(const ReceiveSide& side) {
 }
 
 // Callback, checks and validation; what passes stays in the slot.
-int deliver(ReceiveSide& side, Packet received) {
+int deliver(ReceiveSide& side, CommPacket received) {
   OfferedPacket packet(side, std::move(received));
   const int answer = side.offer(packet.get());
   if (!packet.in_slot()) return 0;
@@ -183,7 +183,7 @@ int receive_packet(ReceiveSide& side) {
   if (*side.slot() != nullptr) return 0;
   int avail;
   if (!ask_announced_bytes(side, &avail)) return -1;
-  Packet packet = create_packet(side, read_size(avail));
+  CommPacket packet = create_packet(side, read_size(avail));
   if (packet == nullptr) return -1;
   if (packet->buffer_alloc < 1)
     fatal_assertion_failed(side.source, side.function, "c->next_packet->buffer_alloc >= 1");

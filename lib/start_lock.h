@@ -2,9 +2,9 @@
 #ifndef TARN_LIB_START_LOCK_H
 #define TARN_LIB_START_LOCK_H
 
-#include <string>
+#include <tarn_utils_v4/comm_cpp.h>
 
-#include "lib/owners.h"
+#include <string>
 
 // A lock (flock(2)) on the directory of the path, among the processes that use this library.
 // Whoever can open the directory may hold it, so it is waited for about two seconds; without it
@@ -17,7 +17,7 @@ class StartLock {
   StartLock& operator=(const StartLock&) = delete;
 
  private:
-  Descriptor directory_;
+  CommDescriptor directory_;
 };
 
 #endif

@@ -10,7 +10,7 @@ class BudgetTest : public ServerTest {
  protected:
   using Step = std::function<void()>;
 
-  Packet packet;
+  CommPacket packet;
   const Step receive = [this] { packet = retrieve(&s); };
   const Step wait = [this] { comm_socket_v4_server_from_client_readable(&s, ULONG_MAX); };
 

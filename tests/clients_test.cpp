@@ -120,7 +120,7 @@ TEST_F(ClientsTest, AReleasedSlotKeepsOnlyTagAndCallback) {
   };
   join();
   comm_socket_v4_client& client = s.client[0];
-  const Packet p = make_packet();
+  const CommPacket p = make_packet();
   p->refcount = 3;
   client.next_packet = client.pending_response_packet = p.get();
   client.halt = 1;

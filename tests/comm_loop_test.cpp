@@ -76,7 +76,7 @@ class CommLoopTest : public CommTest {
   CommLoop loop;
   CommLoopLimits limits;
   CommLoopId server = {0, 0};
-  std::vector<Endpoint> clients;
+  std::vector<CommEndpoint> clients;
 
   void serve() {
     limits.descriptors_per_packet = 60;
@@ -109,15 +109,15 @@ class CommLoopTest : public CommTest {
     while (loop.dispatch(0) == 1) continue;
     return std::exchange(handler.told, {});
   }
-  int send_from(comm_socket_v4* c, const Packet& p = ping_packet()) {
+  int send_from(comm_socket_v4* c, const CommPacket& p = ping_packet()) {
     return comm_socket_v4_packet_send_to_server(c, p.get());
   }
-  Packet received(comm_socket_v4* c) {
-    Packet p(comm_socket_v4_client_get_packet_from_server(c));
+  CommPacket received(comm_socket_v4* c) {
+    CommPacket p(comm_socket_v4_client_get_packet_from_server(c));
     return p;
   }
   CommLoopId peer(std::size_t i = 0) const { return handler.peers.at(i); }
-  std::string send(CommLoopId to, const Packet& p = ping_packet()) {
+  std::string send(CommLoopId to, const CommPacket& p = ping_packet()) {
     return answered(loop.send(to, p.get()));
   }
   // Until the queue of the peer holds one packet; how many were sent.
@@ -138,14 +138,14 @@ TEST_F(CommLoopTest, ServesClientsAndPairsAndConnectsBehindOneDescriptor) {
   comm_socket_v4* const c = join();
   int pair[2];
   ASSERT_EQ(0, comm_socket_v4_make_socketpair(pair));
-  const Endpoint other = make_endpoint();
+  const CommEndpoint other = make_endpoint();
   comm_socket_v4_connect_use_socketpair(other.get(), pair[1]);
   CommLoopId own[] = {loop.adopt(pair[0], handler), loop.connect(address.c_str(), handler)};
   EXPECT_EQ((Lines{"0 connect", "1 connect", "2 connect", "3 connect"}), quiet());
   EXPECT_EQ(own[0], peer(2));
   EXPECT_EQ(own[1], peer(3)) << "is the client's end; peer 1 is the server's";
 
-  const Packet sent = carrier(2);
+  const CommPacket sent = carrier(2);
   const Numbers files = files_of(sent);
   send_from(c, sent);
   send_from(other.get());
@@ -291,9 +291,9 @@ TEST_F(CommLoopTest, WhatCanNeverBeSentEndsTheConnectionAndNothingStandsBehindIt
   serve();
   comm_socket_v4* const c = join();
   join();
-  const Packet begun = make_packet();
+  const CommPacket begun = make_packet();
   begun->write_begin("x", nullptr, 0);
-  const Packet empty = make_packet(), large = make_packet();
+  const CommPacket empty = make_packet(), large = make_packet();
   large->write_begin("x", nullptr, 0);
   const std::vector<unsigned char> data(65536);
   large->write_data_binary(data.data(), data.size());
@@ -303,7 +303,7 @@ TEST_F(CommLoopTest, WhatCanNeverBeSentEndsTheConnectionAndNothingStandsBehindIt
                    send(peer(), large)}));
   EXPECT_EQ((Lines{"0 connect", "1 connect"}), quiet());
 
-  const Packet twice = carrier(1);
+  const CommPacket twice = carrier(1);
   EXPECT_EQ("1", send(peer(1), twice));
   fill(peer(0));
   EXPECT_EQ((Lines{"0", "0"}), (Lines{send(peer(0), twice), send(peer(0))}));
@@ -420,7 +420,7 @@ TEST_F(CommLoopTest, WhoTakesTooLongIsEnded) {
   server = loop.serve((address + "2").c_str(), handler, limits);
   loop.pause(server);
   address += "2";
-  const Endpoint ahead = make_endpoint();
+  const CommEndpoint ahead = make_endpoint();
   comm_socket_v4_connect_to(ahead.get(), address.c_str());
   EXPECT_NE(0u, loop.connect(address.c_str(), handler, limits).generation);
   EXPECT_EQ(Lines{"failed ETIMEDOUT"}, until("failed ETIMEDOUT")) << "a full queue";
@@ -440,7 +440,7 @@ TEST_F(CommLoopTest, WhoTakesTooLongIsEnded) {
 TEST_F(CommLoopTest, AConnectThatMeetsAFullQueueCompletesByItself) {
   serve();
   loop.pause(server);
-  const Endpoint ahead = make_endpoint();
+  const CommEndpoint ahead = make_endpoint();
   comm_socket_v4_connect_to(ahead.get(), address.c_str());
   const CommLoopId own = loop.connect(address.c_str(), handler);
   EXPECT_EQ("0", send(own)) << "is queued until then";
@@ -483,7 +483,7 @@ TEST_F(CommLoopTest, LastWordsAreReadAndWhatTheOtherStillSendsIsDropped) {
 // The socket of a connection lingers in the close when there are bytes that its peer does not read.
 TEST_F(CommLoopTest, ADescriptorThatLingersInItsCloseKeepsNobodyWaiting) {
   serve();
-  const Descriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const CommDescriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in at = {};
   socklen_t length = sizeof(at);
   at.sin_family = AF_INET;
@@ -492,7 +492,7 @@ TEST_F(CommLoopTest, ADescriptorThatLingersInItsCloseKeepsNobodyWaiting) {
   listen(listener.get(), 8);
   getsockname(listener.get(), reinterpret_cast<sockaddr*>(&at), &length);
   const auto lingering = [&] {
-    Packet p = ping_packet();
+    CommPacket p = ping_packet();
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     EXPECT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&at), length));
     const linger for_days = {1, 30000};
@@ -503,7 +503,7 @@ TEST_F(CommLoopTest, ADescriptorThatLingersInItsCloseKeepsNobodyWaiting) {
     return p;
   };
   comm_socket_v4* const c = join();
-  const Packet damaged = lingering();
+  const CommPacket damaged = lingering();
   damaged->buffer[0] = 0;
   send_from(c, lingering());
   send_from(c, damaged);
@@ -580,7 +580,7 @@ TEST_F(CommLoopTest, AServerWhoseSocketFailsServesItsClientsOn) {
   EXPECT_EQ(Lines{"0 ping"}, quiet());
   loop.remove(server);
   serve();
-  const Endpoint waits = make_endpoint();
+  const CommEndpoint waits = make_endpoint();
   comm_socket_v4_connect_to(waits.get(), address.c_str());
   EXPECT_EQ(0, loop.stop_listening(server));
   EXPECT_EQ(Lines{}, quiet());
@@ -608,14 +608,14 @@ TEST_F(CommLoopTest, WatchesOtherDescriptors) {
 
 // Servers that are there already, with clients and a packet in a slot.
 TEST_F(CommLoopTest, TakesOverWhatIsOpen) {
-  Endpoint s = make_endpoint();
+  CommEndpoint s = make_endpoint();
   comm_socket_v4_create_server(s.get(), address.c_str());
   auto [c, index] = ::join(s.get());
   send_from(c.get());
   comm_socket_v4_idle(s.get());
   comm_socket_v4_idle(s.get());
   EXPECT_NE(nullptr, s->client[index].next_packet);
-  const Endpoint closed = make_endpoint();
+  const CommEndpoint closed = make_endpoint();
   EXPECT_EQ(Outcome(0, EINVAL), outcome([&] { return there(loop.add(closed.get(), handler)); }));
   EXPECT_NE(0u, loop.add(s.release(), handler).generation);
   EXPECT_EQ((Lines{"0 connect", "0 ping"}), quiet());

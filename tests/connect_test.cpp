@@ -5,11 +5,11 @@
 
 namespace {
 
-int connect_to(const Endpoint& c, const std::string& at) {
+int connect_to(const CommEndpoint& c, const std::string& at) {
   return comm_socket_v4_connect_to(c.get(), at.c_str());
 }
-int check(const Endpoint& c) { return comm_socket_v4_connect_check_pending(c.get()); }
-int wait(const Endpoint& c, unsigned long ms = 1000000) {
+int check(const CommEndpoint& c) { return comm_socket_v4_connect_check_pending(c.get()); }
+int wait(const CommEndpoint& c, unsigned long ms = 1000000) {
   return comm_socket_v4_connect_wait_for_completion(c.get(), in_ms(ms));
 }
 
@@ -20,7 +20,7 @@ const std::string loop = "DEBUG: connect_to_server() connect_";
 
 class ConnectTest : public CommTest {
  protected:
-  const Endpoint server = make_endpoint(), first = make_endpoint(), c = make_endpoint();
+  const CommEndpoint server = make_endpoint(), first = make_endpoint(), c = make_endpoint();
   const StderrCapture captured;
   ConnectTest() { comm_socket_v4_debug_logging(c.get()); }
 
@@ -63,7 +63,7 @@ TEST_F(ConnectTest, ConnectsAtOnce) {
               {name, name},
               {full_name, full_name}};
   for (const auto& row : rows) {
-    const Descriptor listening(bound_socket(row.bound));
+    const CommDescriptor listening(bound_socket(row.bound));
     Faults faults;
     EXPECT_EQ(0, faults.during([&] { return connect_to(c, row.at); })) << row.at;
     EXPECT_EQ(connected, state_of(c));
@@ -83,7 +83,7 @@ TEST_F(ConnectTest, SaysWhyItCannotConnect) {
   close(bound_socket(stale));
   await_death(stale);
   close(bound_socket(socket));
-  const Descriptor other_type(bound_socket(stream, SOCK_STREAM));
+  const CommDescriptor other_type(bound_socket(stream, SOCK_STREAM));
   const std::string too_long =
       "ERROR: create_server_socket() socket path too long for AF_UNIX domain and ";
   const std::string refused = "DEBUG: connect_to_server() non-blocking connect() failed, ";
@@ -208,12 +208,12 @@ TEST_F(ConnectTest, NoticesThatTheServerEndsWhileItWaits) {
 // --- The calls that complete a connect ----------------------------------------------------------
 
 TEST_F(ConnectTest, NothingIsPendingOnOtherEndpoints) {
-  const Endpoint pair = make_endpoint();
+  const CommEndpoint pair = make_endpoint();
   EXPECT_EQ(0, comm_socket_v4_connect_new_socketpair(pair.get()));
   const std::string misuse = "BUG: connect_check_pending() ";
   const Told no_client(-1, EINVAL,
                        {misuse + "apparently called when struck sockaddr_un is uninitialized"});
-  const auto expect = [](const Endpoint& end, const Told& waited, const Told& checked) {
+  const auto expect = [](const CommEndpoint& end, const Told& waited, const Told& checked) {
     EXPECT_EQ(waited, told([&] { return wait(end); }));
     EXPECT_EQ(checked, told([&] { return check(end); }));
     EXPECT_EQ(std::get<0>(checked) == 1 ? connected : closed, state_of(end));

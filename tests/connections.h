@@ -23,9 +23,9 @@ class ServerTest : public CommTest {
   }
 
   StderrCapture captured;
-  const Endpoint server = make_endpoint();
+  const CommEndpoint server = make_endpoint();
   comm_socket_v4& s = *server;
-  std::vector<Endpoint> peers;
+  std::vector<CommEndpoint> peers;
 
   // The first client, and its record.
   comm_socket_v4* client() { return peers[0].get(); }
@@ -51,10 +51,10 @@ class ServerTest : public CommTest {
   }
   comm_socket_v4_client* accept() { return comm_socket_v4_accept_connection(&s); }
   void release(unsigned long index) { comm_socket_v4_free_client(&s.client[index]); }
-  int send_from(std::size_t peer, const Packet& p = ping_packet()) {
+  int send_from(std::size_t peer, const CommPacket& p = ping_packet()) {
     return comm_socket_v4_packet_send_to_server(peers[peer].get(), p.get());
   }
-  int send_to(unsigned long slot, const Packet& p = ping_packet()) {
+  int send_to(unsigned long slot, const CommPacket& p = ping_packet()) {
     return comm_socket_v4_packet_send_to_client(&s.client[slot], p.get());
   }
   // That the server's end of the connection is closed.
@@ -72,13 +72,13 @@ class ServerTest : public CommTest {
 };
 
 // "ping" with the descriptors of so many new files.
-inline Packet carrier(std::size_t files) {
-  Packet p = ping_packet();
+inline CommPacket carrier(std::size_t files) {
+  CommPacket p = ping_packet();
   for (; files > 0; --files) p->attached_fd.push_back(memfd_create("file", MFD_CLOEXEC));
   return p;
 }
 // What is attached, by inodes; 0 where a slot is empty.
-inline Numbers files_of(const Packet& p) {
+inline Numbers files_of(const CommPacket& p) {
   Numbers files;
   struct stat file;
   for (const int fd : p->attached_fd) files.push_back(fstat(fd, &file) == 0 ? file.st_ino : 0);

@@ -16,7 +16,7 @@ std::string texts(std::size_t size) { return std::string(size, 'x'); }
 // What finish answers: the length, or why there is no packet.
 std::string finished(Builder& builder) {
   errno = 0;
-  const Packet packet = builder.finish();
+  const CommPacket packet = builder.finish();
   if (packet) return std::to_string(packet->buffer_length) + builder.error().part;
   return builder.error().what() + " " + strerrorname_np(errno);
 }
@@ -36,7 +36,7 @@ TEST_F(BuilderTest, WritesWhatTheWritersWrite) {
   builder.pair_fourcc("raw", 7, {}).data({&data[0], 30}).message_id(0xAB).data({&data[30], 10});
   builder.stream_id(0xFEDCBA9876543210).error_code(5).async().multipart(CommMultipart::middle);
   builder.descriptor(0).descriptor_cloexec(0);
-  const Packet built = builder.finish(), rich = rich_packet();
+  const CommPacket built = builder.finish(), rich = rich_packet();
   ASSERT_TRUE(built);
   EXPECT_EQ(0, fcntl(built->attached_fd[0], F_GETFD));
   EXPECT_EQ(FD_CLOEXEC, fcntl(built->attached_fd[1], F_GETFD));
@@ -154,7 +154,7 @@ TEST_F(BuilderTest, NeedsMemory) {
     Faults faults;
     faults.fail_any(kth, ENOMEM, {Call::malloc, Call::operator_new});
     auto builder = faults.during([&] {
-      auto b = std::make_pair(Builder::response(command, error), Packet());
+      auto b = std::make_pair(Builder::response(command, error), CommPacket());
       b.first.argument(text).argument_int64(1).pair(command, text);
       b.first.pair_double("n", 1).data(text).data(text).descriptor(0);
       b.second = b.first.finish();
@@ -195,7 +195,7 @@ static_assert(std::input_iterator<CommNumbers<double>::iterator> &&
               std::input_iterator<CommPacketReader::Pairs::iterator>);
 
 TEST_F(ReaderTest, GivesWhatIsThere) {
-  const Packet rich = rich_packet();
+  const CommPacket rich = rich_packet();
   const CommPacketReader read(*rich);
   EXPECT_EQ(
       "list broken: text u65244 alone i-5 alone d0.100000 alone t: v w j: json {} "
@@ -215,7 +215,7 @@ TEST_F(ReaderTest, GivesWhatIsThere) {
 TEST_F(ReaderTest, BelievesNoLength) {
   const unsigned char values[24] = "\1\0\0\0\0\0\0\0\2\0\0\0\0\0\0\0\3\0\0\0\0\0\0";
   for (std::size_t shift = 0; shift < 8; ++shift) {
-    const Packet p = begin_request();
+    const CommPacket p = begin_request();
     p->wr_argv.push_back({{0, 0, 0}, comm_v4_type_uint64});
     p->write_nv_pair_binary("shift", values, shift);
     p->write_nv_pair_raw("list", values, 23, comm_v4_type_uint64);
@@ -239,20 +239,20 @@ class ClientTest : public ServerTest {
 
   CommClient client;
 
-  static Packet request() { return Builder::request("ask").finish(); }
+  static CommPacket request() { return Builder::request("ask").finish(); }
   void answer(std::uint64_t id, const char* text, CommMultipart part = CommMultipart::none) {
-    const Packet p =
+    const CommPacket p =
         Builder::response("ask").argument(text).message_id(id).multipart(part).finish();
     EXPECT_LT(0, send_to(0, p));
   }
   // What it says, or the errno of there being none.
-  static std::string said(const Packet& p) {
+  static std::string said(const CommPacket& p) {
     return p ? std::string(CommPacketReader(*p).argument(0).as_text().value_or("?"))
              : strerrorname_np(errno);
   }
   std::string rest() {
     std::string all;
-    while (const Packet p = client.next(0s)) all += said(p) + " ";
+    while (const CommPacket p = client.next(0s)) all += said(p) + " ";
     return all + strerrorname_np(errno);
   }
 };
@@ -260,12 +260,12 @@ class ClientTest : public ServerTest {
 TEST_F(ClientTest, FindsItsAnswerAmongOthers) {
   answer(0, "event");
   answer(3, "third");
-  const Packet asked = Builder::request("ask").message_id(1).finish();
+  const CommPacket asked = Builder::request("ask").message_id(1).finish();
   EXPECT_LT(0, send_to(0, asked));
   answer(1, "first", CommMultipart::first);
   answer(1, "last", CommMultipart::last);
   answer(2, "second");
-  const Packet asking = Builder::request("ask").message_id(77).finish();
+  const CommPacket asking = Builder::request("ask").message_id(77).finish();
   EXPECT_EQ("first", said(client.call(asking, 10s)));
   EXPECT_EQ("last", said(client.answer_to(1, 10s)));
   EXPECT_EQ("second", said(client.call(asking, 10s)));
@@ -273,7 +273,7 @@ TEST_F(ClientTest, FindsItsAnswerAmongOthers) {
   EXPECT_EQ("third", said(client.answer_to(3, 0s)));
   EXPECT_EQ("event ? ETIMEDOUT", rest());
   for (const std::uint64_t id : {1u, 2u}) {
-    const Packet came(comm_socket_v4_server_get_packet(&s, nullptr));
+    const CommPacket came(comm_socket_v4_server_get_packet(&s, nullptr));
     EXPECT_EQ(id, came ? came->message_id : 0);
   }
 }
@@ -307,12 +307,12 @@ TEST_F(ClientTest, LosesNothingWithoutMemory) {
   answer(1, "first");
   EXPECT_EQ("ENOMEM", failing(Call::malloc, ENOMEM, [&] { return said(client.next(0s)); }));
   // The third is for the list, behind a packet and room for its descriptors.
-  const Packet asking = request();
+  const CommPacket asking = request();
   EXPECT_EQ("ENOMEM",
             failing(
                 Call::operator_new, ENOMEM, [&] { return said(client.call(asking, 10s)); }, 3));
   EXPECT_EQ("event ETIMEDOUT", rest());
-  EXPECT_EQ("EINVAL", said(client.call(Packet(comm_socket_v4_packet_create()), 0s)));
+  EXPECT_EQ("EINVAL", said(client.call(CommPacket(comm_socket_v4_packet_create()), 0s)));
   errno = EDOM;
   EXPECT_EQ("EDOM", said(client.call(nullptr, 0s)));
 }
@@ -337,7 +337,7 @@ TEST_F(ClientTest, SendsEmptyArguments) {
   Builder builder = Builder::request(texts(255));
   builder.argument("", CommEmptyText::is_argument).argument("x");
   EXPECT_TRUE(client.send(builder.argument(""s, CommEmptyText::is_argument).finish(), 10s));
-  const Packet came(comm_socket_v4_server_get_packet(&s, nullptr));
+  const CommPacket came(comm_socket_v4_server_get_packet(&s, nullptr));
   ASSERT_TRUE(came);
   EXPECT_EQ(3u, came->argc());
   EXPECT_TRUE(came->argv(0)->is_present() && came->argv(0)->type() == comm_v4_type_text);
@@ -351,7 +351,7 @@ TEST_F(ClientTest, ReadsWhileItSends) {
   constexpr int many = 3000;
   int ends[2];
   ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends));
-  const Packet p = Builder::response("ask").argument("event").finish();
+  const CommPacket p = Builder::response("ask").argument("event").finish();
   {
     const Peer peer([&] {
       close(ends[0]);
@@ -360,7 +360,7 @@ TEST_F(ClientTest, ReadsWhileItSends) {
       for (int i = 0; i < many; ++i) EXPECT_LT(0, recv(ends[1], record, sizeof record, 0));
     });
     close(ends[1]);
-    Endpoint end = make_endpoint();
+    CommEndpoint end = make_endpoint();
     EXPECT_EQ(0, comm_socket_v4_connect_use_socketpair(end.get(), ends[0]));
     CommClient both(std::move(end));
     int sent = 0, received = 0;
@@ -430,12 +430,12 @@ TEST_F(ClientTest, AwaitsItsServer) {
     usleep(30000);
     EXPECT_EQ(0, comm_socket_v4_create_server(&s, late.c_str()));
     comm_socket_v4_client* from = nullptr;
-    Packet asked;
+    CommPacket asked;
     while (!asked && comm_socket_v4_server_from_client_readable(&s, in_ms(100000)) == 1) {
       accept();
       asked.reset(comm_socket_v4_server_get_packet(&s, &from));
     }
-    const Packet answer = Builder::response_to(*asked).argument("here").finish();
+    const CommPacket answer = Builder::response_to(*asked).argument("here").finish();
     EXPECT_LT(0, comm_socket_v4_packet_send_to_client(from, answer.get()));
   });
   ASSERT_TRUE(client.connect(late.c_str(), 100s, CommMissingServer::is_awaited));

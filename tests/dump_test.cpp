@@ -7,7 +7,7 @@ namespace {
 
 using DumpTest = CommTest;
 
-std::string printed(void (*dump)(const comm_socket_v4_packet*, FILE*), const Packet& p) {
+std::string printed(void (*dump)(const comm_socket_v4_packet*, FILE*), const CommPacket& p) {
   char* text = nullptr;
   std::size_t length = 0;
   FILE* out = open_memstream(&text, &length);
@@ -19,20 +19,20 @@ std::string printed(void (*dump)(const comm_socket_v4_packet*, FILE*), const Pac
 }
 std::string address(const void* p) { return testing::PrintToString(p); }
 // Behind the packet's own address.
-std::string full(const Packet& p) {
+std::string full(const CommPacket& p) {
   const std::string start = "comm_socket_v4_packet[" + address(p.get()) + "]: ";
   const std::string text = printed(comm_socket_v4_packet_dump, p);
   EXPECT_EQ(start, text.substr(0, start.size()));
   return text.substr(start.size());
 }
-std::string listing(const Packet& p) {
+std::string listing(const CommPacket& p) {
   return printed(comm_socket_v4_packet_dump_user_friendly, p);
 }
 
-Packet unterminated(const std::string& content) { return exact_packet(content, ""); }
+CommPacket unterminated(const std::string& content) { return exact_packet(content, ""); }
 
 TEST_F(DumpTest, TheFullDumpShowsEveryPart) {
-  Packet p = rich_packet();
+  CommPacket p = rich_packet();
   for (int i = 0; i < 2; ++i) EXPECT_TRUE(p->attach_fd_to_send(0));
   close(p->get_attached_fd(1));
   std::string expected =
@@ -79,7 +79,7 @@ TEST_F(DumpTest, TheListingShowsTheContentAndTheBodyTheBareData) {
       "i:(INT64) -1 2 -9223372036854775808 4 \nnone:(UINT64) \n"
       "b:(BINARY) 1f 20 21 61 62 63 64 65 66 67 68 69 6a 6b 6c 7e 7f \n"
       "code:('data') 1f 20 21 61 62 63 64 65 66 67 68 69 6a 6b 6c 7e \nraw:(0x00000007) \n";
-  Packet p = rich_packet();
+  CommPacket p = rich_packet();
   const std::string bytes(reinterpret_cast<const char*>(p->data()), 40);
   EXPECT_EQ(header, printed(comm_socket_v4_packet_dump_header_user_friendly, p));
   EXPECT_EQ(header + bytes, listing(p));
@@ -90,7 +90,7 @@ TEST_F(DumpTest, TheListingShowsTheContentAndTheBodyTheBareData) {
 }
 
 TEST_F(DumpTest, AHeaderAloneAndTheWordsOfItsFlags) {
-  Packet p = make_packet();
+  CommPacket p = make_packet();
   p->write_begin(nullptr, nullptr, 0);
   p->buffer[p->buffer_length] = 0;
   const std::string words[] = {"none", "first", "middle", "last"};
@@ -108,7 +108,7 @@ TEST_F(DumpTest, AHeaderAloneAndTheWordsOfItsFlags) {
 
 TEST_F(DumpTest, SaysWhyAPacketCannotBeShown) {
   const std::string ping = bytes_of(ping_packet().get());
-  const Packet open_ended = exact_packet(ping), endless = exact_packet(ping);
+  const CommPacket open_ended = exact_packet(ping), endless = exact_packet(ping);
   open_ended->buffer[94] = 'x';
   endless->buffer_length = SIZE_MAX;
   const std::string bad_length = "\n(invalid buffer length)\n";
@@ -116,9 +116,9 @@ TEST_F(DumpTest, SaysWhyAPacketCannotBeShown) {
   EXPECT_EQ(bad_length, full(unterminated(ping)));
   EXPECT_EQ(bad_length, full(endless));
   EXPECT_EQ("\n(last byte of buffer is not nullptr)\n", full(open_ended));
-  const Packet empty = make_packet(), null;
+  const CommPacket empty = make_packet(), null;
   EXPECT_EQ("(no buffer)\n", full(empty));
-  for (const Packet* none : {&empty, &null})
+  for (const CommPacket* none : {&empty, &null})
     EXPECT_EQ("", listing(*none) + printed(comm_socket_v4_packet_dump_body, *none));
   const StderrCapture captured;
   comm_socket_v4_packet_dump(nullptr, nullptr);
@@ -144,7 +144,7 @@ TEST_F(DumpTest, PrintsOnlyWhatLiesInsideThePacket) {
       "      00000005ffffffff 0100000902000050 \n<END INT64>\n"
       "Data: 4294967295 bytes at offset 79\n  P  00 00 02 09 00 00 01 \n",
       text.substr(text.find("Command@")));
-  Packet p = unterminated(raw);
+  CommPacket p = unterminated(raw);
   p->buffer_length = SIZE_MAX;
   const std::string list = printed(comm_socket_v4_packet_dump_header_user_friendly, p);
   EXPECT_EQ(

@@ -10,7 +10,7 @@ namespace {
 class EndpointTest : public CommTest {
  protected:
   enum Role { server, client, pair };
-  const Endpoint endpoint = make_endpoint(), other = make_endpoint();
+  const CommEndpoint endpoint = make_endpoint(), other = make_endpoint();
   comm_socket_v4* const c = endpoint.get();
 
   // `c` may be open already; the server of a client is `other`.
@@ -52,7 +52,7 @@ TEST_F(EndpointTest, StartsClosed) {
 }
 
 TEST_F(EndpointTest, CloseEndsEveryRoleAndKeepsWhatTheApplicationSet) {
-  const Packet packet = ping_packet();
+  const CommPacket packet = ping_packet();
   packet->addref();
   c->next_packet = packet.get();
   c->set_tag(UINT64_MAX);
@@ -229,7 +229,7 @@ TEST_F(EndpointTest, APairIsConnectedAndOnlyTheHandedOutEndSurvivesExec) {
 }
 
 TEST_F(EndpointTest, ARefusedPairLeavesTheEndpointAsItWas) {
-  const Descriptor file(memfd_create("file", MFD_CLOEXEC));
+  const CommDescriptor file(memfd_create("file", MFD_CLOEXEC));
   const auto expect_refused = [this](const std::string& why, auto make, auto... arguments) {
     const auto bytes = [this] { return std::string(reinterpret_cast<char*>(c), sizeof *c); };
     const std::string before = bytes();

@@ -64,8 +64,8 @@ class EveryFailureTest : public CommTest {
     step<ends>("accept", true, call);
     return comm_socket_v4_client_ptr2index(client);
   }
-  Packet written() {
-    Packet p;
+  CommPacket written() {
+    CommPacket p;
     const auto write = [&] {
       p = make_packet();
       return p != nullptr && p->write_begin("open", "none", 0) == 0 && p->write_argv("a") == 0 &&
@@ -75,8 +75,8 @@ class EveryFailureTest : public CommTest {
     step<throws>("attach", true, [&] { return p->attach_fd_to_send(0); });
     return p;
   }
-  void receive(const Packet& sent, const std::function<comm_socket_v4_packet*()>& retrieve) {
-    Packet p;
+  void receive(const CommPacket& sent, const std::function<comm_socket_v4_packet*()>& retrieve) {
+    CommPacket p;
     step("receive", true, [&] { return p.reset(retrieve()), p != nullptr; });
     EXPECT_EQ(bytes_of(sent.get()), bytes_of(p.get()));
     EXPECT_EQ(1u, p->attached_fd_count());
@@ -100,18 +100,19 @@ class EveryFailureTest : public CommTest {
     const unsigned long index = accept(s);
     step<ends>("complete", 1, [&] { return comm_socket_v4_connect_check_pending(late); });
     const unsigned long late_index = accept(s);
-    std::vector<Endpoint> crowd;
+    std::vector<CommEndpoint> crowd;
     while (crowd.size() < 14) crowd.push_back(join(s).first);
-    const Endpoint last = make_endpoint();
+    const CommEndpoint last = make_endpoint();
     comm_socket_v4_connect_to(last.get(), path_.c_str());
     accept(s);
     EXPECT_EQ(24u, s->client_allocation_count());
 
-    step("who is it", true,
-         [&] { return Descriptor(comm_socket_v4_client_get_pidfd(&s->client[index])).is_open(); });
+    step("who is it", true, [&] {
+      return CommDescriptor(comm_socket_v4_client_get_pidfd(&s->client[index])).is_open();
+    });
     ucred cred;
     step("who serves", 0, [&] { return comm_socket_v4_get_server_cred(c, &cred); });
-    const Packet request = written(), answer = written();
+    const CommPacket request = written(), answer = written();
     const auto length = static_cast<int>(request->buffer_length);
     step("send", length, [&] { return comm_socket_v4_packet_send_to_server(c, request.get()); });
     step("idle", 0, [&] { return comm_socket_v4_idle(s); });
@@ -120,10 +121,11 @@ class EveryFailureTest : public CommTest {
     EXPECT_EQ(s->index2client(index), client);
     CommLargePacketQueue queue;
     int ahead = 0;
-    for (const Packet p = ping_packet(); comm_socket_v4_packet_send_to_client(client, p.get()) > 0;)
+    for (const CommPacket p = ping_packet();
+         comm_socket_v4_packet_send_to_client(client, p.get()) > 0;)
       ++ahead;
     step<throws>("queue", 1, [&] { return queue.send_packet(client, answer.get()); });
-    for (; ahead > 0; --ahead) Packet(comm_socket_v4_client_get_packet_from_server(c));
+    for (; ahead > 0; --ahead) CommPacket(comm_socket_v4_client_get_packet_from_server(c));
     step("flush", true, [&] { return queue.flush_queued_packet(client), queue.queued_count == 0; });
     step("wait for it", 1,
          [&] { return comm_socket_v4_client_from_server_readable(c, ULONG_MAX); });
@@ -138,7 +140,7 @@ class EveryFailureTest : public CommTest {
     step("release", 0, [&] { return comm_socket_v4_free_client(client), 0; });
     step("refuse descriptors", 0, [&] { return comm_socket_v4_set_max_descriptors(s, 0); });
     step("last words", 0, [&] { return comm_socket_v4_client_end_sending(&s->client[index]); });
-    Descriptor handed_over(dup(s->socket_fd));
+    CommDescriptor handed_over(dup(s->socket_fd));
     step("stop listening", 0, [&] { return comm_socket_v4_stop_listening(s); });
     step("close", 0, [&] { return comm_socket_v4_close(s); });
     step<throws>("take over", 0, [&] {
@@ -168,7 +170,7 @@ TEST_F(EveryFailureTest, IsToldLosesNothingAndLeavesEverythingUsable) {
       SCOPED_TRACE(testing::Message() << "error " << mode.error << ", call " << ++k);
       const Lines before = open_descriptors();
       {
-        const Endpoint s = make_endpoint(), c = make_endpoint(), late = make_endpoint();
+        const CommEndpoint s = make_endpoint(), c = make_endpoint(), late = make_endpoint();
         Faults faults, none;
         faults.fail_any(k, mode.error, mode.calls);
         for (Faults* const now : {&faults, &none}) {
@@ -190,7 +192,7 @@ TEST_F(EveryFailureTest, IsToldLosesNothingAndLeavesEverythingUsable) {
 TEST_F(EveryFailureTest, APathIsHeldEvenWhenThereIsNoMemoryToSayByWhom) {
   const StderrCapture captured;
   const int server = bound_socket(path_);
-  const Endpoint s = make_endpoint();
+  const CommEndpoint s = make_endpoint();
   EXPECT_EQ(0, comm_socket_v4_set_socket_path(s.get(), path_.c_str()));
   for (unsigned k = 1; k < 30; ++k) {
     Faults faults;

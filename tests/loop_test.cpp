@@ -32,7 +32,7 @@ class LoopTest : public ServerTest {
   // The slot that the next packet comes from.
   unsigned long next_sender() {
     comm_socket_v4_client* from = &s.client[0];
-    const Packet p(comm_socket_v4_server_get_packet(&s, &from));
+    const CommPacket p(comm_socket_v4_server_get_packet(&s, &from));
     EXPECT_EQ(p == nullptr, from == nullptr);
     return comm_socket_v4_client_ptr2index(from);
   }
@@ -52,7 +52,7 @@ TEST_F(LoopTest, AnIdlePassReadsFromHalfOfTheSlotsInRotation) {
       for (std::size_t i = 0; i < slots; ++i) send_from(i);
       EXPECT_EQ(0, comm_socket_v4_idle(&s));
       for (std::size_t i = 0; i < slots; ++i) {
-        const Packet p(std::exchange(s.client[i].next_packet, nullptr));
+        const CommPacket p(std::exchange(s.client[i].next_packet, nullptr));
         EXPECT_EQ((i + slots - cursor) % slots < (slots + 1) / 2, p != nullptr) << i;
       }
     }
@@ -81,7 +81,7 @@ TEST_F(LoopTest, NoClientStarvesTheOthersAndNoneIsOverlooked) {
 
 TEST_F(LoopTest, AHaltedClientIsLeftAloneAndAPendingResponseHoldsPacketsBack) {
   join();
-  const Packet response = make_packet();
+  const CommPacket response = make_packet();
   const auto expect_none = [&](int halt, comm_socket_v4_packet* pending, bool is_read) {
     record()->halt = halt;
     record()->pending_response_packet = pending;

@@ -24,7 +24,7 @@ const std::string kPing =
 // --- Bytes --------------------------------------------------------------------------------------
 
 TEST_F(PacketTest, WritesTheExample) {
-  const Packet p = ping_packet();
+  const CommPacket p = ping_packet();
   EXPECT_EQ(kPing, bytes_of(p.get()));
   EXPECT_EQ(0, p->buffer[94]);
 }
@@ -33,7 +33,7 @@ TEST_F(PacketTest, WritesTheExample) {
 
 // Through the functions, which forward to the members.
 TEST_F(PacketTest, ReadsEachValueByItsOwnTypeOnly) {
-  const Packet packet = rich_packet();
+  const CommPacket packet = rich_packet();
   const P* const p = packet.get();
   EXPECT_EQ(std::tuple(0xFEDCBA9876543210, 0x99, 4, 9),
             std::tuple(p->get_stream_id(), p->get_tag(), comm_socket_v4_packet_get_argc(p),
@@ -63,10 +63,10 @@ TEST_F(PacketTest, ReadsEachValueByItsOwnTypeOnly) {
 }
 
 TEST_F(PacketTest, ReadsNothingFromAPacketWithoutHeader) {
-  const Packet packets[] = {make_packet(), exact_packet(kPing.substr(0, 62)),
-                            exact_packet(kPing.substr(0, 40) + std::string(23, '\0'))};
+  const CommPacket packets[] = {make_packet(), exact_packet(kPing.substr(0, 62)),
+                                exact_packet(kPing.substr(0, 40) + std::string(23, '\0'))};
   packets[2]->buffer[59] = 1;  // data_length counts for nothing without data_offset
-  for (const Packet& p : packets) {
+  for (const CommPacket& p : packets) {
     std::size_t length = 1;
     EXPECT_EQ(nullptr, comm_socket_v4_packet_get_data(p.get(), &length));
     EXPECT_EQ(std::tuple(0, 0, 0, 0),
@@ -100,7 +100,7 @@ TEST_F(PacketTest, LivesAsLongAsItsReferences) {
 }
 
 TEST_F(PacketTest, GrowsItsBufferAndNeverShrinksIt) {
-  const Packet p = make_packet();
+  const CommPacket p = make_packet();
   const auto grow = [&p] { return p->resize_buffer(100); };
   // An answer, and what of the buffer is allocated, used and written then.
   using After = std::tuple<int, std::size_t, std::size_t, std::size_t>;
@@ -132,7 +132,7 @@ TEST_F(PacketTest, GivesSurplusMemoryBackKeepingTheTerminator) {
   const std::size_t rows[][3] = {{8192, 100, 132}, {8192, 5000, 8192}, {200, 100, 200},
                                  {200, 99, 131},   {201, 100, 201},    {66, 32, 64}};
   for (const auto& [alloc, length, expected] : rows) {
-    const Packet p = exact_packet(std::string(length, 'x'));
+    const CommPacket p = exact_packet(std::string(length, 'x'));
     EXPECT_EQ(0, p->resize_buffer(alloc));
     const auto shrink = [&] { return comm_socket_v4_packet_shrinkfit_buffer(p.get()); };
     Faults faults;
@@ -146,7 +146,7 @@ TEST_F(PacketTest, GivesSurplusMemoryBackKeepingTheTerminator) {
 }
 
 TEST_F(PacketTest, OwnsDuplicatesOfWhatIsAttached) {
-  const Packet p = make_packet();
+  const CommPacket p = make_packet();
   const auto attach = [&p] { return p->attach_fd_to_send(0); };
   EXPECT_THROW(failing(Call::operator_new, ENOMEM, attach), std::bad_alloc);
   EXPECT_FALSE(failing(Call::dup, EMFILE, attach));
@@ -168,7 +168,7 @@ TEST_F(PacketTest, OwnsDuplicatesOfWhatIsAttached) {
 }
 
 TEST_F(PacketTest, ChangesOneFlagAtATimeAndASignatureOfFourBytes) {
-  Packet p = make_packet();
+  CommPacket p = make_packet();
   for (const int v : {-1, 0, 1, 2})
     for (const std::uint32_t before : {0u, ~0u}) {
       p->flags = before;
@@ -203,13 +203,13 @@ TEST_F(PacketTest, RefusesWhatItCannotCopy) {
               {-1, [](P* p) { return p->write_data_binary(b, 262145); }},
               {0, [](P* p) { return p->write_data_binary(nullptr, 0); }},
               {0, [](P* p) { return p->write_argv_end(); }}};
-  const auto everything = [](const Packet& p) {
+  const auto everything = [](const CommPacket& p) {
     return std::tuple(p->write_state_to_str() + bytes_of(p.get()), p->wr_argv.size(),
                       p->wr_nv_pair.size());
   };
-  const Packet begun = begin_request(), none = make_packet();
+  const CommPacket begun = begin_request(), none = make_packet();
   for (const auto& row : rows)
-    for (const Packet* const p : {&begun, &none})
+    for (const CommPacket* const p : {&begun, &none})
       EXPECT_EQ(Outcome(row.answer, errno_before), outcome([&] { return row.write(p->get()); }))
           << &row - rows;
   EXPECT_EQ(everything(begin_request()), everything(begun));
@@ -221,7 +221,7 @@ TEST_F(PacketTest, RefusesWhatItCannotCopy) {
 TEST_F(PacketTest, BeginsWithRoomAsHinted) {
   const std::size_t rows[][2] = {{0, 8192}, {1, 4096}, {4097, 4097}, {100000, 100000}};
   for (const auto& [hint, alloc] : rows) {
-    const Packet p = make_packet();
+    const CommPacket p = make_packet();
     const auto begin = [&p, size = hint] { return p->write_begin("", "", size); };
     EXPECT_EQ(-1, failing(Call::malloc, EAGAIN, begin));
     EXPECT_EQ(ENOMEM, errno);
@@ -233,7 +233,7 @@ TEST_F(PacketTest, BeginsWithRoomAsHinted) {
 
 TEST_F(PacketTest, RefusesAnArgumentBeyondTwentyFourBits) {
   for (const std::size_t over : {0u, 1u}) {
-    const Packet p = begin_request(nullptr);
+    const CommPacket p = begin_request(nullptr);
     const std::string filler((1u << 24) - 1 + over - p->buffer_write - 2, 'x');
     ASSERT_EQ(0, p->write_nv_pair_binary("f", bytes(filler), filler.size()));
     EXPECT_EQ(over ? -1 : 0, p->write_argv_int64(-7));
@@ -262,7 +262,7 @@ TEST_F(PacketTest, RefusesToPassThirtyTwoBits) {
   };
   for (const auto& row : rows)
     for (const bool fits : {true, false}) {
-      const Packet p = begin_request();
+      const CommPacket p = begin_request();
       p->buffer_write = UINT32_MAX - row.size + !fits;
       Faults faults;
       if (fits) faults.fail(Call::malloc, ENOMEM, 1, row.growths);
@@ -272,7 +272,7 @@ TEST_F(PacketTest, RefusesToPassThirtyTwoBits) {
 }
 
 TEST_F(PacketTest, CompletesOnce) {
-  const Packet p = begin_request();
+  const CommPacket p = begin_request();
   p->set_complete_cb([](P* q) {
     EXPECT_STREQ("End", q->write_state_to_str());
     q->tag += q->buffer_length;
@@ -289,7 +289,7 @@ TEST_F(PacketTest, CompletesOnce) {
 TEST_F(PacketTest, LeavesOutAValueForWhichThereIsNoMemory) {
   const std::string text(9000, 'x');
   const char* const big = text.c_str();
-  const Packet p = make_packet();
+  const CommPacket p = make_packet();
   const auto expect_done = [](auto write) {
     Faults faults;
     EXPECT_EQ((Outcome{0, errno_before}), outcome(faults.fail(Call::malloc, ENOMEM), write));
@@ -318,7 +318,7 @@ TEST_F(PacketTest, LeavesOutAValueForWhichThereIsNoMemory) {
 // An entry is added whole or not at all. One table would fit, but both are written or none; then,
 // and while data comes, all goes on.
 TEST_F(PacketTest, GoesOnWhereMemoryRanOut) {
-  const Packet p = begin_request();
+  const CommPacket p = begin_request();
   const auto argument = [&] { return p->write_argv_uint64(5); };
   const auto pair = [&] { return p->write_nv_pairf("k", "%s", "v"); };
   EXPECT_THROW(failing(Call::operator_new, ENOMEM, argument), std::bad_alloc);

@@ -2,19 +2,19 @@
 #ifndef COMM_TESTS_PACKETS_H
 #define COMM_TESTS_PACKETS_H
 
+#include <tarn_utils_v4/comm_cpp.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <string>
-
-#include "lib/owners.h"
 
 inline std::string bytes_of(const comm_socket_v4_packet* p) {
   return std::string(reinterpret_cast<const char*>(p->buffer), p->buffer_length);
 }
 // These bytes as a packet, as if received but not validated: the heap block ends with `tail`, the
 // NUL behind the packet.
-inline Packet exact_packet(const std::string& bytes, const std::string& tail = {'\0'}) {
-  Packet p(comm_socket_v4_packet_create());
+inline CommPacket exact_packet(const std::string& bytes, const std::string& tail = {'\0'}) {
+  CommPacket p(comm_socket_v4_packet_create());
   p->buffer_length = bytes.size();
   p->buffer_alloc = bytes.size() + tail.size();
   p->buffer = static_cast<unsigned char*>(std::malloc(p->buffer_alloc));

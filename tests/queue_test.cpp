@@ -8,7 +8,7 @@ class QueueTest : public ServerTest {
   QueueTest() { join(); }
 
   std::unique_ptr<CommLargePacketQueue> queue = std::make_unique<CommLargePacketQueue>();
-  Packet p = ping_packet();
+  CommPacket p = ping_packet();
 
   int send() { return queue->send_packet(record(), p.get()); }
   // Fills the socket, then queues p so many times.

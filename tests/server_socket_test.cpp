@@ -10,7 +10,7 @@
 
 namespace {
 
-int create(const Endpoint& c, const std::string& at) {
+int create(const CommEndpoint& c, const std::string& at) {
   return comm_socket_v4_create_server(c.get(), at.c_str());
 }
 
@@ -23,7 +23,7 @@ class ServerSocketTest : public CommTest {
   // Refuses with these lines, and the one that is always the last.
   static void expect_refused(const std::string& where, int error, Lines lines,
                              Faults&& faults = {}) {
-    const Endpoint c = make_endpoint();
+    const CommEndpoint c = make_endpoint();
     lines.push_back(std::string("ERROR: create_server(): failed to ") +
                     (error == ENOMEM ? "allocate memory for client list" : "create server socket"));
     EXPECT_EQ(Told(-1, error, lines), told(faults, [&] { return create(c, where); }));
@@ -57,7 +57,7 @@ TEST_F(ServerSocketTest, TurnsPathsIntoAddresses) {
 }
 
 TEST_F(ServerSocketTest, ListensOnAFileThatEverybodyMayUse) {
-  const Endpoint c = make_endpoint();
+  const CommEndpoint c = make_endpoint();
   const mode_t umask_before = umask(0777);
   EXPECT_EQ(0, create(c, path_of_length(106)));
   umask(umask_before);
@@ -74,7 +74,7 @@ TEST_F(ServerSocketTest, AnAbstractNameLeavesFilesAlone) {
     fs::current_path(path(""));
     std::ofstream(name) << "text";
     fs::permissions(name, fs::perms(0600));
-    const Endpoint c = make_endpoint();
+    const CommEndpoint c = make_endpoint();
     EXPECT_EQ(0, create(c, name));
     expect_refused(name, EADDRINUSE, {says + "cannot bind, Address already in use\n"});
     comm_socket_v4_close(c.get());
@@ -112,7 +112,7 @@ TEST_F(ServerSocketTest, RefusesThePathOfALiveServerAndReplacesTheFileOfADeadOne
 
 TEST_F(ServerSocketTest, ARefusedTakeOverCostsTheLiveServerNothingAndTheDebugFlagForcesOne) {
   const StderrCapture captured;  // also while the server finds its file gone
-  const Endpoint server = make_endpoint(), c = make_endpoint();
+  const CommEndpoint server = make_endpoint(), c = make_endpoint();
   ASSERT_EQ(0, create(server, at));
   comm_socket_v4_set_connect_timeout(c.get(), 50000);
   const auto connect = [&] { EXPECT_EQ(0, comm_socket_v4_connect_to(c.get(), at.c_str())); };
@@ -133,9 +133,9 @@ TEST_F(ServerSocketTest, ARefusedTakeOverCostsTheLiveServerNothingAndTheDebugFla
 
 // A connection carries the path of the server that accepted it, and here it is the newer socket.
 TEST_F(ServerSocketTest, AWorkerIsNotTakenForTheServerWhoseConnectionItHolds) {
-  const Endpoint server = make_endpoint();
+  const CommEndpoint server = make_endpoint();
   ASSERT_EQ(0, create(server, at));
-  const Endpoint client = join(server.get()).first;
+  const CommEndpoint client = join(server.get()).first;
   Peer worker([&] {
     close(server->get_socket_fd());
     fs::create_directory(path("holds"));
@@ -205,7 +205,7 @@ TEST_F(ServerSocketTest, TheModeIsThatOfTheBoundSocketAndOfNothingThatTookItsPla
         link ? fs::create_symlink(file, at) : fs::create_hard_link(other, at);
         return step == Call::chmod ? real() : early;
       });
-      const Endpoint c = make_endpoint();
+      const CommEndpoint c = make_endpoint();
       EXPECT_EQ(0, swapping.during([&] { return create(c, at); }));
       EXPECT_EQ(link, fs::is_symlink(at));
       EXPECT_EQ(link ? 1u : 2u, fs::hard_link_count(other));
@@ -233,7 +233,7 @@ TEST_F(ServerSocketTest, OneAtATimeLooksRemovesAndBindsButNobodyWaitsForEver) {
       if (step == Call::unlink) forked.emplace([] { pause(); });
       return real();
     });
-  const Endpoint c = make_endpoint();
+  const CommEndpoint c = make_endpoint();
   EXPECT_EQ(0, watched.during([&] { return create(c, at); }));
   EXPECT_FALSE(is_locked());
   ASSERT_TRUE(forked.has_value());
@@ -250,9 +250,9 @@ TEST_F(ServerSocketTest, OneAtATimeLooksRemovesAndBindsButNobodyWaitsForEver) {
 }
 
 TEST_F(ServerSocketTest, ReopenBindsAgainAndToleratesAFailure) {
-  const Endpoint server = make_endpoint(), closed = make_endpoint();
+  const CommEndpoint server = make_endpoint(), closed = make_endpoint();
   ASSERT_EQ(0, create(server, abstract_name()));
-  const Endpoint client = join(server.get()).first;
+  const CommEndpoint client = join(server.get()).first;
   const auto reopen = [](comm_socket_v4* c) {
     return told([c] { return comm_socket_v4_reopen_server(c); });
   };

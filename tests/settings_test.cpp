@@ -61,9 +61,9 @@ TEST_F(SettingsTest, AListeningSocketIsTakenOverAndItsFileStays) {
   }
   expect_refused(-1, "Bad file descriptor");
   expect_refused(0, "Socket operation on non-socket");
-  for (const Descriptor& other :
-       {Descriptor(socket(AF_UNIX, SOCK_SEQPACKET, 0)), Descriptor(socket(AF_INET, SOCK_STREAM, 0)),
-        Descriptor(bound_socket(path("stream"), SOCK_STREAM))}) {
+  for (const CommDescriptor& other : {CommDescriptor(socket(AF_UNIX, SOCK_SEQPACKET, 0)),
+                                      CommDescriptor(socket(AF_INET, SOCK_STREAM, 0)),
+                                      CommDescriptor(bound_socket(path("stream"), SOCK_STREAM))}) {
     expect_refused(other.get(), "Invalid argument");
     EXPECT_NE(-1, fcntl(other.get(), F_GETFD)) << "is still the caller's";
   }
@@ -88,7 +88,7 @@ TEST_F(SettingsTest, AServerHasItsAccessAndItsQueueBeforeAnybodyCanConnect) {
   EXPECT_EQ("0", faults.during([this] { return create(); }));
   umask(umask_before);
   for (int i = 0; i < 3; ++i) knock();
-  const Endpoint late = make_endpoint();
+  const CommEndpoint late = make_endpoint();
   comm_socket_v4_set_connect_timeout_routine(late.get(), 1);
   EXPECT_EQ(0, comm_socket_v4_connect_to(late.get(), path().c_str()));
   EXPECT_EQ(1, comm_socket_v4_connection_pending(late.get()));
@@ -158,13 +158,13 @@ TEST_F(SettingsTest, LastWordsArriveBeforeTheEnd) {
 TEST_F(SettingsTest, DescriptorsDoNotSurviveExecWhereThatIsAskedFor) {
   join(1);
   comm_socket_v4_set_descriptors_cloexec(&s, 1);
-  const Packet sent = ping_packet();
+  const CommPacket sent = ping_packet();
   EXPECT_EQ((std::vector<bool>{true, true, false}),
             (std::vector<bool>{sent->attach_fd_to_send_cloexec(0), sent->attach_fd_to_send(0),
                                sent->attach_fd_to_send_cloexec(-1)}));
   EXPECT_EQ(FD_CLOEXEC, fcntl(sent->attached_fd[0], F_GETFD));
   send_from(0, sent);
-  Packet got = retrieve(&s);
+  CommPacket got = retrieve(&s);
   ASSERT_EQ(2u, got->attached_fd_count());
   EXPECT_EQ(FD_CLOEXEC, fcntl(got->attached_fd[0], F_GETFD) & fcntl(got->attached_fd[1], F_GETFD));
   comm_socket_v4_set_descriptors_cloexec(&s, 0);
@@ -199,7 +199,7 @@ TEST_F(SettingsTest, MoreDescriptorsThanAllowedAreDroppedOrNeverSent) {
     const bool was_sent = answer > 0;  // it was before Linux 6.16
     EXPECT_EQ(was_sent ? errno_before : EPERM, error);
     send_from(0);
-    const Packet first = retrieve(&s), second = retrieve(&s);
+    const CommPacket first = retrieve(&s), second = retrieve(&s);
     EXPECT_EQ(was_sent ? dropped : "", log());
     EXPECT_EQ(std::pair(was_sent, !was_sent), std::pair(first == nullptr, second == nullptr));
     set(60);
@@ -210,7 +210,7 @@ TEST_F(SettingsTest, MoreDescriptorsThanAllowedAreDroppedOrNeverSent) {
 
 TEST_F(SettingsTest, TheKernelSaysWhoThePeerIs) {
   join(1);
-  const Descriptor pidfd(comm_socket_v4_client_get_pidfd(record()));
+  const CommDescriptor pidfd(comm_socket_v4_client_get_pidfd(record()));
   if (pidfd.is_open()) {
     std::ifstream about("/proc/self/fdinfo/" + std::to_string(pidfd.get()));
     const std::string text(std::istreambuf_iterator<char>(about), {});
@@ -288,7 +288,7 @@ TEST_F(SettingsTest, AnAcceptWithAReserveSurvivesALackOfDescriptors) {
 
 TEST_F(SettingsTest, ADescriptorSaysWhenAPendingConnectIsWorthATry) {
   knock();
-  const Endpoint late = make_endpoint();
+  const CommEndpoint late = make_endpoint();
   comm_socket_v4* const c = late.get();
   EXPECT_EQ("-1 EINVAL", answered(comm_socket_v4_get_connect_fd(c)));
   comm_socket_v4_set_connect_timeout_routine(c, 1);

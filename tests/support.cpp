@@ -37,7 +37,7 @@ Lines changed_descriptors(const Lines& before) {
   return changes;
 }
 
-std::string state_of(const Endpoint& c) {
+std::string state_of(const CommEndpoint& c) {
   std::string state;
   const auto add = [&state](bool holds, const char* word) { state += holds ? word : ""; };
   add(comm_socket_v4_is_open(c.get()), "open ");
@@ -153,18 +153,18 @@ Peer::~Peer() {
   }
 }
 
-Endpoint make_endpoint() { return Endpoint(comm_socket_v4_create()); }
-Packet make_packet() { return Packet(comm_socket_v4_packet_create()); }
+CommEndpoint make_endpoint() { return CommEndpoint(comm_socket_v4_create()); }
+CommPacket make_packet() { return CommPacket(comm_socket_v4_packet_create()); }
 
-Packet begin_request(const char* command) {
-  Packet p = make_packet();
+CommPacket begin_request(const char* command) {
+  CommPacket p = make_packet();
   p->make_request();
   EXPECT_EQ(0, p->write_begin(command, nullptr, 0));
   return p;
 }
 
-Packet ping_packet() {
-  Packet p = begin_request();
+CommPacket ping_packet() {
+  CommPacket p = begin_request();
   EXPECT_EQ(0, comm_socket_v4_packet_write_argv(p.get(), "a"));
   EXPECT_EQ(0, comm_socket_v4_packet_write_nv_pair(p.get(), "k", "v"));
   EXPECT_EQ(0, p->write_end());
@@ -172,13 +172,13 @@ Packet ping_packet() {
 }
 
 // Written through the functions, which forward to the members.
-Packet rich_packet() {
+CommPacket rich_packet() {
   const std::uint64_t u[] = {1, 2, 3, 4, UINT64_MAX};
   const std::int64_t i[] = {-1, 2, INT64_MIN, 4};
   const double d[] = {1.5, -0.25};
   const auto* const data =
       reinterpret_cast<const unsigned char*>("\x1f !abcdefghijkl~\x7fmnopqrstuvwxyz012345678");
-  Packet packet = make_packet();
+  CommPacket packet = make_packet();
   comm_socket_v4_packet* const p = packet.get();
   comm_socket_v4_packet_make_request(p);
   comm_socket_v4_packet_set_async(p, 1);
@@ -235,13 +235,13 @@ void await_death(const std::string& path) {
   while (get_socket_server_pid(path.c_str(), 1) >= 0) usleep(1000);
 }
 
-Packet retrieve(comm_socket_v4* c) {
-  return Packet(c->flags.server ? comm_socket_v4_server_get_packet(c, nullptr)
-                                : comm_socket_v4_client_get_packet_from_server(c));
+CommPacket retrieve(comm_socket_v4* c) {
+  return CommPacket(c->flags.server ? comm_socket_v4_server_get_packet(c, nullptr)
+                                    : comm_socket_v4_client_get_packet_from_server(c));
 }
 
-std::pair<Endpoint, unsigned long> join(comm_socket_v4* server) {
-  Endpoint client = make_endpoint();
+std::pair<CommEndpoint, unsigned long> join(comm_socket_v4* server) {
+  CommEndpoint client = make_endpoint();
   EXPECT_EQ(0, comm_socket_v4_connect_to(client.get(), server->socket_path.c_str()));
   comm_socket_v4_client* record = comm_socket_v4_accept_connection(server);
   EXPECT_NE(nullptr, record);

@@ -25,15 +25,15 @@
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
-Endpoint make_endpoint();
-Packet make_packet();
+CommEndpoint make_endpoint();
+CommPacket make_packet();
 // Begun as a request: arguments and pairs may be added.
-Packet begin_request(const char* command = "ping");
+CommPacket begin_request(const char* command = "ping");
 // "ping" with the argument "a" and the pair k=v, complete: 94 bytes, the example of the documents.
-Packet ping_packet();
+CommPacket ping_packet();
 // Every part a packet can have, every type of argument and pair; lists that end with a line of the
 // dump, within one, and empty; more data than it shows.
-Packet rich_packet();
+CommPacket rich_packet();
 
 // A moment `ms` from now, as the waits take it.
 unsigned long in_ms(unsigned long ms);
@@ -89,12 +89,12 @@ void await_death(const std::string& path);
 Lines open_descriptors();
 Lines changed_descriptors(const Lines& before);
 // What an endpoint is and has, in words; "" for one that is closed.
-std::string state_of(const Endpoint& c);
+std::string state_of(const CommEndpoint& c);
 
 // The next packet of a server or a client; null while there is none.
-Packet retrieve(comm_socket_v4* c);
+CommPacket retrieve(comm_socket_v4* c);
 // Connects one more client to an open server and accepts it.
-std::pair<Endpoint, unsigned long> join(comm_socket_v4* server);
+std::pair<CommEndpoint, unsigned long> join(comm_socket_v4* server);
 
 // A test fails when its descriptors differ before and after, its own members destroyed. One that
 // hangs ends the run, its name the last that was printed, after more time than a busy machine

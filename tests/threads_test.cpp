@@ -8,7 +8,7 @@ namespace {
 TEST_F(CommTest, ThreadsShareAPacketThatTheLastOneDestroys) {
   const std::string bytes = bytes_of(ping_packet().get());
   for (int round = 0; round < 100; ++round) {
-    Packet p = carrier(1);
+    CommPacket p = carrier(1);
     std::vector<std::thread> threads;
     for (int i = 0; i < 3; ++i)
       threads.emplace_back([&bytes, shared = (p->addref(), p.get())] {

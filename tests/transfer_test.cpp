@@ -37,9 +37,11 @@ class TransferTest : public ServerTest, public testing::WithParamInterface<bool>
     comm_socket_v4_debug_logging(client());
     comm_socket_v4_normal_logging(&s);
   }
-  int send(bool to_client, const Packet& p) { return to_client ? send_to(0, p) : send_from(0, p); }
-  int send(const Packet& p) { return send(at_server, p); }
-  int peer_sends(const Packet& p) { return send(!at_server, p); }
+  int send(bool to_client, const CommPacket& p) {
+    return to_client ? send_to(0, p) : send_from(0, p);
+  }
+  int send(const CommPacket& p) { return send(at_server, p); }
+  int peer_sends(const CommPacket& p) { return send(!at_server, p); }
   void peer_leaves() {
     at_server ? void(comm_socket_v4_close(client())) : release(0);
     await_end(fd);
@@ -47,9 +49,9 @@ class TransferTest : public ServerTest, public testing::WithParamInterface<bool>
   int read() {
     return at_server ? comm_socket_v4_client_idle(record()) : comm_socket_v4_idle(client());
   }
-  Packet take() { return Packet(std::exchange(*slot, nullptr)); }
-  Packet peer_takes() {
-    return at_server ? retrieve(client()) : Packet(comm_socket_v4_client_get_packet(record()));
+  CommPacket take() { return CommPacket(std::exchange(*slot, nullptr)); }
+  CommPacket peer_takes() {
+    return at_server ? retrieve(client()) : CommPacket(comm_socket_v4_client_get_packet(record()));
   }
   std::string by_side(const char* at_a_server, const char* at_a_client) const {
     return at_server ? at_a_server : at_a_client;
@@ -75,7 +77,7 @@ class TransferTest : public ServerTest, public testing::WithParamInterface<bool>
     connect();
   }
   // Of a send: its answer, what became of the descriptors of p, and its lines.
-  void expect_send(const std::string& outcome, int answer, const Packet& p = nullptr,
+  void expect_send(const std::string& outcome, int answer, const CommPacket& p = nullptr,
                    const std::string& lines = "", int line = __builtin_LINE()) {
     const std::string answer_text = answered(answer);
     const testing::ScopedTrace caller(__FILE__, line, "the send");
@@ -149,7 +151,7 @@ BUG: client_idle() fd=N disconnect [client-side] but FIONREAD last returned 94, 
 TEST_P(TransferTest, ADroppedPacketClosesItsDescriptorsAndTheNextOneArrives) {
   const auto drop = [this](const std::string& bytes, int answer, const std::string& lines,
                            rlim_t limit = 1000, const char* received = "2") {
-    const Packet p = exact_packet(bytes);
+    const CommPacket p = exact_packet(bytes);
     p->write_state = comm_socket_v4_packet::write_state_end;
     carrier(2)->attached_fd.swap(p->attached_fd);
     peer_sends(p);
@@ -174,7 +176,7 @@ TEST_P(TransferTest, ADroppedPacketClosesItsDescriptorsAndTheNextOneArrives) {
 TEST_P(TransferTest, TheBufferFitsAndTheSlotHoldsOnePacket) {
   const auto sized = [](std::size_t length) {
     const std::vector<unsigned char> zeros(length - 68);
-    Packet p = begin_request();
+    CommPacket p = begin_request();
     p->write_data_binary(zeros.data(), zeros.size());
     p->write_end();
     return p;
@@ -204,7 +206,7 @@ TEST_P(TransferTest, TheCallbackSeesThePacketAsItCame) {
     return Numbers{p->stream_id, p->message_id, p->error_code, p->flags,
                    std::size_t(p->write_state)};
   };
-  const Packet sent = rich_packet();
+  const CommPacket sent = rich_packet();
   EXPECT_TRUE(sent->attach_fd_to_send(0));
   callback = [&](comm_socket_v4_packet* p) {
     EXPECT_EQ(bytes_of(sent.get()), bytes_of(p));
@@ -215,7 +217,7 @@ TEST_P(TransferTest, TheCallbackSeesThePacketAsItCame) {
   };
   peer_sends(sent);
   EXPECT_EQ(0, read());
-  const Packet p = take();
+  const CommPacket p = take();
   EXPECT_EQ((Numbers{0xFEDCBA9876543210, 0xAB, 5, 0xB, 4}), state(p.get()));
   EXPECT_EQ(0, fcntl(p->attached_fd[0], F_GETFD)) << "is inherited";
 }
@@ -251,7 +253,7 @@ TEST_P(TransferTest, AControlMessageOfAnImpossibleLengthIsNotFollowed) {
 // --- Sending ------------------------------------------------------------------------------------
 
 TEST_P(TransferTest, WhatCannotBeSentIsRefusedInThisOrder) {
-  const Packet unwritten = make_packet(), empty = make_packet(), good = carrier(2);
+  const CommPacket unwritten = make_packet(), empty = make_packet(), good = carrier(2);
   const std::string no_data =
       "DEBUG: send_to_X(): attempt to send packet with no data or no buffer\n";
   empty->write_state = comm_socket_v4_packet::write_state_end;
@@ -275,7 +277,7 @@ TEST_P(TransferTest, WhatCannotBeSentIsRefusedInThisOrder) {
 }
 
 TEST_P(TransferTest, DescriptorsAreClosedOnceTheyAreOnTheirWay) {
-  const Packet p = carrier(2), other = carrier(2), big = begin_request();
+  const CommPacket p = carrier(2), other = carrier(2), big = begin_request();
   const std::vector<unsigned char> zeros(262144);
   big->write_data_binary(zeros.data(), zeros.size());
   big->write_end();
@@ -306,15 +308,15 @@ TEST_P(TransferTest, DescriptorsAreClosedOnceTheyAreOnTheirWay) {
 TEST_P(TransferTest, WhatIsSentArrivesWithUpTo60DescriptorsInOrder) {
   static int completed;
   completed = 0;
-  const Packet header = begin_request(), data = begin_request(), relayed = carrier(60);
+  const CommPacket header = begin_request(), data = begin_request(), relayed = carrier(60);
   header->write_argv("a");
   header->attach_fd_to_send(0);
   data->write_data_binary(header->buffer, 5);
   peer_sends(relayed);
   read();
-  const Packet received = take(), none = carrier(0), too_many = carrier(61);
+  const CommPacket received = take(), none = carrier(0), too_many = carrier(61);
   log();
-  for (const Packet* const p : {&header, &data, &received, &none, &too_many}) {
+  for (const CommPacket* const p : {&header, &data, &received, &none, &too_many}) {
     const Numbers files = p != &too_many ? files_of(*p) : Numbers{};
     Faults faults;
     faults.replace(Call::sendmsg, [&](auto& real, void* message) {
@@ -323,7 +325,7 @@ TEST_P(TransferTest, WhatIsSentArrivesWithUpTo60DescriptorsInOrder) {
     });
     (*p)->set_complete_cb([](auto*) { return ++completed; });
     EXPECT_LT(0, faults.during([&] { return send(*p); }));
-    const Packet got = peer_takes();
+    const CommPacket got = peer_takes();
     EXPECT_EQ(bytes_of(p->get()), bytes_of(got.get()));
     EXPECT_EQ(files, files_of(got));
     EXPECT_EQ(Numbers((*p)->attached_fd_count()), files_of(*p)) << "the sender's are closed";
@@ -358,11 +360,11 @@ TEST_F(ServerReadTest, APassSeesWhatACallbackDidToTheClientsBehindIt) {
 // The descriptor's number belongs to another connection by then.
 TEST_F(ServerReadTest, ASendFailsWhenTheCompletionCallbackEndedTheConnection) {
   static std::function<void()> complete;
-  const Endpoint stranger = make_endpoint();
+  const CommEndpoint stranger = make_endpoint();
   join();
   knock();
   const auto send_ending = [](auto send, auto* to, const std::function<void()>& end) {
-    const Packet p = begin_request();
+    const CommPacket p = begin_request();
     complete = end;
     p->set_complete_cb([](auto*) { return complete(), 0; });
     EXPECT_EQ("-1 EBADF", answered(send(to, p.get())));
@@ -421,7 +423,7 @@ TEST_F(ServerReadTest, WithoutMemoryForTheDisconnectListAClientStaysOpen) {
 }
 
 TEST_F(ServerReadTest, ReceivedBytesAreJudgedAndCorruptedOnRequest) {
-  const auto judge = [this](const Packet& p) {
+  const auto judge = [this](const CommPacket& p) {
     return comm_socket_v4_client_on_recv_packet(&s, p.get());
   };
   EXPECT_EQ(-1, judge(make_packet()));
@@ -433,7 +435,7 @@ TEST_F(ServerReadTest, ReceivedBytesAreJudgedAndCorruptedOnRequest) {
   unsigned& bits = comm_socket_v4_recv_corrupt_debug;
   comm_socket_v4_shut_up(&s);
   for (bits = 1; bits < 1000; ++bits) {
-    const Packet p = exact_packet(bytes);
+    const CommPacket p = exact_packet(bytes);
     judge(p);
     unsigned flips = 0;
     for (std::size_t i = 0; i < hit.size(); ++i) {

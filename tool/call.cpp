@@ -53,12 +53,12 @@ void parse(int argc, char** argv, Call& call) {
   for (std::size_t i = 2; i < words.size(); ++i) call.packet.add_argument(words[i]);
 }
 
-Packet receive(comm_socket_v4& endpoint, std::uint64_t deadline_us) {
+CommPacket receive(comm_socket_v4& endpoint, std::uint64_t deadline_us) {
   std::vector<Refused> refused;
   keep_refused(endpoint, refused);
   for (;;) {
     const int ready = comm_socket_v4_client_from_server_readable(&endpoint, deadline_us);
-    Packet packet(comm_socket_v4_client_get_packet_from_server(&endpoint));
+    CommPacket packet(comm_socket_v4_client_get_packet_from_server(&endpoint));
     if (!refused.empty())
       throw Failure("the server sent a packet that is not valid: " + refused[0].rule);
     if (packet != nullptr) return packet;
@@ -92,7 +92,7 @@ int print_response(const Call& call, comm_socket_v4& endpoint, std::uint64_t dea
   if (call.folder.has_value()) folder.emplace(*call.folder);
   int status = exit_ok;
   for (bool more = true; more;) {
-    const Packet packet = receive(endpoint, deadline_us);
+    const CommPacket packet = receive(endpoint, deadline_us);
     print_packet(*packet, call.format);
     if (is_error(*packet)) {
       status = exit_failed;
@@ -107,10 +107,10 @@ int print_response(const Call& call, comm_socket_v4& endpoint, std::uint64_t dea
 int run(int argc, char** argv) {
   Call call;
   parse(argc, argv, call);
-  const Packet request = call.packet.build(nullptr);
+  const CommPacket request = call.packet.build(nullptr);
   if (call.folder.has_value()) make_empty_folder(*call.folder);
   const std::uint64_t deadline_us = now_us() + call.timeout_us;
-  const Endpoint endpoint = connect_to_server(call.path, call.timeout_us, call.verbose);
+  const CommEndpoint endpoint = connect_to_server(call.path, call.timeout_us, call.verbose);
   send_in_time(*endpoint, *request, deadline_us);
   return call.reply ? print_response(call, *endpoint, deadline_us) : exit_ok;
 }

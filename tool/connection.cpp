@@ -12,8 +12,8 @@ std::uint64_t now_us() {
       std::chrono::duration_cast<std::chrono::microseconds>(now).count());
 }
 
-Endpoint connect_to_server(const std::string& path, std::uint64_t timeout_us, bool verbose) {
-  Endpoint endpoint = new_endpoint(verbose);
+CommEndpoint connect_to_server(const std::string& path, std::uint64_t timeout_us, bool verbose) {
+  CommEndpoint endpoint = new_endpoint(verbose);
   comm_socket_v4_set_connect_timeout(endpoint.get(), std::max<std::uint64_t>(timeout_us, 1));
   const bool failed = comm_socket_v4_connect_to(endpoint.get(), path.c_str()) != 0;
   if (failed) throw system_failure("cannot connect to " + in_quotes(path));

@@ -10,7 +10,7 @@
 std::uint64_t now_us();  // the clock of the library's deadlines
 
 // `timeout_us` is not 0. It throws Failure when no server answers in time.
-Endpoint connect_to_server(const std::string& path, std::uint64_t timeout_us, bool verbose);
+CommEndpoint connect_to_server(const std::string& path, std::uint64_t timeout_us, bool verbose);
 void send_in_time(comm_socket_v4& endpoint, comm_socket_v4_packet& packet,
                   std::uint64_t deadline_us);
 

@@ -21,8 +21,8 @@ constexpr char help[] =
 
 constexpr std::size_t max_file = std::size_t{16} * 1024 * 1024;
 
-Packet packet_of(const std::string& bytes) {
-  Packet packet = new_packet();
+CommPacket packet_of(const std::string& bytes) {
+  CommPacket packet = new_packet();
   if (packet->resize_buffer(bytes.size() + 1) != 0) throw std::bad_alloc();
   std::memcpy(packet->buffer, bytes.data(), bytes.size());
   packet->buffer[bytes.size()] = 0;
@@ -37,10 +37,10 @@ int run(int argc, char** argv) {
   const std::string file = words.empty() ? "-" : words[0];
   const std::string what = file == "-" ? "standard input" : in_quotes(file);
 
-  const Packet packet = packet_of(read_file(file, max_file));
+  const CommPacket packet = packet_of(read_file(file, max_file));
   const std::string rule = broken_rule(*packet);
   if (!rule.empty()) throw Failure(what + " is no valid packet: " + rule);
-  const Endpoint receiver = new_endpoint(false);
+  const CommEndpoint receiver = new_endpoint(false);
   if (comm_socket_v4_client_on_recv_packet(receiver.get(), packet.get()) != 0)
     throw Failure(what + " is no valid packet");
   print_packet(*packet, format);

@@ -57,7 +57,7 @@ StopSignals::StopSignals() {
     sigaddset(&signals, SIGHUP);
   ::sigprocmask(SIG_BLOCK, &signals, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
-  fd_ = Descriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+  fd_ = CommDescriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
   if (!fd_.is_open()) throw system_failure("cannot wait for signals");
 }
 

@@ -28,7 +28,7 @@ class EventLoop {
     Handler handler;
   };
 
-  Descriptor epoll_;
+  CommDescriptor epoll_;
   std::unordered_map<int, Watched> watched_;
   bool stopped_ = false;
 };
@@ -41,7 +41,7 @@ class StopSignals {
   int fd() const { return fd_.get(); }
 
  private:
-  Descriptor fd_;
+  CommDescriptor fd_;
 };
 
 // Readable `delay_us` from when it was set, once. 0 unsets it.
@@ -52,7 +52,7 @@ class Timer {
   void set(std::uint64_t delay_us);
 
  private:
-  Descriptor fd_;
+  CommDescriptor fd_;
 };
 
 #endif

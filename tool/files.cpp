@@ -19,8 +19,8 @@ bool same_socket(const std::string& path, const std::string& other) {
          file.st_dev == other_file.st_dev && file.st_ino == other_file.st_ino;
 }
 
-Descriptor open_file(const std::string& path, int flags) {
-  Descriptor file(::open(path.c_str(), flags | O_CLOEXEC, 0666));
+CommDescriptor open_file(const std::string& path, int flags) {
+  CommDescriptor file(::open(path.c_str(), flags | O_CLOEXEC, 0666));
   if (!file.is_open()) throw system_failure("cannot open " + in_quotes(path));
   return file;
 }
@@ -28,7 +28,7 @@ Descriptor open_file(const std::string& path, int flags) {
 std::string read_file(const std::string& path, std::size_t max) {
   const bool standard_input = path == "-";
   const std::string what = standard_input ? "standard input" : in_quotes(path);
-  const Descriptor file = standard_input ? Descriptor() : open_file(path, O_RDONLY);
+  const CommDescriptor file = standard_input ? CommDescriptor() : open_file(path, O_RDONLY);
   std::string bytes;
   char chunk[65536];
   for (;;) {
@@ -51,9 +51,9 @@ void make_empty_folder(const std::string& path) {
   if (!empty) throw Failure("folder " + in_quotes(path) + " is not empty");
 }
 
-Descriptor create_file(const std::string& folder, const std::string& name) {
+CommDescriptor create_file(const std::string& folder, const std::string& name) {
   const std::string path = folder + "/" + name;
-  Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+  CommDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
   if (!file.is_open()) throw system_failure("cannot create " + in_quotes(path));
   return file;
 }

@@ -13,13 +13,13 @@ bool is_abstract(const std::string& path);
 // Whether both lead to the same one, which exists.
 bool same_socket(const std::string& path, const std::string& other);
 
-Descriptor open_file(const std::string& path, int flags);
+CommDescriptor open_file(const std::string& path, int flags);
 // The whole of a file, of standard input for "-". A longer one than `max` bytes is a failure.
 std::string read_file(const std::string& path, std::size_t max);
 
 // Creates the folder unless it is there. It must be empty: what is saved replaces nothing.
 void make_empty_folder(const std::string& path);
-Descriptor create_file(const std::string& folder, const std::string& name);
+CommDescriptor create_file(const std::string& folder, const std::string& name);
 void write_all(int fd, std::string_view bytes, const std::string& what);
 // What was printed so far has been written, or it is a failure.
 void flush_standard_output();

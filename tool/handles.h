@@ -2,23 +2,21 @@
 #ifndef TOOL_HANDLES_H
 #define TOOL_HANDLES_H
 
-#include <tarn_utils_v4/comm.h>
+#include <tarn_utils_v4/comm_cpp.h>
 
 #include <new>
 #include <string>
 
-#include "lib/owners.h"
-
-inline Packet new_packet() {
-  Packet packet(comm_socket_v4_packet_create());
+inline CommPacket new_packet() {
+  CommPacket packet(comm_socket_v4_packet_create());
   if (packet == nullptr) throw std::bad_alloc();
   return packet;
 }
 
 // Without its error lines, for which the caller has words of its own. With `verbose` it says
 // everything. No program that is started inherits what it receives.
-inline Endpoint new_endpoint(bool verbose) {
-  Endpoint endpoint(comm_socket_v4_create());
+inline CommEndpoint new_endpoint(bool verbose) {
+  CommEndpoint endpoint(comm_socket_v4_create());
   if (endpoint == nullptr) throw std::bad_alloc();
   endpoint->log_mask = verbose ? 15 : 2;
   comm_socket_v4_set_descriptors_cloexec(endpoint.get(), 1);

@@ -85,7 +85,7 @@ std::string broken_rule(const comm_socket_v4_packet& packet) {
            " are needed";
 
   std::string message;
-  const Endpoint checker = new_endpoint(true);
+  const CommEndpoint checker = new_endpoint(true);
   comm_socket_v4_set_log_sink(checker.get(), keep_first_line, &message);
   if (comm_socket_v4_validate_packet_contents(checker.get(), &packet, header_of(packet)) == 0)
     return "";
@@ -98,7 +98,7 @@ int keep_if_refused(std::vector<Refused>& refused, comm_socket_v4_packet& packet
   std::string rule = broken_rule(packet);
   if (rule.empty()) return 0;
   packet.addref();
-  refused.push_back({Packet(&packet), std::move(rule)});
+  refused.push_back({CommPacket(&packet), std::move(rule)});
   return -1;
 }
 

@@ -12,7 +12,7 @@ std::string broken_rule(const comm_socket_v4_packet& packet);
 
 // Packets that did not pass, kept from within a receive callback for whoever reports them.
 struct Refused {
-  Packet packet;
+  CommPacket packet;
   std::string rule;
 };
 

@@ -90,8 +90,8 @@ std::string summary(const comm_socket_v4_packet& packet) {
 void DescriptorFolder::save(comm_socket_v4_packet& packet, std::uint64_t deadline_us) {
   for (std::size_t i = 0; i < packet.attached_fd_count(); ++i) {
     const std::string name = "descriptor-" + std::to_string(next_++);
-    const Descriptor from(packet.get_attached_fd(i));
-    const Descriptor to = create_file(path_, name);
+    const CommDescriptor from(packet.get_attached_fd(i));
+    const CommDescriptor to = create_file(path_, name);
     try {
       copy_descriptor(from.get(), to.get(), deadline_us);
     } catch (const Failure& failure) {

@@ -207,8 +207,8 @@ void PacketRecipe::set_multipart(const std::string& part, const std::string& nam
 
 // --- To a packet --------------------------------------------------------------------------------
 
-Packet PacketRecipe::build(const comm_socket_v4_packet* request) const {
-  Packet packet = new_packet();
+CommPacket PacketRecipe::build(const comm_socket_v4_packet* request) const {
+  CommPacket packet = new_packet();
   packet->flags = multipart_ << comm_socket_v4_packet::multipart_shift;
   packet->set_async(async_);
   packet->set_request(request == nullptr);
@@ -225,15 +225,15 @@ Packet PacketRecipe::build(const comm_socket_v4_packet* request) const {
     throw UsageError("the packet has " + std::to_string(packet->buffer_length) +
                      " bytes, a receiver takes at most " +
                      std::to_string(COMM_V4_MAX_RECEIVED_PACKET));
-  for (const Descriptor& descriptor : descriptors_)
+  for (const CommDescriptor& descriptor : descriptors_)
     if (!packet->attach_fd_to_send_cloexec(descriptor.get()))
       throw system_failure("cannot attach a descriptor");
   return packet;
 }
 
-Packet begin_answer(const comm_socket_v4_packet& request, std::uint64_t error_code,
-                    const std::string& error_string) {
-  Packet packet = new_packet();
+CommPacket begin_answer(const comm_socket_v4_packet& request, std::uint64_t error_code,
+                        const std::string& error_string) {
+  CommPacket packet = new_packet();
   packet->stream_id = request.stream_id;
   packet->message_id = request.message_id;
   packet->error_code = error_code;

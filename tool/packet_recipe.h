@@ -45,7 +45,7 @@ class PacketRecipe {
 
   // A request; or the answer to one, with the ids and the command that the request has unless the
   // command line gives others.
-  Packet build(const comm_socket_v4_packet* request) const;
+  CommPacket build(const comm_socket_v4_packet* request) const;
 
  private:
   using Write = std::function<int(comm_socket_v4_packet&)>;
@@ -70,11 +70,11 @@ class PacketRecipe {
   std::size_t arguments_ = 0;
   std::size_t pairs_ = 0;
   std::string data_;
-  std::vector<Descriptor> descriptors_;
+  std::vector<CommDescriptor> descriptors_;
 };
 
 // What all answers share: no request, with the ids of the request, begun with its command.
-Packet begin_answer(const comm_socket_v4_packet& request, std::uint64_t error_code,
-                    const std::string& error_string);
+CommPacket begin_answer(const comm_socket_v4_packet& request, std::uint64_t error_code,
+                        const std::string& error_string);
 
 #endif

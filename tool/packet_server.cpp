@@ -34,7 +34,7 @@ gid_t parse_group(const std::string& text, const std::string& what) {
   return static_cast<gid_t>(parse_uint64(text, what, 0, UINT32_MAX - 1));
 }
 
-Endpoint create_server(const ServerSettings& settings) {
+CommEndpoint create_server(const ServerSettings& settings) {
   const std::string& path = settings.path;
   if (path.size() > COMM_V4_MAX_SERVER_PATH)
     throw UsageError("the path has " + std::to_string(path.size()) +
@@ -43,7 +43,7 @@ Endpoint create_server(const ServerSettings& settings) {
   if (is_abstract(path) && (settings.mode.has_value() || settings.group.has_value()))
     throw UsageError("an abstract name has neither --mode nor --group");
   std::string reason;  // The library's error line says more than errno.
-  Endpoint server = new_endpoint(settings.verbose);
+  CommEndpoint server = new_endpoint(settings.verbose);
   if (settings.mode.has_value()) comm_socket_v4_set_socket_mode(server.get(), *settings.mode);
   if (settings.group.has_value()) comm_socket_v4_set_socket_group(server.get(), *settings.group);
   // Clients of other making may not try again when the queue is full.
@@ -170,7 +170,7 @@ void PacketServer::on_client_event(Peer& peer, std::uint32_t events) {
     flush(peer);
   const bool readable = hung_up || (events & EPOLLIN) != 0;
   if (readable && !peer.paused && !peer.closing) {
-    Packet packet(comm_socket_v4_client_get_packet(record(peer)));
+    CommPacket packet(comm_socket_v4_client_get_packet(record(peer)));
     for (const Refused& refused : std::exchange(refused_, {})) on_refused(peer, refused);
     if (packet != nullptr) on_packet(peer, std::move(packet));
   }

@@ -66,7 +66,7 @@ class PacketServer {
  protected:
   virtual std::unique_ptr<Peer> make_peer() { return std::make_unique<Peer>(); }
   virtual void on_connect(Peer& /*peer*/) {}
-  virtual void on_packet(Peer& peer, Packet packet) = 0;
+  virtual void on_packet(Peer& peer, CommPacket packet) = 0;
   virtual void on_refused(Peer& peer, const Refused& refused);
   virtual void on_end(std::unique_ptr<Peer> /*peer*/) {}
   // Watches the client for what it can be served with now. To be called after every change.
@@ -92,7 +92,7 @@ class PacketServer {
   const ServerSettings& settings_;
   StopSignals signals_;  // before there is a socket file to be removed
   EventLoop loop_;
-  Endpoint server_;
+  CommEndpoint server_;
   std::unordered_map<unsigned long, std::unique_ptr<Peer>> peers_;  // by index
   std::vector<Refused> refused_;                                    // in the read that goes on
   unsigned long connections_ = 0;

@@ -164,7 +164,7 @@ class Pinger {
 
   void ping() {
     const std::uint64_t deadline_us = now_us() + settings_.timeout_us;
-    const Packet packet = request_.build(nullptr);
+    const CommPacket packet = request_.build(nullptr);
     const std::uint64_t sequence = sent_ + 1;
     set_message_id(*packet, sequence);
     const std::uint64_t start_ns = now_ns();
@@ -174,7 +174,7 @@ class Pinger {
     if (result < 0) throw Failure("the server closed the connection");
     sent_ = sequence;
     while (wait(POLLIN, deadline_us))
-      if (const Packet answer = receive(); is_answer(answer.get()))
+      if (const CommPacket answer = receive(); is_answer(answer.get()))
         return report(*answer, now_ns() - start_ns);
     if (stopped_)
       --sent_;  // Nobody knows what would have become of it.
@@ -193,8 +193,8 @@ class Pinger {
     wait(0, 0);  // A signal is noticed even without any pause.
   }
 
-  Packet receive() {
-    Packet packet(comm_socket_v4_client_get_packet_from_server(endpoint_.get()));
+  CommPacket receive() {
+    CommPacket packet(comm_socket_v4_client_get_packet_from_server(endpoint_.get()));
     if (packet == nullptr && !endpoint_->socket_open())
       throw Failure("the server closed the connection");
     return packet;
@@ -237,7 +237,7 @@ class Pinger {
   PacketRecipe request_;
   std::optional<StopSignals> signals_;  // while connecting, SIGINT just ends the program
   Progress progress_;
-  Endpoint endpoint_;
+  CommEndpoint endpoint_;
   RoundTrips round_trips_;
   std::uint64_t start_us_ = now_us();
   std::uint64_t sent_ = 0;

@@ -48,11 +48,11 @@ void parse(int argc, char** argv, Settings& settings) {
 
 // A client and its connection to the server.
 struct ProxiedPeer : Peer {
-  Endpoint upstream;
+  CommEndpoint upstream;
   int upstream_fd = -1;     // as it is watched
   bool connecting = false;  // the server's queue of connections is full
   std::uint64_t connect_deadline_us = 0;
-  Packet to_server;              // waits for the server; the client is paused meanwhile
+  CommPacket to_server;          // waits for the server; the client is paused meanwhile
   std::vector<Refused> refused;  // in the read that goes on
 };
 
@@ -109,7 +109,7 @@ class Proxy : public PacketServer {
 
   // --- Packets
 
-  void on_packet(Peer& from, Packet packet) override {
+  void on_packet(Peer& from, CommPacket packet) override {
     auto& peer = static_cast<ProxiedPeer&>(from);
     show(peer, Direction::to_server, *packet);
     allow_sending_on(*packet);
@@ -142,7 +142,7 @@ class Proxy : public PacketServer {
 
   // False when the server has closed the connection.
   bool read_from_server(ProxiedPeer& peer) {
-    const Packet packet(comm_socket_v4_client_get_packet_from_server(peer.upstream.get()));
+    const CommPacket packet(comm_socket_v4_client_get_packet_from_server(peer.upstream.get()));
     for (const Refused& refused : std::exchange(peer.refused, {}))
       show_refused(peer, Direction::to_client, refused);
     if (packet != nullptr) {
@@ -200,7 +200,7 @@ class Proxy : public PacketServer {
     char name[64];
     std::snprintf(name, sizeof(name), "%06lu-client-%lu-%s", ++saved_, peer.number,
                   direction == Direction::to_server ? "to-server" : "from-server");
-    file_ = Descriptor();
+    file_ = CommDescriptor();
     file_ = create_file(*settings_.folder, name);
     write_all(file_.get(), {reinterpret_cast<const char*>(packet.buffer), packet.buffer_length},
               in_quotes(name));
@@ -210,7 +210,7 @@ class Proxy : public PacketServer {
   const Settings& settings_;
   std::unordered_map<unsigned long, std::unique_ptr<Peer>> departed_;  // clients, by number
   unsigned long saved_ = 0;
-  Descriptor file_;  // the last one; it stays open so that the next can always be opened
+  CommDescriptor file_;  // the last one; it stays open so that the next can always be opened
 };
 
 int run(int argc, char** argv) {

@@ -18,8 +18,8 @@
 
 namespace {
 
-Descriptor memory_file(std::string_view bytes) {
-  Descriptor file(::memfd_create("request", MFD_CLOEXEC));
+CommDescriptor memory_file(std::string_view bytes) {
+  CommDescriptor file(::memfd_create("request", MFD_CLOEXEC));
   if (!file.is_open()) throw system_failure("cannot keep the data for the command");
   write_all(file.get(), bytes, "the data for the command");
   ::lseek(file.get(), 0, SEEK_SET);
@@ -104,16 +104,16 @@ RequestCommand::RequestCommand(EventLoop& loop, const std::string& command,
                                const comm_socket_v4_packet& request, const struct ucred& peer,
                                std::uint64_t timeout_us, Done done)
     : loop_(loop), done_(std::move(done)) {
-  const Descriptor input =
+  const CommDescriptor input =
       memory_file({reinterpret_cast<const char*>(request.data()), request.data_length()});
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) throw system_failure("cannot create a pipe");
-  output_ = Descriptor(ends[0]);
-  const Descriptor writer(ends[1]);
+  output_ = CommDescriptor(ends[0]);
+  const CommDescriptor writer(ends[1]);
   ::fcntl(output_.get(), F_SETFL, O_NONBLOCK);
   pid_ = spawn_shell(words_for(command, request), environment_for(request, peer), input.get(),
                      writer.get());
-  process_ = Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
+  process_ = CommDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
   if (!process_.is_open()) {
     const Failure failure = system_failure("cannot watch the command");
     ::kill(-pid_, SIGKILL);

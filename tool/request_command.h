@@ -41,8 +41,8 @@ class RequestCommand {
   EventLoop& loop_;
   Done done_;
   CommandResult result_;
-  Descriptor output_;
-  Descriptor process_;  // readable once the command has ended
+  CommDescriptor output_;
+  CommDescriptor process_;  // readable once the command has ended
   Timer timer_;
   pid_t pid_ = -1;  // -1 when it has been waited for
 };

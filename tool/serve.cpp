@@ -66,14 +66,14 @@ void make_answer_of(comm_socket_v4_packet& packet) {
   allow_sending_on(packet);
 }
 
-Packet error_answer(const comm_socket_v4_packet& request, std::uint64_t code,
-                    const std::string& text) {
-  Packet answer = begin_answer(request, code, text);
+CommPacket error_answer(const comm_socket_v4_packet& request, std::uint64_t code,
+                        const std::string& text) {
+  CommPacket answer = begin_answer(request, code, text);
   if (answer->write_end() != 0) throw std::bad_alloc();
   return answer;
 }
 
-Packet answer_of_command(const comm_socket_v4_packet& request, const CommandResult& result) {
+CommPacket answer_of_command(const comm_socket_v4_packet& request, const CommandResult& result) {
   constexpr std::uint64_t killed = 128;  // as a shell counts, the signal's number is added
   const char* const too_long = "the command's output is longer than a packet";
   if (result.too_long) return error_answer(request, killed + SIGKILL, too_long);
@@ -88,7 +88,7 @@ Packet answer_of_command(const comm_socket_v4_packet& request, const CommandResu
     code = static_cast<std::uint64_t>(WEXITSTATUS(result.wait_status));
     error = "the command exited with status " + std::to_string(code);
   }
-  Packet answer = begin_answer(request, code, error);
+  CommPacket answer = begin_answer(request, code, error);
   const auto* const data = reinterpret_cast<const unsigned char*>(result.output.data());
   if (answer->write_data_binary(data, result.output.size()) < 0 || answer->write_end() != 0)
     throw std::bad_alloc();
@@ -98,7 +98,7 @@ Packet answer_of_command(const comm_socket_v4_packet& request, const CommandResu
 }
 
 struct ServedPeer : Peer {
-  Packet request;  // the last one
+  CommPacket request;  // the last one
   std::unique_ptr<RequestCommand> running;
 };
 
@@ -110,7 +110,7 @@ class AnsweringServer : public PacketServer {
  private:
   std::unique_ptr<Peer> make_peer() override { return std::make_unique<ServedPeer>(); }
 
-  void on_packet(Peer& peer, Packet packet) override {
+  void on_packet(Peer& peer, CommPacket packet) override {
     say(peer.name() + ": " + summary(*packet), *packet);
     auto& served = static_cast<ServedPeer&>(peer);
     served.request = std::move(packet);
@@ -154,7 +154,7 @@ class AnsweringServer : public PacketServer {
 
 // An answer that is too long is known at once, however long the command of the request.
 void check_answer(const PacketRecipe& answer) {
-  const Packet request = new_packet();
+  const CommPacket request = new_packet();
   if (request->write_begin(std::string(COMM_V4_MAX_COMMAND, 'x').c_str(), nullptr, 0) != 0)
     throw std::bad_alloc();
   answer.build(request.get());
