@@ -6,113 +6,23 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "bench/check.h"
-#include "bench/conversations.h"
 #include "bench/packets.h"
-#include "bench/processes.h"
+#include "bench/race.h"
+#include "bench/round_trips.h"
+#include "bench/streams.h"
+#include "bench/table.h"
 
 namespace {
 
 struct Options {
-  unsigned rounds = 15;
-  double round_seconds = 0.04;
+  Rounds rounds = {.count = 15, .seconds = 0.04};
   std::vector<std::string> tables;  // empty: all
-};
-
-// --- Measuring -----------------------------------------------------------------------------------
-
-// Makes a figure of operations per second.
-using Unit = double (*)(double rate);
-double microseconds(double rate) { return 1e6 / rate; }
-double thousands(double rate) { return rate / 1e3; }
-
-// What one who races does, and where its figure goes.
-struct Contender {
-  Runner run;
-  double& figure;
-  std::size_t count = 0;           // operations of a round
-  std::vector<double> rates = {};  // operations per second, of every round
-};
-
-double seconds_of(const Runner& run, std::size_t count) {
-  const auto start = std::chrono::steady_clock::now();
-  run(count);
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-// How many operations fill a round, more or less.
-std::size_t fill_round(const Runner& run, double round_seconds) {
-  std::size_t count = 16;
-  while (seconds_of(run, count) < round_seconds / 4) count *= 2;
-  return count * 4;
-}
-
-double median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
-void race(const Options& options, Unit unit, std::vector<Contender> contenders) {
-  for (Contender& c : contenders) c.count = fill_round(c.run, options.round_seconds);
-  for (unsigned round = 0; round < options.rounds; ++round)
-    for (Contender& c : contenders)
-      c.rates.push_back(static_cast<double>(c.count) / seconds_of(c.run, c.count));
-  for (Contender& c : contenders) c.figure = unit(median(c.rates));
-}
-
-// --- Printing ------------------------------------------------------------------------------------
-
-// Shows a figure, or its ratio to another.
-template <class Figures>
-struct Column {
-  const char* name;
-  double Figures::*figure;
-  double Figures::*by = nullptr;
-
-  int width() const { return std::max(8, static_cast<int>(std::strlen(name)) + 2); }
-  double value(const Figures& f) const { return by == nullptr ? f.*figure : f.*figure / f.*by; }
-};
-
-// A row for every value of what varies, with the other process on the same core and on another.
-template <class Figures>
-struct Table {
-  const char* title;
-  const char* unit;
-  const char* varied;
-  std::vector<std::size_t> values;
-  std::vector<Column<Figures>> columns;
-  std::function<Figures(int other_core, std::size_t value)> measure;
-
-  void print() const {
-    std::printf("\n%s (%s)\n%-10s %8s", title, unit, "cores", varied);
-    for (const auto& column : columns) std::printf("%*s", column.width(), column.name);
-    end_line();
-    for (const int other_core : {0, 1})
-      for (const std::size_t value : values) print_row(other_core, value);
-  }
-
- private:
-  void print_row(int other_core, std::size_t value) const {
-    const Figures figures = measure(other_core, value);
-    std::printf("%-10s %8zu", other_core == 0 ? "one core" : "two cores", value);
-    for (const auto& column : columns) std::printf("%*.2f", column.width(), column.value(figures));
-    end_line();
-  }
-  // Processes that are started later must not inherit half a line.
-  static void end_line() {
-    std::putchar('\n');
-    std::fflush(stdout);
-  }
 };
 
 // --- Round trips ---------------------------------------------------------------------------------
@@ -121,51 +31,143 @@ struct RoundTripFigures {
   double raw_select, library_waits, raw_epoll, raw_same_calls, library_epoll;
 };
 
-const std::vector<Column<RoundTripFigures>> round_trip_columns = {
-    {"raw select", &RoundTripFigures::raw_select},
-    {"library waits", &RoundTripFigures::library_waits},
-    {"by select", &RoundTripFigures::library_waits, &RoundTripFigures::raw_select},
-    {"raw epoll", &RoundTripFigures::raw_epoll},
-    {"raw, same calls", &RoundTripFigures::raw_same_calls},
-    {"library epoll", &RoundTripFigures::library_epoll},
-    {"by epoll", &RoundTripFigures::library_epoll, &RoundTripFigures::raw_epoll},
-    {"by same", &RoundTripFigures::library_epoll, &RoundTripFigures::raw_same_calls}};
-
-RoundTripFigures race_round_trips(const Options& options, Unit unit, const RoundTrips& what) {
+RoundTripFigures race_round_trips(const Options& options, int server_core, std::size_t size) {
+  const RoundTrips what = {server_core, 1, 1, size};
+  using raw::Calls;
+  const auto by_raw = [&](const Serve& serve, Calls calls, WaitBy wait_by) {
+    return round_trips(what, serve, raw_client(calls, wait_by)).run;
+  };
+  const auto by_library = [&](const Serve& serve, WaitBy wait_by) {
+    return round_trips(what, serve, library_client(wait_by)).run;
+  };
   RoundTripFigures f;
-  race(options, unit,
-       {{raw_round_trips(what, raw::Calls::send_recv, WaitBy::select), f.raw_select},
-        {library_round_trips(what, WaitBy::select), f.library_waits},
-        {raw_round_trips(what, raw::Calls::send_recv, WaitBy::epoll), f.raw_epoll},
-        {raw_round_trips(what, raw::Calls::same_as_library, WaitBy::epoll), f.raw_same_calls},
-        {library_round_trips(what, WaitBy::epoll), f.library_epoll}});
+  race(options.rounds, microseconds,
+       {{by_raw(raw_by_select(Calls::send_recv), Calls::send_recv, WaitBy::select), f.raw_select},
+        {by_library(library_by_waits(), WaitBy::select), f.library_waits},
+        {by_raw(raw_by_epoll(Calls::send_recv), Calls::send_recv, WaitBy::epoll), f.raw_epoll},
+        {by_raw(raw_by_epoll(Calls::same_as_library), Calls::same_as_library, WaitBy::epoll),
+         f.raw_same_calls},
+        {by_library(library_by_epoll(), WaitBy::epoll), f.library_epoll}});
   return f;
 }
 
-void round_trips(const Options& options) {
-  const Table<RoundTripFigures> table = {
-      .title = "Round trips of one client",
-      .unit = "microseconds; ratios are library time by raw time",
-      .varied = "bytes",
-      .values = {small_packet_size, 1024, 32768},
-      .columns = round_trip_columns,
-      .measure = [&](int server_core, std::size_t size) {
-        return race_round_trips(options, microseconds, {server_core, 1, size});
+void print_round_trips(const Options& options) {
+  using F = RoundTripFigures;
+  const Table<F> table = {.title = "Round trips of one client",
+                          .unit = "microseconds; ratios are library time by raw time",
+                          .varied = "bytes",
+                          .values = {small_packet_size, 1024, 32768},
+                          .columns = {{"raw select", &F::raw_select},
+                                      {"library waits", &F::library_waits},
+                                      {"by select", &F::library_waits, &F::raw_select},
+                                      {"raw epoll", &F::raw_epoll},
+                                      {"raw, same calls", &F::raw_same_calls},
+                                      {"library epoll", &F::library_epoll},
+                                      {"by epoll", &F::library_epoll, &F::raw_epoll},
+                                      {"by same", &F::library_epoll, &F::raw_same_calls}},
+                          .measure = [&](int server_core, std::size_t size) {
+                            return race_round_trips(options, server_core, size);
+                          }};
+  table.print();
+}
+
+// --- Many clients --------------------------------------------------------------------------------
+
+// The servers take turns with the same clients. Counted is the processor time of the server alone,
+// which the clients' own work, and what else the machine does, have no part in.
+class ServerRace {
+ public:
+  explicit ServerRace(const RoundTrips& what) : what_(what) {}
+
+  void add(const Serve& serve, double& figure) {
+    const RoundTripRunner trips =
+        round_trips(what_, serve, raw_client(raw::Calls::send_recv, WaitBy::epoll));
+    contenders_.push_back({trips.run, figure, trips.server_processor, what_.active});
+  }
+  // How long it took since then to connect the clients of all servers.
+  double seconds() const { return clock_() - start_; }
+  void run(const Options& options) const { race(options.rounds, thousands, contenders_); }
+
+ private:
+  const RoundTrips what_;
+  std::vector<Contender> contenders_;
+  const Clock clock_ = wall_clock();
+  const double start_ = clock_();
+};
+
+struct LoopFigures {
+  double raw, raw_same_calls, by_hand, comm_loop, connect;
+};
+
+LoopFigures race_loops(const Options& options, const RoundTrips& what) {
+  LoopFigures f;
+  ServerRace servers(what);
+  servers.add(raw_by_epoll(raw::Calls::send_recv), f.raw);
+  servers.add(raw_by_epoll(raw::Calls::same_as_library), f.raw_same_calls);
+  servers.add(library_by_epoll(), f.by_hand);
+  servers.add(library_comm_loop(), f.comm_loop);
+  f.connect = servers.seconds();
+  servers.run(options);
+  return f;
+}
+
+struct WaitFigures {
+  double raw_select, raw_poll, library_waits, connect;
+};
+
+WaitFigures race_waits(const Options& options, const RoundTrips& what) {
+  WaitFigures f;
+  ServerRace servers(what);
+  servers.add(raw_by_select(raw::Calls::send_recv), f.raw_select);
+  servers.add(raw_by_poll(raw::Calls::send_recv), f.raw_poll);
+  servers.add(library_by_waits(), f.library_waits);
+  f.connect = servers.seconds();
+  servers.run(options);
+  return f;
+}
+
+// `most_active` of the clients talk.
+template <class Figures>
+void print_servers(const Options& options, const std::string& title, std::size_t most_active,
+                   const std::vector<Column<Figures>>& columns,
+                   Figures (*measure_servers)(const Options&, const RoundTrips&)) {
+  const Table<Figures> table = {
+      .title = title,
+      .unit =
+          "thousand round trips per second of the server's processor time; ratios are library "
+          "rate by other; seconds to connect all",
+      .varied = "clients",
+      .values = {16, 256, 1000, 4000},
+      .columns = columns,
+      .measure = [&](int server_core, std::size_t connections) {
+        const std::size_t active = std::min(connections, most_active);
+        return measure_servers(options, {server_core, connections, active, small_packet_size});
       }};
   table.print();
 }
 
-void clients(const Options& options) {
-  const Table<RoundTripFigures> table = {
-      .title = "Clients of one server, 16 of them active, 94 bytes",
-      .unit = "thousand round trips per second; ratios are library rate by raw rate",
-      .varied = "clients",
-      .values = {1, 16, 256, 1000, 4000},
-      .columns = round_trip_columns,
-      .measure = [&](int server_core, std::size_t connections) {
-        return race_round_trips(options, thousands, {server_core, connections, small_packet_size});
-      }};
-  table.print();
+void print_clients(const Options& options) {
+  using Loop = LoopFigures;
+  const std::vector<Column<Loop>> loops = {{"raw epoll", &Loop::raw},
+                                           {"raw, same calls", &Loop::raw_same_calls},
+                                           {"hand-written", &Loop::by_hand},
+                                           {"CommLoop", &Loop::comm_loop},
+                                           {"by raw", &Loop::comm_loop, &Loop::raw},
+                                           {"by same", &Loop::comm_loop, &Loop::raw_same_calls},
+                                           {"by hand", &Loop::comm_loop, &Loop::by_hand},
+                                           {"connect", &Loop::connect}};
+  using Wait = WaitFigures;
+  const std::vector<Column<Wait>> waits = {{"raw select", &Wait::raw_select},
+                                           {"raw poll", &Wait::raw_poll},
+                                           {"library waits", &Wait::library_waits},
+                                           {"by select", &Wait::library_waits, &Wait::raw_select},
+                                           {"by poll", &Wait::library_waits, &Wait::raw_poll},
+                                           {"connect", &Wait::connect}};
+  constexpr std::size_t all = COMM_V4_MAX_CLIENTS;
+  print_servers(options, "Loops of a server, all clients talk", all, loops, race_loops);
+  print_servers(options, "Loops of a server, 8 clients talk", 8, loops, race_loops);
+  print_servers(options, "Waits of a server, all clients talk", all, waits, race_waits);
+  print_servers(options, "Waits of a server, 8 clients talk", 8, waits, race_waits);
 }
 
 // --- Streams -------------------------------------------------------------------------------------
@@ -176,7 +178,7 @@ struct StreamFigures {
 
 StreamFigures race_streams(const Options& options, const Stream& what) {
   StreamFigures f;
-  race(options, thousands,
+  race(options.rounds, thousands,
        {{raw_stream(what, raw::Calls::sendmsg_recvmsg), f.raw_reads_only},
         {raw_stream(what, raw::Calls::same_as_library), f.raw_asks_size},
         {library_stream(what), f.library}});
@@ -202,11 +204,11 @@ void print_streams(const Options& options, const char* title, bool with_descript
   table.print();
 }
 
-void streams(const Options& options) {
+void print_plain_streams(const Options& options) {
   print_streams(options, "One-way streams", false, {small_packet_size, 1024, 32768});
 }
 
-void descriptors(const Options& options) {
+void print_descriptors(const Options& options) {
   print_streams(options, "A descriptor with every packet", true, {small_packet_size});
 }
 
@@ -216,10 +218,10 @@ struct NamedTable {
   const char* name;
   void (*print)(const Options&);
 };
-const NamedTable all_tables[] = {{"round-trips", round_trips},
-                                 {"streams", streams},
-                                 {"descriptors", descriptors},
-                                 {"clients", clients}};
+const NamedTable all_tables[] = {{"round-trips", print_round_trips},
+                                 {"streams", print_plain_streams},
+                                 {"descriptors", print_descriptors},
+                                 {"clients", print_clients}};
 
 bool is_table(const std::string& name) {
   return std::any_of(std::begin(all_tables), std::end(all_tables),
@@ -245,10 +247,9 @@ Options parse(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string argument = argv[i];
     if (argument == "--quick") {
-      options.rounds = 3;
-      options.round_seconds = 0.01;
+      options.rounds = {.count = 3, .seconds = 0.01};
     } else if (argument == "--rounds") {
-      options.rounds = rounds_of(i + 1 < argc ? argv[++i] : "");
+      options.rounds.count = rounds_of(i + 1 < argc ? argv[++i] : "");
     } else if (is_table(argument)) {
       options.tables.push_back(argument);
     } else {
@@ -270,7 +271,7 @@ void print_circumstances(const Options& options) {
   utsname system;
   check(::uname(&system), "uname");
   std::printf("%s %s, %ld processors, medians of %u rounds\n", system.sysname, system.release,
-              ::sysconf(_SC_NPROCESSORS_ONLN), options.rounds);
+              ::sysconf(_SC_NPROCESSORS_ONLN), options.rounds.count);
 }
 
 }  // namespace

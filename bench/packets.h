@@ -1,4 +1,4 @@
-// The packets that the benchmarks build and read.
+// The packets that the benchmarks build and read, and the endpoints that carry them.
 #ifndef COMM_BENCH_PACKETS_H
 #define COMM_BENCH_PACKETS_H
 
@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+
+#include "bench/check.h"
 
 constexpr std::size_t small_packet_size = 94;
 
@@ -35,6 +37,24 @@ inline std::uint64_t read_packet(const comm_socket_v4_packet* p) {
     sum += static_cast<unsigned char>(p->nv_pair_value_text(pair)[0]);
   if (const unsigned char* data = p->data()) sum += data[p->data_length() - 1];
   return sum;
+}
+
+inline void look_at(const comm_socket_v4_packet& packet) {
+  volatile std::uint64_t seen = read_packet(&packet);
+  static_cast<void>(seen);
+}
+
+inline std::string bytes_of(const comm_socket_v4_packet& packet) {
+  return {reinterpret_cast<const char*>(packet.buffer), packet.buffer_length};
+}
+
+// Opens an endpoint on a connected socket.
+inline CommEndpoint endpoint_on(CommDescriptor socket) {
+  CommEndpoint endpoint(comm_socket_v4_create());
+  check(comm_socket_v4_connect_use_socketpair(endpoint.get(), socket.get()),
+        "connect_use_socketpair");
+  static_cast<void>(socket.release());
+  return endpoint;
 }
 
 #endif

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "bench/check.h"
@@ -26,6 +27,14 @@ Child::Child(int core, const std::function<void()>& body) : pid_(check(::fork(),
 Child::~Child() {
   ::kill(pid_, SIGKILL);
   ::waitpid(pid_, nullptr, 0);
+}
+
+double Child::processor_seconds() const {
+  clockid_t clock;
+  if (::clock_getcpuclockid(pid_, &clock) != 0) fail("a process of the conversation ended");
+  timespec time;
+  check(::clock_gettime(clock, &time), "clock_gettime");
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
 Pipe::Pipe() {

@@ -14,6 +14,9 @@ void pin_to(int core);
 // Does `count` operations of whatever is measured.
 using Runner = std::function<void(std::size_t count)>;
 
+// How many seconds have passed, on some clock.
+using Clock = std::function<double()>;
+
 // A process that runs until this one is done with it.
 class Child {
  public:
@@ -21,6 +24,8 @@ class Child {
   ~Child();
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
+  // That it has run, in user space and in the kernel.
+  double processor_seconds() const;
 
  private:
   pid_t pid_;

@@ -1,17 +1,13 @@
 #include "bench/raw_sockets.h"
 
 #include <sys/ioctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <tarn_utils_v4/comm.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <utility>
-#include <vector>
 
 #include "bench/check.h"
 
@@ -38,32 +34,8 @@ CommDescriptor new_socket(int flags) {
   return CommDescriptor(check(::socket(AF_UNIX, SOCK_SEQPACKET | flags, 0), "socket"));
 }
 
-// None, when the client has gone again.
-CommDescriptor accept(const CommDescriptor& listener) {
-  return CommDescriptor(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-}
-
-// select(2) over any number of descriptors.
-class SelectSet {
- public:
-  void reset(int highest) { words_.assign(static_cast<std::size_t>(highest) / 64 + 1, 0); }
-  void add(int fd) { words_[static_cast<std::size_t>(fd) / 64] |= 1ul << (fd % 64); }
-  bool has(int fd) const { return words_[static_cast<std::size_t>(fd) / 64] >> (fd % 64) & 1; }
-  fd_set* get() { return reinterpret_cast<fd_set*>(words_.data()); }
-
- private:
-  std::vector<unsigned long> words_;
-};
-
-SelectSet set_of(int fd) {
-  SelectSet set;
-  set.reset(fd);
-  set.add(fd);
-  return set;
-}
-
 struct Message {
-  explicit Message(std::size_t size) : bytes{buffer, size}, header() {
+  Message(void* place, std::size_t size) : bytes{place, size}, header() {
     header.msg_iov = &bytes;
     header.msg_iovlen = 1;
   }
@@ -72,8 +44,9 @@ struct Message {
   alignas(cmsghdr) char control[256];
 };
 
-ssize_t send_message(int fd, std::size_t size, int passed) {
-  Message message(size);
+// The kernel only reads the record.
+ssize_t send_message(int fd, std::string_view record, int passed) {
+  Message message(const_cast<char*>(record.data()), record.size());
   if (passed >= 0) {
     message.header.msg_control = message.control;
     message.header.msg_controllen = CMSG_SPACE(sizeof(passed));
@@ -95,7 +68,7 @@ void close_received(msghdr& header) {
 }
 
 ssize_t receive_message(int fd) {
-  Message message(largest);
+  Message message(buffer, largest);
   message.header.msg_control = message.control;
   message.header.msg_controllen = sizeof(message.control);
   const ssize_t length = ::recvmsg(fd, &message.header, MSG_DONTWAIT);
@@ -108,19 +81,18 @@ void ask_size(int fd) {
   check(::ioctl(fd, FIONREAD, &size), "ioctl");
 }
 
-void echo(int fd, Calls calls) {
-  const ssize_t length = receive(fd, calls);
-  if (length > 0) check(send(fd, static_cast<std::size_t>(length), calls), "send");
-}
-
 }  // namespace
 
 CommDescriptor listen(const std::string& path) {
   const Address address(path);
   CommDescriptor listener = new_socket(SOCK_NONBLOCK);
   check(::bind(listener.get(), address.get(), address.length), "bind");
-  check(::listen(listener.get(), 0), "listen");
+  check(::listen(listener.get(), backlog), "listen");
   return listener;
+}
+
+CommDescriptor accept(const CommDescriptor& listener) {
+  return CommDescriptor(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
 }
 
 CommDescriptor connect(const std::string& path) {
@@ -133,34 +105,10 @@ CommDescriptor connect(const std::string& path) {
   return connection;
 }
 
-void wait_readable(int fd) {
-  check(::select(fd + 1, set_of(fd).get(), nullptr, nullptr, nullptr), "select");
-}
-
-void wait_writeable(int fd) {
-  check(::select(fd + 1, nullptr, set_of(fd).get(), nullptr, nullptr), "select");
-}
-
-Epoll::Epoll() : epoll_(check(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1")) {}
-
-void Epoll::watch(int fd, std::uint64_t data) {
-  epoll_event event = {};
-  event.events = EPOLLIN;
-  event.data.u64 = data;
-  check(::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event), "epoll_ctl");
-}
-
-std::span<const epoll_event> Epoll::wait() {
-  int ready;
-  do {
-    ready = ::epoll_wait(epoll_.get(), events_, static_cast<int>(std::size(events_)), -1);
-  } while (ready < 0 && errno == EINTR);
-  return {events_, static_cast<std::size_t>(check(ready, "epoll_wait"))};
-}
-
-ssize_t send(int fd, std::size_t size, Calls calls, int passed) {
-  return calls == Calls::send_recv ? ::send(fd, buffer, size, MSG_DONTWAIT | MSG_NOSIGNAL)
-                                   : send_message(fd, size, passed);
+ssize_t send(int fd, std::string_view record, Calls calls, int passed) {
+  return calls == Calls::send_recv
+             ? ::send(fd, record.data(), record.size(), MSG_DONTWAIT | MSG_NOSIGNAL)
+             : send_message(fd, record, passed);
 }
 
 ssize_t receive(int fd, Calls calls) {
@@ -169,44 +117,9 @@ ssize_t receive(int fd, Calls calls) {
   return receive_message(fd);
 }
 
-void serve_select(const std::string& path, Calls calls) {
-  const CommDescriptor listener = listen(path);
-  std::vector<CommDescriptor> clients;
-  int highest = listener.get();
-  SelectSet set;
-  for (;;) {
-    set.reset(highest);
-    set.add(listener.get());
-    for (const CommDescriptor& client : clients) set.add(client.get());
-    check(::select(highest + 1, set.get(), nullptr, nullptr, nullptr), "select");
-    for (const CommDescriptor& client : clients)
-      if (set.has(client.get())) echo(client.get(), calls);
-    if (!set.has(listener.get())) continue;
-    CommDescriptor client = accept(listener);
-    if (!client.is_open()) continue;
-    highest = std::max(highest, client.get());
-    clients.push_back(std::move(client));
-  }
-}
-
-void serve_epoll(const std::string& path, Calls calls) {
-  const CommDescriptor listener = listen(path);
-  std::vector<CommDescriptor> clients;
-  Epoll epoll;
-  epoll.watch(listener.get(), static_cast<std::uint64_t>(listener.get()));
-  for (;;) {
-    for (const epoll_event& event : epoll.wait()) {
-      const int fd = static_cast<int>(event.data.u64);
-      if (fd != listener.get()) {
-        echo(fd, calls);
-        continue;
-      }
-      CommDescriptor client = accept(listener);
-      if (!client.is_open()) continue;
-      epoll.watch(client.get(), static_cast<std::uint64_t>(client.get()));
-      clients.push_back(std::move(client));
-    }
-  }
+void echo(int fd, Calls calls) {
+  const ssize_t length = receive(fd, calls);
+  if (length > 0) check(send(fd, {buffer, static_cast<std::size_t>(length)}, calls), "send");
 }
 
 }  // namespace raw

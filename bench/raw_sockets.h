@@ -1,16 +1,13 @@
-// The baseline: the plainest correct code on raw SOCK_SEQPACKET sockets, blocking where nothing
-// else is to be done. Its records have a size and no meaning.
+// The baseline: the plainest correct code on raw SOCK_SEQPACKET sockets.
 #ifndef COMM_BENCH_RAW_SOCKETS_H
 #define COMM_BENCH_RAW_SOCKETS_H
 
-#include <sys/epoll.h>
 #include <sys/types.h>
 #include <tarn_utils_v4/comm_cpp.h>
 
 #include <cstddef>
-#include <cstdint>
-#include <span>
 #include <string>
+#include <string_view>
 
 namespace raw {
 
@@ -18,33 +15,21 @@ namespace raw {
 // packets, which is sendmsg, FIONREAD and recvmsg.
 enum class Calls { send_recv, sendmsg_recvmsg, same_as_library };
 
+// How many may wait to be accepted, by every server that is measured: many connect at once.
+constexpr int backlog = 128;
+
 CommDescriptor listen(const std::string& path);
+// None, when nobody waits any more.
+CommDescriptor accept(const CommDescriptor& listener);
 // Waits for a server that does not listen yet.
 CommDescriptor connect(const std::string& path);
 
-void wait_readable(int fd);
-void wait_writeable(int fd);
-
-class Epoll {
- public:
-  Epoll();
-  void watch(int fd, std::uint64_t data);
-  // Waits; what is readable, until the next call.
-  std::span<const epoll_event> wait();
-
- private:
-  CommDescriptor epoll_;
-  epoll_event events_[64];
-};
-
 // As the calls themselves, none of which blocks. `passed` goes along, not with Calls::send_recv.
 // Descriptors that are received are closed.
-ssize_t send(int fd, std::size_t size, Calls calls, int passed = -1);
+ssize_t send(int fd, std::string_view record, Calls calls, int passed = -1);
 ssize_t receive(int fd, Calls calls);
-
-// Servers that send every record back.
-[[noreturn]] void serve_select(const std::string& path, Calls calls);
-[[noreturn]] void serve_epoll(const std::string& path, Calls calls);
+// Receives a record and sends it back; nothing, when there is none.
+void echo(int fd, Calls calls);
 
 }  // namespace raw
 
