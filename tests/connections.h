@@ -71,6 +71,14 @@ class ServerTest : public CommTest {
   }
 };
 
+// "ping" with data, so many bytes in all.
+inline CommPacket sized(std::size_t length) {
+  const std::vector<unsigned char> zeros(length - 68);
+  CommPacket p = begin_request();
+  p->write_data_binary(zeros.data(), zeros.size());
+  p->write_end();
+  return p;
+}
 // "ping" with the descriptors of so many new files.
 inline CommPacket carrier(std::size_t files) {
   CommPacket p = ping_packet();

@@ -29,8 +29,6 @@ std::string listing(const CommPacket& p) {
   return printed(comm_socket_v4_packet_dump_user_friendly, p);
 }
 
-CommPacket unterminated(const std::string& content) { return exact_packet(content, ""); }
-
 TEST_F(DumpTest, TheFullDumpShowsEveryPart) {
   CommPacket p = rich_packet();
   for (int i = 0; i < 2; ++i) EXPECT_TRUE(p->attach_fd_to_send(0));
@@ -113,7 +111,7 @@ TEST_F(DumpTest, SaysWhyAPacketCannotBeShown) {
   endless->buffer_length = SIZE_MAX;
   const std::string bad_length = "\n(invalid buffer length)\n";
   EXPECT_EQ(bad_length, full(exact_packet(ping.substr(0, 62))));
-  EXPECT_EQ(bad_length, full(unterminated(ping)));
+  EXPECT_EQ(bad_length, full(exact_packet(ping, "")));
   EXPECT_EQ(bad_length, full(endless));
   EXPECT_EQ("\n(last byte of buffer is not nullptr)\n", full(open_ended));
   const CommPacket empty = make_packet(), null;
@@ -144,7 +142,7 @@ TEST_F(DumpTest, PrintsOnlyWhatLiesInsideThePacket) {
       "      00000005ffffffff 0100000902000050 \n<END INT64>\n"
       "Data: 4294967295 bytes at offset 79\n  P  00 00 02 09 00 00 01 \n",
       text.substr(text.find("Command@")));
-  CommPacket p = unterminated(raw);
+  CommPacket p = exact_packet(raw, "");
   p->buffer_length = SIZE_MAX;
   const std::string list = printed(comm_socket_v4_packet_dump_header_user_friendly, p);
   EXPECT_EQ(
