@@ -43,6 +43,7 @@ struct comm_v4_internals {
   std::uint64_t retrieved_last_time = 0;  // in the row before
   std::uint64_t accepted = 0;             // connections, in all the life of the endpoint
   std::uint64_t packets_dropped = 0;      // that were received, likewise
+  bool more_waits = false;  // behind the packet that was received last, on its connection
 
   static constexpr gid_t no_group = static_cast<gid_t>(-1);
 

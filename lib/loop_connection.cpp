@@ -31,15 +31,17 @@ struct ucred peer(const LoopMember& m) {
 
 Retrieved retrieve(LoopMember& m) {
   comm_socket_v4* const endpoint = m.home->endpoint.get();
-  const std::uint64_t& dropped = comm_v4_internals::of(endpoint).packets_dropped;
-  const std::uint64_t dropped_before = dropped;
+  comm_v4_internals& own = comm_v4_internals::of(endpoint);
+  const std::uint64_t dropped_before = own.packets_dropped;
+  own.more_waits = false;
   errno = 0;
   Retrieved result;
   result.packet.reset(m.kind == LoopKind::client
                           ? comm_socket_v4_client_get_packet(record(m))
                           : comm_socket_v4_client_get_packet_from_server(endpoint));
   if (result.packet == nullptr) result.error = errno;
-  result.dropped = dropped != dropped_before;
+  result.dropped = own.packets_dropped != dropped_before;
+  result.more_waits = own.more_waits;
   return result;
 }
 

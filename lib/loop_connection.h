@@ -15,8 +15,9 @@ struct ucred peer(const LoopMember& m);
 
 struct Retrieved {
   CommPacket packet;
-  bool dropped = false;  // one was received and is not handed out
-  int error = 0;         // where there is no packet
+  bool dropped = false;     // one was received and is not handed out
+  bool more_waits = false;  // behind it, as far as is known
+  int error = 0;            // where there is no packet
 };
 Retrieved retrieve(LoopMember& m);
 // As the two sends.

@@ -77,7 +77,6 @@ struct LoopMember {
   bool going = false;
   CommLoopReason why = comm_loop_peer_ended;
   int error = 0;
-  std::uint32_t reads_per_turn = 1;
   std::uint64_t since = 0;  // the accept, the last packet, the end of a pause, or finish()
   bool has_sent_a_packet = false;
   std::list<CommPacket> queue;

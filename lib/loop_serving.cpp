@@ -221,26 +221,22 @@ void comm_v4_loop::on_connection_events(LoopMember& m, std::uint32_t events) {
   if (is_there(id)) update_events(m);
 }
 
-// As many packets as were there the last time, and one more than that only when all were there: a
-// read that finds nothing costs two system calls, and what is left is reported again.
+// Only what is known to be there: a read that finds nothing costs two system calls, and what has
+// come meanwhile is reported again.
 void comm_v4_loop::read(LoopMember& m) {
   const CommLoopId id = m.id;
-  std::uint32_t found = 0;
-  while (m.reads() && found < m.reads_per_turn) {
+  bool more_waits = true;
+  for (std::uint32_t found = 0; more_waits && m.reads(); ++found) {
+    if (found > 0 && found >= m.home->limits.packets_per_turn) return;
     const loop_connection::Retrieved got = loop_connection::retrieve(m);
-    if (got.packet == nullptr && !got.dropped) {
-      on_nothing_read(m, got.error);
-      break;
-    }
-    ++found;
+    if (got.packet == nullptr && !got.dropped) return on_nothing_read(m, got.error);
+    more_waits = got.more_waits;
     if (got.packet == nullptr)
       ++m.home->counters.packets_dropped;
     else if (!m.finishing)
       hand_over(m, got.packet.get());
     if (!is_there(id)) return;
   }
-  const std::uint32_t most = std::max(m.home->limits.packets_per_turn, 1u);
-  m.reads_per_turn = found < m.reads_per_turn ? std::max(found, 1u) : std::min(2 * found, most);
 }
 
 void comm_v4_loop::on_nothing_read(LoopMember& m, int error) {

@@ -201,6 +201,8 @@ int receive_packet(ReceiveSide& side) {
     packet.reset();
     return side.on_end_of_stream(avail);
   }
+  // What came after the question is not in the answer.
+  comm_v4_internals::of(side.endpoint).more_waits = avail > rd;
   if ((flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
     side.warn_of_truncation();
     return dropped(side);
