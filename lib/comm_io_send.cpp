@@ -126,16 +126,19 @@ int send_packet(const SendSide& side, comm_socket_v4_packet& p) {
 
 comm_socket_v4_packet* take(comm_socket_v4_packet*& slot) { return std::exchange(slot, nullptr); }
 
-// A server that is emptied after every wait mostly finds as many packets as the time before.
+// A server that is emptied after every wait mostly finds as many packets as the time before. Where
+// few of many clients talk those next in turn are quiet.
 Expected expected_by_retrieval(const comm_socket_v4* s) {
   const comm_v4_internals& own = comm_v4_internals::of(s);
-  return own.retrieved_in_a_row == own.retrieved_last_time ? Expected::quiet : Expected::packets;
+  const bool has_all = own.retrieved_in_a_row == own.retrieved_last_time;
+  return has_all || !own.retrieved_early ? Expected::quiet : Expected::packets;
 }
 
 // Visits the clients in rotation, each once at most.
 comm_socket_v4_packet* next_packet_of_a_client(comm_socket_v4* s, comm_socket_v4_client** from) {
   const std::size_t slots = s->client.size();
   QuietClients quiet(s, expected_by_retrieval(s));
+  std::size_t visited = 0;
   for (std::size_t tries = 0; tries < slots; ++tries) {
     if (s->client_getpktscan >= s->client.size()) s->client_getpktscan = 0;
     // A receive callback may have closed the server.
@@ -143,11 +146,14 @@ comm_socket_v4_packet* next_packet_of_a_client(comm_socket_v4* s, comm_socket_v4
     const std::uint64_t index = s->client_getpktscan;
     comm_socket_v4_client* const client = &s->client[index];
     comm_socket_v4_packet* packet = nullptr;
-    if (client->client_is_open() && !quiet.is_quiet(index, slots - tries))
-      packet = comm_socket_v4_client_get_packet(client);
+    if (client->client_is_open()) {
+      ++visited;
+      if (!quiet.is_quiet(index, slots - tries)) packet = comm_socket_v4_client_get_packet(client);
+    }
     if (++s->client_getpktscan >= s->client.size()) s->client_getpktscan = 0;
     if (packet == nullptr) continue;
     if (from != nullptr) *from = &s->client[index];
+    comm_v4_internals::of(s).retrieved_early = visited <= QuietClients::read_without_asking;
     return packet;
   }
   return nullptr;

@@ -41,6 +41,7 @@ struct comm_v4_internals {
   std::vector<int> descriptor_room;       // for the descriptors of the next packet
   std::uint64_t retrieved_in_a_row = 0;   // since a retrieval found nothing
   std::uint64_t retrieved_last_time = 0;  // in the row before
+  bool retrieved_early = true;            // the last one, from one of the first that were visited
   std::uint64_t accepted = 0;             // connections, in all the life of the endpoint
   std::uint64_t packets_dropped = 0;      // that were received, likewise
   bool more_waits = false;  // behind the packet that was received last, on its connection

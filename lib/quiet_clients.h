@@ -19,8 +19,11 @@ class QuietClients {
  public:
   // The first clients are read without asking, since with few of them that is cheaper, unless they
   // are expected to be quiet.
+  static constexpr std::size_t read_without_asking = 2;
+
   QuietClients(const comm_socket_v4* server, Expected expected) noexcept
-      : server_(server), reads_before_asking_(expected == Expected::quiet ? 0 : 2) {}
+      : server_(server),
+        reads_before_asking_(expected == Expected::quiet ? 0 : read_without_asking) {}
 
   // Whether a read from the client in `slot`, which is open, would find nothing. Where that is not
   // known the answer is no. `ahead` is how many slots the pass may still visit, this one included.
