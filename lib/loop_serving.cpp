@@ -212,8 +212,9 @@ void comm_v4_loop::on_connection_events(LoopMember& m, std::uint32_t events) {
   const CommLoopId id = m.id;
   if ((events & (EPOLLHUP | EPOLLERR)) != 0 && !m.queue.empty()) {
     m.deaf = true;
-    drop_queue(m);
-  } else if ((events & EPOLLOUT) != 0) {
+    events |= EPOLLOUT;
+  }
+  if ((events & EPOLLOUT) != 0) {
     flush(m);
     if (!is_there(id)) return;
   }

@@ -127,7 +127,7 @@ class COMM_V4_EXPORT CommLoopHandler {
   // `packet` passed the validation. It is the loop's: take a reference to keep it. It may be sent
   // on as it is, its descriptors included, if nobody has taken them.
   virtual void on_packet(CommLoop& loop, CommLoopId from, comm_socket_v4_packet* packet);
-  // All that was queued has been sent.
+  // All that was queued has been sent, or dropped since the peer will never read it.
   virtual void on_room(CommLoop& loop, CommLoopId peer);
   // The connection has gone, for all reasons but turning away and remove(). Its tag and its client
   // record can be had for the last time. `error` is an errno, or 0 where the reason has none.
