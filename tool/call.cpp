@@ -54,13 +54,17 @@ void parse(int argc, char** argv, Call& call) {
 }
 
 CommPacket receive(comm_socket_v4& endpoint, std::uint64_t deadline_us) {
-  std::vector<Refused> refused;
-  keep_refused(endpoint, refused);
+  std::string rule;
+  endpoint.set_tag(reinterpret_cast<std::uintptr_t>(&rule));
+  endpoint.set_recv_cb([](comm_socket_v4* receiver, comm_socket_v4_packet* packet) {
+    std::string& broken = *reinterpret_cast<std::string*>(receiver->get_tag());
+    broken = broken_rule(*packet);
+    return broken.empty() ? 0 : -1;
+  });
   for (;;) {
     const int ready = comm_socket_v4_client_from_server_readable(&endpoint, deadline_us);
     CommPacket packet(comm_socket_v4_client_get_packet_from_server(&endpoint));
-    if (!refused.empty())
-      throw Failure("the server sent a packet that is not valid: " + refused[0].rule);
+    if (!rule.empty()) throw Failure("the server sent a packet that is not valid: " + rule);
     if (packet != nullptr) return packet;
     if (ready < 0 || !endpoint.socket_open())
       throw Failure("the server closed the connection without a response");

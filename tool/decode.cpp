@@ -40,9 +40,6 @@ int run(int argc, char** argv) {
   const CommPacket packet = packet_of(read_file(file, max_file));
   const std::string rule = broken_rule(*packet);
   if (!rule.empty()) throw Failure(what + " is no valid packet: " + rule);
-  const CommEndpoint receiver = new_endpoint(false);
-  if (comm_socket_v4_client_on_recv_packet(receiver.get(), packet.get()) != 0)
-    throw Failure(what + " is no valid packet");
   print_packet(*packet, format);
   if (packet->buffer_length > COMM_V4_MAX_RECEIVED_PACKET)
     throw Failure(what + " has " + std::to_string(packet->buffer_length) +

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "tool/handles.h"
+
 namespace {
 
 using Header = comm_socket_v4_packet_header;
@@ -78,7 +80,7 @@ std::string places_in(const comm_socket_v4_packet& packet, const std::string& me
 
 }  // namespace
 
-std::string broken_rule(const comm_socket_v4_packet& packet) {
+std::string broken_rule(comm_socket_v4_packet& packet) {
   const std::string length = "the packet has " + std::to_string(packet.buffer_length) + " bytes";
   if (packet.buffer_length < COMM_V4_MIN_RECEIVED_PACKET)
     return "too short: " + length + ", at least " + std::to_string(COMM_V4_MIN_RECEIVED_PACKET) +
@@ -87,24 +89,8 @@ std::string broken_rule(const comm_socket_v4_packet& packet) {
   std::string message;
   const CommEndpoint checker = new_endpoint(true);
   comm_socket_v4_set_log_sink(checker.get(), keep_first_line, &message);
-  if (comm_socket_v4_validate_packet_contents(checker.get(), &packet, header_of(packet)) == 0)
-    return "";
+  if (comm_socket_v4_client_on_recv_packet(checker.get(), &packet) == 0) return "";
   const std::string prefix = "packet validation failed. ";
   if (message.starts_with(prefix)) message.erase(0, prefix.size());
   return message + " (" + places_in(packet, message) + length + ")";
-}
-
-int keep_if_refused(std::vector<Refused>& refused, comm_socket_v4_packet& packet) {
-  std::string rule = broken_rule(packet);
-  if (rule.empty()) return 0;
-  packet.addref();
-  refused.push_back({CommPacket(&packet), std::move(rule)});
-  return -1;
-}
-
-void keep_refused(comm_socket_v4& endpoint, std::vector<Refused>& refused) {
-  endpoint.set_tag(reinterpret_cast<std::uintptr_t>(&refused));
-  endpoint.set_recv_cb([](comm_socket_v4* receiver, comm_socket_v4_packet* packet) {
-    return keep_if_refused(*reinterpret_cast<std::vector<Refused>*>(receiver->get_tag()), *packet);
-  });
 }

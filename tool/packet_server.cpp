@@ -1,16 +1,15 @@
 #include "tool/packet_server.h"
 
 #include <grp.h>
-#include <sys/epoll.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
 #include "tool/files.h"
+#include "tool/packet_check.h"
 
 namespace {
 
@@ -48,9 +47,6 @@ CommEndpoint create_server(const ServerSettings& settings) {
   if (settings.group.has_value()) comm_socket_v4_set_socket_group(server.get(), *settings.group);
   // Clients of other making may not try again when the queue is full.
   comm_socket_v4_set_listen_backlog(server.get(), 64);
-  // Without a descriptor left new clients are turned away, and those who are here served on.
-  if (comm_socket_v4_set_descriptor_reserve(server.get(), 1) != 0)
-    throw system_failure("cannot keep a descriptor back");
   const unsigned mask = server->log_mask;
   server->log_mask = 1;
   comm_socket_v4_set_log_sink(server.get(), keep_first_line, &reason);
@@ -83,29 +79,31 @@ std::vector<Option> ServerSettings::options(std::vector<Option> own) {
   return all;
 }
 
-PacketServer::PacketServer(const ServerSettings& settings)
-    : settings_(settings), server_(create_server(settings)) {
-  server_->set_tag(reinterpret_cast<std::uintptr_t>(this));
+CommLoopLimits PacketServer::limits() {
+  CommLoopLimits limits;
+  limits.clients = limits.clients_per_user = COMM_V4_MAX_CLIENTS;
+  limits.descriptors_per_packet = COMM_V4_MAX_SEND_FDS;
+  return limits;
+}
+
+PacketServer::PacketServer(const ServerSettings& settings) : settings_(settings) {
+  CommEndpoint server = create_server(settings);
+  server->set_tag(reinterpret_cast<std::uintptr_t>(this));
+  server_ = loop_.add(server.get(), *this, limits());
+  if (!ServingLoop::is_member(server_)) throw system_failure("cannot watch the socket");
+  static_cast<void>(server.release());
 }
 
 void PacketServer::run() {
-  loop_.watch(signals_.fd(), EPOLLIN, [this](std::uint32_t) { loop_.stop(); });
-  loop_.watch(server_->get_socket_fd(), EPOLLIN, [this](std::uint32_t) { accept_client(); });
-  say("listening on " + in_quotes(server_->socket_path));
+  say("listening on " + in_quotes(loop_.endpoint(server_)->socket_path));
+  loop_.run_until_signal();
+}
+
+void PacketServer::say(const std::string& text, const comm_socket_v4_packet* packet) const {
+  if (settings_.quiet) return;
+  print_event(text);
+  if (packet != nullptr) print_packet(*packet, settings_.format);
   flush_standard_output();
-  loop_.run([this] {
-    release_ended();
-    flush_standard_output();
-  });
-}
-
-void PacketServer::say(const std::string& text) const {
-  if (!settings_.quiet) print_event(text);
-}
-
-void PacketServer::say(const std::string& text, const comm_socket_v4_packet& packet) const {
-  say(text);
-  if (!settings_.quiet) print_packet(packet, settings_.format);
 }
 
 // --- Clients come and go ------------------------------------------------------------------------
@@ -120,92 +118,74 @@ const char* PacketServer::objection_to(const struct ucred& cred) const {
   return nullptr;
 }
 
-void PacketServer::accept_client() {
-  comm_socket_v4_client* const client = comm_socket_v4_accept_connection(server_.get());
-  if (!server_->socket_open()) throw system_failure("cannot accept connections any more");
-  if (client == nullptr) return;
-  client->set_recv_cb(on_receive);
-  std::unique_ptr<Peer> made = make_peer();
-  Peer& peer = *made;
-  peer.index = comm_socket_v4_client_ptr2index(client);
-  peer.number = ++connections_;
-  peer.cred = client->cred;
-  if (const char* const objection = objection_to(peer.cred); objection != nullptr) {
-    say(peer.name() + " turned away: " + objection);
-    return comm_socket_v4_free_client(client);
-  }
-  peers_[peer.index] = std::move(made);
-  say(peer.name() + " connected");
-  on_connect(peer);
-  update(peer);
+bool PacketServer::on_connect(CommLoop& /*loop*/, CommLoopId id, const struct ucred& who) {
+  const char* const objection = objection_to(who);
+  const bool went_well = loop_.attempt([&] {
+    std::unique_ptr<Peer> made = make_peer();
+    Peer& peer = *made;
+    peer.id = id;
+    peer.number = ++connections_;
+    peer.cred = who;
+    if (objection != nullptr) return say(peer.name() + " turned away: " + objection);
+    comm_socket_v4_client* const client = loop_.client(id);
+    client->set_tag(reinterpret_cast<std::uintptr_t>(&peer));
+    client->set_recv_cb([](comm_socket_v4_client* from, comm_socket_v4_packet* packet) {
+      auto& server = *reinterpret_cast<PacketServer*>(from->get_server()->get_tag());
+      return server.receive(*reinterpret_cast<Peer*>(from->get_tag()), Sender::client, *packet);
+    });
+    peers_[id.generation] = std::move(made);
+    say(peer.name() + " connected");
+    on_client(peer);
+  });
+  return went_well && objection == nullptr;
 }
 
-void PacketServer::release_ended() {
-  while (comm_socket_v4_client* const client =
-             comm_socket_v4_get_disconnected_client(server_.get())) {
-    auto ended = peers_.extract(comm_socket_v4_client_ptr2index(client));
-    loop_.forget(client->get_client_fd());
-    comm_socket_v4_free_client(client);
-    say(ended.mapped()->name() + " disconnected");
-    on_end(std::move(ended.mapped()));
-  }
+void PacketServer::on_gone(CommLoop& /*loop*/, CommLoopId id, CommLoopReason why, int error) {
+  loop_.attempt([&] {
+    Peer& ended = peer(id);
+    if (why == comm_loop_unsendable)
+      say(ended.name() + " takes no more packets: " + std::strerror(error));
+    say(ended.name() + " disconnected");
+    if (on_end(ended)) forget(ended);
+  });
+}
+
+void PacketServer::on_accept_failed(CommLoop& /*loop*/, CommLoopId /*server*/, int error) {
+  loop_.attempt([error] {
+    errno = error;
+    throw system_failure("cannot accept connections any more");
+  });
 }
 
 // --- Packets from and to a client ---------------------------------------------------------------
 
-int PacketServer::on_receive(comm_socket_v4_client* client, comm_socket_v4_packet* packet) {
-  auto* const server = reinterpret_cast<PacketServer*>(client->get_server()->get_tag());
-  return keep_if_refused(server->refused_, *packet);
+std::string PacketServer::heading(const Peer& peer, Sender /*sender*/) const {
+  return peer.name() + ": ";
 }
 
-void PacketServer::on_refused(Peer& peer, const Refused& refused) {
-  say(peer.name() + ": dropped a packet that is not valid: " + refused.rule);
+std::string PacketServer::save(const Peer& /*peer*/, Sender /*sender*/,
+                               const comm_socket_v4_packet& /*packet*/) {
+  return "";
 }
 
-void PacketServer::on_client_event(Peer& peer, std::uint32_t events) {
-  const bool hung_up = (events & (EPOLLHUP | EPOLLERR)) != 0;
-  if (hung_up && !peer.queue.queued_packets.empty())
-    give_up_sending(peer, "it has gone");
-  else if ((events & EPOLLOUT) != 0)
-    flush(peer);
-  const bool readable = hung_up || (events & EPOLLIN) != 0;
-  if (readable && !peer.paused && !peer.closing) {
-    CommPacket packet(comm_socket_v4_client_get_packet(record(peer)));
-    for (const Refused& refused : std::exchange(refused_, {})) on_refused(peer, refused);
-    if (packet != nullptr) on_packet(peer, std::move(packet));
-  }
-  update(peer);
-}
-
-void PacketServer::send(Peer& peer, comm_socket_v4_packet& packet) {
-  if (peer.deaf) return;
-  const int sent = peer.queue.send_packet(record(peer), &packet);
-  if (sent <= 0) give_up_sending(peer, sent < 0 ? std::strerror(errno) : "its queue is full");
-}
-
-// A writeable socket that refuses the oldest packet for any other reason than its size at this
-// moment refuses it for ever.
-void PacketServer::flush(Peer& peer) {
-  const std::uint64_t before = peer.queue.queued_count;
-  errno = 0;
-  peer.queue.flush_queued_packet(record(peer));
-  const bool stuck = peer.queue.queued_count == before && errno != EAGAIN && errno != EINTR;
-  if (stuck && before > 0) give_up_sending(peer, std::strerror(errno));
-}
-
-void PacketServer::give_up_sending(Peer& peer, const std::string& why) {
-  say(peer.name() + " takes no more packets: " + why);
-  peer.deaf = true;
-  peer.queue.dump_queued_packets();
-}
-
-void PacketServer::update(Peer& peer) {
-  comm_socket_v4_client* const client = record(peer);
-  const bool queued = !peer.queue.queued_packets.empty();
-  if (peer.closing && !queued) comm_socket_v4_disconnect_client(client);
-  const std::uint32_t in = !peer.paused && !peer.closing ? EPOLLIN : 0u;
-  const std::uint32_t out = queued ? EPOLLOUT : 0u;
-  loop_.watch(client->get_client_fd(), in | out, [this, index = peer.index](std::uint32_t events) {
-    on_client_event(*peers_.at(index), events);
+int PacketServer::receive(const Peer& peer, Sender sender, comm_socket_v4_packet& packet) {
+  std::string rule;
+  const bool went_well = loop_.attempt([&] {
+    rule = broken_rule(packet);
+    const std::string what =
+        rule.empty() ? summary(packet) : "dropped a packet that is not valid: " + rule;
+    say(heading(peer, sender) + what + save(peer, sender, packet),
+        rule.empty() ? &packet : nullptr);
   });
+  return went_well && rule.empty() ? 0 : -1;
+}
+
+void PacketServer::on_packet(CommLoop& /*loop*/, CommLoopId from, comm_socket_v4_packet* packet) {
+  loop_.attempt([&] { on_request(peer(from), *packet); });
+}
+
+int PacketServer::send(CommLoopId to, comm_socket_v4_packet& packet) {
+  const int sent = loop_.send(to, &packet);
+  if (sent < 0 && errno == ENOMEM) throw std::bad_alloc();
+  return sent;
 }

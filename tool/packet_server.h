@@ -1,4 +1,4 @@
-// What `serve` and `proxy` have in common: a server on an event loop, with a queue for each client.
+// What `serve` and `proxy` have in common: a server that prints what its clients send.
 #ifndef TOOL_PACKET_SERVER_H
 #define TOOL_PACKET_SERVER_H
 
@@ -12,23 +12,18 @@
 #include <vector>
 
 #include "tool/arguments.h"
-#include "tool/event_loop.h"
 #include "tool/handles.h"
-#include "tool/packet_check.h"
 #include "tool/packet_print.h"
+#include "tool/serving_loop.h"
 
 // A client, from its accept to its end.
 struct Peer {
   virtual ~Peer() = default;
   std::string name() const;  // for the user
 
-  unsigned long index = 0;   // of its record, which may move
+  CommLoopId id = {};
   unsigned long number = 0;  // counts connections from 1
   struct ucred cred = {};
-  CommLargePacketQueue queue;
-  bool paused = false;   // it is not read
-  bool closing = false;  // likewise, and it is disconnected once the queue is empty
-  bool deaf = false;     // it can be sent nothing any more; what it has sent is still read
 };
 
 struct ServerSettings {
@@ -53,54 +48,54 @@ struct ServerSettings {
   "  -v, --verbose             let the library log what it does\n"                                 \
   "  -h, --help                this text\n"
 
-class PacketServer {
+class PacketServer : protected CommLoopHandler {
  public:
   // The settings live at least as long.
   explicit PacketServer(const ServerSettings& settings);
-  virtual ~PacketServer() = default;
   PacketServer(const PacketServer&) = delete;
   PacketServer& operator=(const PacketServer&) = delete;
 
   void run();  // until a signal asks for the end
 
  protected:
-  virtual std::unique_ptr<Peer> make_peer() { return std::make_unique<Peer>(); }
-  virtual void on_connect(Peer& /*peer*/) {}
-  virtual void on_packet(Peer& peer, CommPacket packet) = 0;
-  virtual void on_refused(Peer& peer, const Refused& refused);
-  virtual void on_end(std::unique_ptr<Peer> /*peer*/) {}
-  // Watches the client for what it can be served with now. To be called after every change.
-  virtual void update(Peer& peer);
+  // More than the loop's own, of everything that the kernel limits by itself.
+  static CommLoopLimits limits();
 
-  void send(Peer& peer, comm_socket_v4_packet& packet);
-  // Print a line, and the packet that it is about. Not if the user wants it quiet.
-  void say(const std::string& text) const;
-  void say(const std::string& text, const comm_socket_v4_packet& packet) const;
-  EventLoop& loop() { return loop_; }
+  virtual std::unique_ptr<Peer> make_peer() { return std::make_unique<Peer>(); }
+  virtual void on_client(Peer& /*peer*/) {}
+  virtual void on_request(Peer& peer, comm_socket_v4_packet& packet) = 0;
+  // Returns false when the peer is to stay until it is forgotten.
+  virtual bool on_end(Peer& /*peer*/) { return true; }
+  Peer& peer(CommLoopId client) { return *peers_.at(client.generation); }
+  void forget(const Peer& peer) { peers_.erase(peer.id.generation); }
+
+  // The body of receive callbacks, of a client or of its server: says what came, or which rule it
+  // breaks, and where it was saved. Returns 0; -1 for what is to be refused.
+  enum class Sender { client, server };
+  int receive(const Peer& peer, Sender sender, comm_socket_v4_packet& packet);
+  // How the line of a packet begins, and how it ends.
+  virtual std::string heading(const Peer& peer, Sender sender) const;
+  virtual std::string save(const Peer& peer, Sender sender, const comm_socket_v4_packet& packet);
+
+  // As CommLoop::send; without memory it throws.
+  int send(CommLoopId to, comm_socket_v4_packet& packet);
+  // Writes a line, and the packet that it is about. Not if the user wants it quiet.
+  void say(const std::string& text, const comm_socket_v4_packet* packet = nullptr) const;
+  ServingLoop& loop() { return loop_; }
 
  private:
-  static int on_receive(comm_socket_v4_client* client, comm_socket_v4_packet* packet);
+  bool on_connect(CommLoop& loop, CommLoopId id, const struct ucred& who) override;
+  void on_packet(CommLoop& loop, CommLoopId from, comm_socket_v4_packet* packet) override;
+  void on_gone(CommLoop& loop, CommLoopId id, CommLoopReason why, int error) override;
+  void on_accept_failed(CommLoop& loop, CommLoopId server, int error) override;
 
-  void accept_client();
   const char* objection_to(const struct ucred& cred) const;
-  void on_client_event(Peer& peer, std::uint32_t events);
-  void flush(Peer& peer);
-  void give_up_sending(Peer& peer, const std::string& why);
-  void release_ended();
-  comm_socket_v4_client* record(const Peer& peer) { return server_->index2client(peer.index); }
 
   const ServerSettings& settings_;
-  StopSignals signals_;  // before there is a socket file to be removed
-  EventLoop loop_;
-  CommEndpoint server_;
-  std::unordered_map<unsigned long, std::unique_ptr<Peer>> peers_;  // by index
-  std::vector<Refused> refused_;                                    // in the read that goes on
+  ServingLoop loop_;  // before there is a socket file to be removed
+  CommLoopId server_ = {};
+  std::unordered_map<std::uint64_t, std::unique_ptr<Peer>> peers_;  // by the generation of their id
   unsigned long connections_ = 0;
 };
-
-// A received packet is complete; marked so, it is sent without a warning.
-inline void allow_sending_on(comm_socket_v4_packet& packet) {
-  packet.write_state = comm_socket_v4_packet::write_state_end;
-}
 
 #endif

@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "tool/connection.h"
-#include "tool/event_loop.h"
 #include "tool/files.h"
 #include "tool/packet_recipe.h"
 #include "tool/round_trips.h"
+#include "tool/stop_signals.h"
 
 namespace {
 

@@ -1,18 +1,16 @@
 // tarn-comm proxy: between clients and a server, to see what they say.
 #include <fcntl.h>
-#include <sys/epoll.h>
 #include <tarn_utils_v4/comm.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <optional>
 #include <string>
-#include <unordered_map>
-#include <utility>
 #include <vector>
 
-#include "tool/connection.h"
 #include "tool/files.h"
 #include "tool/packet_server.h"
 
@@ -46,16 +44,6 @@ void parse(int argc, char** argv, Settings& settings) {
   settings.server_path = words[1];
 }
 
-// A client and its connection to the server.
-struct ProxiedPeer : Peer {
-  CommEndpoint upstream;
-  int upstream_fd = -1;     // as it is watched
-  bool connecting = false;  // the server's queue of connections is full
-  std::uint64_t connect_deadline_us = 0;
-  CommPacket to_server;          // waits for the server; the client is paused meanwhile
-  std::vector<Refused> refused;  // in the read that goes on
-};
-
 class Proxy : public PacketServer {
  public:
   explicit Proxy(const Settings& settings) : PacketServer(settings), settings_(settings) {
@@ -66,140 +54,105 @@ class Proxy : public PacketServer {
   }
 
  private:
-  enum class Direction { to_server, to_client };
+  // A client, and what happens on its connection to the server.
+  struct ProxiedPeer : Peer, CommLoopHandler {
+    explicit ProxiedPeer(Proxy& of) : proxy(of) {}
+    ~ProxiedPeer() override { proxy.loop().remove(upstream); }
 
-  std::unique_ptr<Peer> make_peer() override { return std::make_unique<ProxiedPeer>(); }
+    bool on_connect(CommLoop& loop, CommLoopId /*id*/, const struct ucred& /*who*/) override {
+      connected = true;
+      loop.resume(id);
+      return true;
+    }
+    void on_packet(CommLoop& /*loop*/, CommLoopId from, comm_socket_v4_packet* packet) override {
+      proxy.loop().attempt([&] { proxy.pass_on(from, id, *packet); });
+    }
+    void on_room(CommLoop& loop, CommLoopId /*id*/) override { loop.resume(id); }
+    void on_gone(CommLoop& /*loop*/, CommLoopId /*id*/, CommLoopReason why, int error) override {
+      proxy.loop().attempt([&] { proxy.on_server_gone(*this, why, error); });
+    }
+
+    Proxy& proxy;
+    CommLoopId upstream = {};
+    bool connected = false;
+  };
+
+  std::unique_ptr<Peer> make_peer() override { return std::make_unique<ProxiedPeer>(*this); }
 
   // --- The connection to the server
 
-  void on_connect(Peer& accepted) override {
+  void on_client(Peer& accepted) override {
     auto& peer = static_cast<ProxiedPeer&>(accepted);
-    peer.upstream = new_endpoint(settings_.verbose);
-    keep_refused(*peer.upstream, peer.refused);
-    peer.connect_deadline_us = now_us() + settings_.timeout_us;
+    CommEndpoint server = new_endpoint(settings_.verbose);
+    server->set_tag(reinterpret_cast<std::uintptr_t>(&peer));
+    server->set_recv_cb([](comm_socket_v4* from, comm_socket_v4_packet* packet) {
+      const auto& receiver = *reinterpret_cast<ProxiedPeer*>(from->get_tag());
+      return receiver.proxy.receive(receiver, Sender::server, *packet);
+    });
     // Without waiting: what is not connected at once is tried again later.
-    comm_socket_v4_set_connect_timeout_routine(peer.upstream.get(), 1);
-    comm_socket_v4_connect_to(peer.upstream.get(), settings_.server_path.c_str());
-    peer.connecting = peer.paused = comm_socket_v4_connection_pending(peer.upstream.get()) == 1;
-    const int retry = peer.connecting ? comm_socket_v4_get_connect_fd(peer.upstream.get()) : -1;
-    if (retry < 0) return finish_connecting(peer);
-    loop().watch(retry, EPOLLIN,
-                 [=, this, &peer](std::uint32_t) { retry_connecting(peer, retry); });
+    comm_socket_v4_set_connect_timeout_routine(server.get(), 1);
+    comm_socket_v4_connect_to(server.get(), settings_.server_path.c_str());
+    if (server->socket_open()) peer.upstream = loop().add(server.get(), peer, upstream_limits());
+    if (!ServingLoop::is_member(peer.upstream))
+      return on_server_gone(peer, comm_loop_failed, errno);
+    static_cast<void>(server.release());
+    loop().pause(peer.id);
   }
 
-  void retry_connecting(ProxiedPeer& peer, int retry) {
-    peer.connecting = comm_socket_v4_connect_check_pending(peer.upstream.get()) == 0;
-    if (peer.connecting && now_us() < peer.connect_deadline_us) return;
-    if (peer.connecting) errno = ETIMEDOUT;
-    finish_connecting(peer);
-    loop().forget(retry);
-    update(peer);
+  CommLoopLimits upstream_limits() const {
+    CommLoopLimits upstream = limits();
+    upstream.connect_us = std::max<std::uint64_t>(settings_.timeout_us, 1);
+    // However long the server takes for the requests of a client that has left.
+    upstream.finish_us = UINT64_MAX;
+    return upstream;
   }
 
-  // It is connected, or errno says why not.
-  void finish_connecting(ProxiedPeer& peer) {
-    if (peer.connecting) comm_socket_v4_close(peer.upstream.get());
-    peer.connecting = peer.paused = false;
-    peer.upstream_fd = peer.upstream->get_socket_fd();
-    if (peer.upstream->socket_open()) return;
-    say(peer.name() + ": cannot connect to " + in_quotes(settings_.server_path) + ": " +
-        std::strerror(errno));
-    peer.closing = true;
+  void on_server_gone(ProxiedPeer& peer, CommLoopReason why, int error) {
+    const bool client_has_left = loop().client(peer.id) == nullptr;
+    if (client_has_left) return forget(peer);
+    if (!peer.connected)
+      say(peer.name() + ": cannot connect to " + in_quotes(settings_.server_path) + ": " +
+          std::strerror(error));
+    else if (why == comm_loop_unsendable)
+      say(peer.name() + ": the server takes no more packets: " + std::strerror(error));
+    else
+      say(peer.name() + ": the server has closed the connection");
+    // The end of a server is read when nothing waits for the client any more.
+    why == comm_loop_unsendable ? loop().finish(peer.id) : loop().disconnect(peer.id);
+  }
+
+  // Closed while answers wait in it, the connection would be reset, and what the server has not
+  // read yet would be lost.
+  bool on_end(Peer& peer) override {
+    return loop().finish(static_cast<ProxiedPeer&>(peer).upstream) != 0;
   }
 
   // --- Packets
 
-  void on_packet(Peer& from, CommPacket packet) override {
-    auto& peer = static_cast<ProxiedPeer&>(from);
-    show(peer, Direction::to_server, *packet);
-    allow_sending_on(*packet);
-    peer.to_server = std::move(packet);
-    send_to_server(peer);
+  void on_request(Peer& peer, comm_socket_v4_packet& packet) override {
+    pass_on(peer.id, static_cast<ProxiedPeer&>(peer).upstream, packet);
   }
 
-  void on_refused(Peer& peer, const Refused& refused) override {
-    show_refused(peer, Direction::to_server, refused);
+  // One that has to wait is the last until there is room.
+  void pass_on(CommLoopId from, CommLoopId to, comm_socket_v4_packet& packet) {
+    if (send(to, packet) == 0) loop().pause(from);
   }
 
-  // The end of a server that has gone is noticed when it is read, behind its last packets.
-  void send_to_server(ProxiedPeer& peer) {
-    const int sent =
-        comm_socket_v4_packet_send_to_server(peer.upstream.get(), peer.to_server.get());
-    if (sent < 0) say(peer.name() + ": the server takes no more packets: " + std::strerror(errno));
-    if (sent != 0) peer.to_server.reset();
-    peer.paused = sent == 0;
-  }
-
-  void on_upstream_event(ProxiedPeer& peer, std::uint32_t events) {
-    if (peer.to_server != nullptr && events != EPOLLIN) send_to_server(peer);
-    if ((events & ~EPOLLOUT) != 0 && peer.queue.queued_packets.empty() && !read_from_server(peer)) {
-      say(peer.name() + ": the server has closed the connection");
-      peer.to_server.reset();
-      peer.closing = true;
-    }
-    update(peer);
-  }
-
-  // False when the server has closed the connection.
-  bool read_from_server(ProxiedPeer& peer) {
-    const CommPacket packet(comm_socket_v4_client_get_packet_from_server(peer.upstream.get()));
-    for (const Refused& refused : std::exchange(peer.refused, {}))
-      show_refused(peer, Direction::to_client, refused);
-    if (packet != nullptr) {
-      show(peer, Direction::to_client, *packet);
-      allow_sending_on(*packet);
-      send(peer, *packet);
-    }
-    if (peer.upstream->socket_open()) return true;
-    loop().forget(std::exchange(peer.upstream_fd, -1));
-    return false;
-  }
-
-  void update(Peer& changed) override {
-    PacketServer::update(changed);
-    auto& peer = static_cast<ProxiedPeer&>(changed);
-    if (peer.connecting || peer.upstream_fd < 0) return;
-    const std::uint32_t in = peer.queue.queued_packets.empty() ? EPOLLIN : 0u;
-    const std::uint32_t out = peer.to_server != nullptr ? EPOLLOUT : 0u;
-    loop().watch(peer.upstream_fd, in | out,
-                 [this, &peer](std::uint32_t events) { on_upstream_event(peer, events); });
-  }
-
-  // The connection to the server ends when the server ends it: closed while answers wait in it, it
-  // would be reset, and what the server has not read yet would be lost.
-  void on_end(std::unique_ptr<Peer> ended) override {
-    auto& peer = static_cast<ProxiedPeer&>(*ended);
-    if (peer.upstream_fd < 0) return;
-    peer.deaf = true;
-    comm_socket_v4_end_sending(peer.upstream.get());
-    loop().forget(peer.upstream_fd);
-    loop().watch(peer.upstream_fd, EPOLLIN, [this, &peer](std::uint32_t) {
-      if (!read_from_server(peer)) departed_.erase(peer.number);
-    });
-    departed_[peer.number] = std::move(ended);
+  void on_room(CommLoop& loop, CommLoopId client) override {
+    loop.resume(static_cast<ProxiedPeer&>(peer(client)).upstream);
   }
 
   // --- For the user
 
-  void show(const Peer& peer, Direction direction, const comm_socket_v4_packet& packet) {
-    say(line(peer, direction) + summary(packet) + save(peer, direction, packet), packet);
+  std::string heading(const Peer& peer, Sender sender) const override {
+    return peer.name() + (sender == Sender::client ? " -> server: " : " <- server: ");
   }
 
-  void show_refused(const Peer& peer, Direction direction, const Refused& refused) {
-    say(line(peer, direction) + "dropped a packet that is not valid: " + refused.rule +
-        save(peer, direction, *refused.packet));
-  }
-
-  static std::string line(const Peer& peer, Direction direction) {
-    return peer.name() + (direction == Direction::to_server ? " -> server: " : " <- server: ");
-  }
-
-  // Answers how the file is called, for the line that is printed.
-  std::string save(const Peer& peer, Direction direction, const comm_socket_v4_packet& packet) {
-    if (!settings_.folder.has_value()) return std::string();
+  std::string save(const Peer& peer, Sender sender, const comm_socket_v4_packet& packet) override {
+    if (!settings_.folder.has_value()) return "";
     char name[64];
     std::snprintf(name, sizeof(name), "%06lu-client-%lu-%s", ++saved_, peer.number,
-                  direction == Direction::to_server ? "to-server" : "from-server");
+                  sender == Sender::client ? "to-server" : "from-server");
     file_ = CommDescriptor();
     file_ = create_file(*settings_.folder, name);
     write_all(file_.get(), {reinterpret_cast<const char*>(packet.buffer), packet.buffer_length},
@@ -208,7 +161,6 @@ class Proxy : public PacketServer {
   }
 
   const Settings& settings_;
-  std::unordered_map<unsigned long, std::unique_ptr<Peer>> departed_;  // clients, by number
   unsigned long saved_ = 0;
   CommDescriptor file_;  // the last one; it stays open so that the next can always be opened
 };

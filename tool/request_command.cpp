@@ -1,8 +1,8 @@
 #include "tool/request_command.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
-#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -100,7 +100,7 @@ pid_t spawn_shell(std::vector<std::string> words, std::vector<std::string> varia
 
 }  // namespace
 
-RequestCommand::RequestCommand(EventLoop& loop, const std::string& command,
+RequestCommand::RequestCommand(ServingLoop& loop, const std::string& command,
                                const comm_socket_v4_packet& request, const struct ucred& peer,
                                std::uint64_t timeout_us, Done done)
     : loop_(loop), done_(std::move(done)) {
@@ -114,33 +114,45 @@ RequestCommand::RequestCommand(EventLoop& loop, const std::string& command,
   pid_ = spawn_shell(words_for(command, request), environment_for(request, peer), input.get(),
                      writer.get());
   process_ = CommDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
-  if (!process_.is_open()) {
-    const Failure failure = system_failure("cannot watch the command");
-    ::kill(-pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    throw failure;
-  }
-  loop_.watch(output_.get(), EPOLLIN, [this](std::uint32_t) { read_output(); });
-  loop_.watch(process_.get(), EPOLLIN, [this](std::uint32_t) { on_exit(); });
-  loop_.watch(timer_.fd(), EPOLLIN, [this](std::uint32_t) { on_timeout(); });
-  timer_.set(timeout_us);
+  output_id_ = loop_.watch(output_.get(), POLLIN, *this);
+  process_id_ = loop_.watch(process_.get(), POLLIN, *this);
+  if (timeout_us != 0) timer_id_ = loop_.after(timeout_us, *this);
+  if (ServingLoop::is_member(output_id_) && ServingLoop::is_member(process_id_) &&
+      (timeout_us == 0 || ServingLoop::is_member(timer_id_)))
+    return;
+  const Failure failure = system_failure("cannot watch the command");
+  leave_loop();
+  ::kill(-pid_, SIGKILL);
+  ::waitpid(pid_, nullptr, 0);
+  throw failure;
 }
 
 RequestCommand::~RequestCommand() {
-  for (const int fd : {output_.get(), process_.get(), timer_.fd()}) loop_.forget(fd);
+  leave_loop();
   if (pid_ > 0) ::kill(-pid_, SIGTERM);
+}
+
+void RequestCommand::leave_loop() {
+  for (const CommLoopId id : {output_id_, process_id_, timer_id_}) loop_.remove(id);
+}
+
+void RequestCommand::on_ready(CommLoop& /*loop*/, CommLoopId watched, std::uint32_t /*events*/) {
+  loop_.attempt([&] { watched == process_id_ ? on_exit() : read_output(); });
+}
+
+void RequestCommand::on_time(CommLoop& /*loop*/, CommLoopId /*timer*/) {
+  result_.timed_out = true;
+  ::kill(-pid_, SIGKILL);
 }
 
 void RequestCommand::read_output() {
   char chunk[65536];
   const ssize_t got = ::read(output_.get(), chunk, sizeof(chunk));
   if (got < 0) return;
-  if (got == 0) return loop_.forget(output_.get());
   result_.output.append(chunk, static_cast<std::size_t>(got));
-  if (result_.output.size() <= COMM_V4_MAX_RECEIVED_PACKET) return;
-  result_.too_long = true;
-  loop_.forget(output_.get());
-  ::kill(-pid_, SIGKILL);
+  result_.too_long = result_.output.size() > COMM_V4_MAX_RECEIVED_PACKET;
+  if (result_.too_long) ::kill(-pid_, SIGKILL);
+  if (result_.too_long || got == 0) loop_.remove(output_id_);
 }
 
 // What a background process of the command may still write is not waited for.
@@ -154,10 +166,4 @@ void RequestCommand::on_exit() {
   const Done done = std::move(done_);
   const CommandResult result = std::move(result_);
   done(result);
-}
-
-void RequestCommand::on_timeout() {
-  loop_.forget(timer_.fd());
-  result_.timed_out = true;
-  ::kill(-pid_, SIGKILL);
 }

@@ -9,8 +9,8 @@
 #include <functional>
 #include <string>
 
-#include "tool/event_loop.h"
 #include "tool/handles.h"
+#include "tool/serving_loop.h"
 
 struct CommandResult {
   std::string output;
@@ -19,31 +19,36 @@ struct CommandResult {
   bool timed_out = false;  // likewise
 };
 
-class RequestCommand {
+class RequestCommand : private CommLoopHandler {
  public:
   using Done = std::function<void(const CommandResult&)>;
 
   // Starts /bin/sh -c `command` in a process group of its own. Its standard input is the data of
   // the request, its parameters are the arguments, and variables say the rest. `done` may destroy
   // this object.
-  RequestCommand(EventLoop& loop, const std::string& command, const comm_socket_v4_packet& request,
-                 const struct ucred& peer, std::uint64_t timeout_us, Done done);
+  RequestCommand(ServingLoop& loop, const std::string& command,
+                 const comm_socket_v4_packet& request, const struct ucred& peer,
+                 std::uint64_t timeout_us, Done done);
   // Ends a command that still runs with SIGTERM.
-  ~RequestCommand();
+  ~RequestCommand() override;
   RequestCommand(const RequestCommand&) = delete;
   RequestCommand& operator=(const RequestCommand&) = delete;
 
  private:
+  void on_ready(CommLoop& loop, CommLoopId watched, std::uint32_t events) override;
+  void on_time(CommLoop& loop, CommLoopId timer) override;
   void read_output();
   void on_exit();
-  void on_timeout();
+  void leave_loop();
 
-  EventLoop& loop_;
+  ServingLoop& loop_;
   Done done_;
   CommandResult result_;
   CommDescriptor output_;
   CommDescriptor process_;  // readable once the command has ended
-  Timer timer_;
+  CommLoopId output_id_ = {};
+  CommLoopId process_id_ = {};
+  CommLoopId timer_id_ = {};
   pid_t pid_ = -1;  // -1 when it has been waited for
 };
 

@@ -63,7 +63,6 @@ void make_answer_of(comm_socket_v4_packet& packet) {
   packet.make_response();
   std::memcpy(packet.buffer + offsetof(comm_socket_v4_packet_header, flags), &packet.flags,
               sizeof(packet.flags));
-  allow_sending_on(packet);
 }
 
 CommPacket error_answer(const comm_socket_v4_packet& request, std::uint64_t code,
@@ -98,10 +97,11 @@ CommPacket answer_of_command(const comm_socket_v4_packet& request, const Command
 }
 
 struct ServedPeer : Peer {
-  CommPacket request;  // the last one
+  CommPacket request;  // that the command is to answer
   std::unique_ptr<RequestCommand> running;
 };
 
+// Who does not read its answers is not read any further itself: the loop sees to that.
 class AnsweringServer : public PacketServer {
  public:
   explicit AnsweringServer(const Settings& settings)
@@ -110,43 +110,34 @@ class AnsweringServer : public PacketServer {
  private:
   std::unique_ptr<Peer> make_peer() override { return std::make_unique<ServedPeer>(); }
 
-  void on_packet(Peer& peer, CommPacket packet) override {
-    say(peer.name() + ": " + summary(*packet), *packet);
-    auto& served = static_cast<ServedPeer&>(peer);
-    served.request = std::move(packet);
+  void on_request(Peer& peer, comm_socket_v4_packet& request) override {
     try {
-      answer(served);
+      answer(static_cast<ServedPeer&>(peer), request);
     } catch (const Failure& failure) {
       say(peer.name() + ": " + failure.what());
-      send(peer, *error_answer(*served.request, 1, failure.what()));
+      send(peer.id, *error_answer(request, 1, failure.what()));
     }
   }
 
-  void answer(ServedPeer& peer) {
-    comm_socket_v4_packet& request = *peer.request;
+  void answer(ServedPeer& peer, comm_socket_v4_packet& request) {
     if (settings_.command.has_value()) {
       peer.running = std::make_unique<RequestCommand>(
           loop(), *settings_.command, request, peer.cred, settings_.command_timeout_us,
           [this, &peer](const CommandResult& result) { finish_command(peer, result); });
+      peer.request = comm_share_packet(&request);
+      loop().pause(peer.id);
     } else if (!settings_.answer.empty()) {
-      send(peer, *settings_.answer.build(&request));
+      send(peer.id, *settings_.answer.build(&request));
     } else {
       make_answer_of(request);
-      send(peer, request);
+      send(peer.id, request);
     }
   }
 
   void finish_command(ServedPeer& peer, const CommandResult& result) {
-    send(peer, *answer_of_command(*peer.request, result));
+    send(peer.id, *answer_of_command(*peer.request, result));
     peer.running.reset();
-    update(peer);
-  }
-
-  // One that does not read its answers holds up nobody but itself, and fills no memory.
-  void update(Peer& peer) override {
-    peer.paused =
-        static_cast<ServedPeer&>(peer).running != nullptr || !peer.queue.queued_packets.empty();
-    PacketServer::update(peer);
+    loop().resume(peer.id);
   }
 
   const Settings& settings_;
