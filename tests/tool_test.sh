@@ -292,7 +292,9 @@ expect 0 "^  65536  (1b ){15} *\.{15}$" decode -f full whole
 check "a packet without overlaps is shown whole" [ "$(grep -c Cut out)" -eq 0 ]
 
 # --- decode
-for packet in packets/00000*; do expect 0 "^.Command: " decode "$packet"; done
+expect 1 "^'good':" decode good file packets/00000*
+check "each file" [ "$(grep -c "^.Command: " out)" -eq $((1 + $(printf '%s\n' packets/00000* | wc -l))) ]
+check "one is none" grep -q "decode: 'file' is no valid packet: too short" err
 broken() {  # OFFSET BYTES PATTERN
   cp good bad && patch bad "$1" "$2" && expect 1 "'bad' is no valid packet: $3" decode bad
 }
