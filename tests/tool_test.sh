@@ -132,7 +132,8 @@ for line in "client 1 \(pid [0-9]+, uid $UID, gid [0-9]+\): 'hello'" 'Message ID
   'Data:       5 bytes' '^  bytes$'; do
   check "$line in the response" grep -qE "$line" out echo.out
 done
-expect 0 '^\*Argv\[0\]\(INT64\)@65: 7' call echo x int64:7 -f full
+expect 0 '^\*Argv\[0\]\(INT64\)@65: 7' call echo x int64:7 -f full --time
+check "the time" grep -qE '^round trip: [0-9]+\.[0-9]{3} ms$' err
 expect 1 "the response is error 7: sour" call echo x -f none --error-code 7 --error-string sour
 expect 0 "" call --no-reply echo "once only"
 check "nothing is printed of it" [ ! -s out ]

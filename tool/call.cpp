@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tool/connection.h"
@@ -25,6 +26,7 @@ constexpr char help[] =
     "  -s, --save-fds FOLDER     save what received descriptors refer to, as descriptor-0 and so "
     "on\n"
     "  -n, --no-reply            do not wait for a response\n"
+    "      --time                print to standard error how long its first packet took to come\n"
     "  -v, --verbose             let the library log what it does\n"
     "  -h, --help                this text\n" PACKET_OPTIONS_HELP
     "\nExit status: 0 for a response; 1 for none in time, for one with an error code or an error\n"
@@ -37,6 +39,7 @@ struct Call {
   Format format = Format::readable;
   std::optional<std::string> folder;
   bool reply = true;
+  bool time = false;
   bool verbose = false;
 };
 
@@ -46,6 +49,7 @@ void parse(int argc, char** argv, Call& call) {
       call.packet.options({seconds_option("timeout", 't', call.timeout_us),
                            format_option(call.format), text_option("save-fds", 's', call.folder),
                            flag_option("no-reply", 'n', call.reply, false),
+                           flag_option("time", 0, call.time),
                            flag_option("verbose", 'v', call.verbose)}),
       {"PATH", "COMMAND"}, SIZE_MAX);
   call.path = words[0];
@@ -91,12 +95,16 @@ void report_error(const comm_socket_v4_packet& packet, Format format) {
                visible(packet.error_string()).c_str());
 }
 
-int print_response(const Call& call, comm_socket_v4& endpoint, std::uint64_t deadline_us) {
+int print_response(const Call& call, comm_socket_v4& endpoint, std::uint64_t sent_us,
+                   std::uint64_t deadline_us) {
   std::optional<DescriptorFolder> folder;
   if (call.folder.has_value()) folder.emplace(*call.folder);
   int status = exit_ok;
+  bool timed = !call.time;
   for (bool more = true; more;) {
     const CommPacket packet = receive(endpoint, deadline_us);
+    if (!std::exchange(timed, true))
+      std::fprintf(stderr, "round trip: %.3f ms\n", static_cast<double>(now_us() - sent_us) / 1e3);
     print_packet(*packet, call.format);
     if (is_error(*packet)) {
       status = exit_failed;
@@ -115,8 +123,9 @@ int run(int argc, char** argv) {
   if (call.folder.has_value()) make_empty_folder(*call.folder);
   const std::uint64_t deadline_us = now_us() + call.timeout_us;
   const CommEndpoint endpoint = connect_to_server(call.path, call.timeout_us, call.verbose);
+  const std::uint64_t sent_us = now_us();
   send_in_time(*endpoint, *request, deadline_us);
-  return call.reply ? print_response(call, *endpoint, deadline_us) : exit_ok;
+  return call.reply ? print_response(call, *endpoint, sent_us, deadline_us) : exit_ok;
 }
 
 }  // namespace
