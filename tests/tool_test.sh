@@ -99,6 +99,11 @@ expect 2 "call: PATH is empty" call "" x
 expect 2 "ping: --count: '0' is out of range" ping -c 0 s
 expect 2 "serve: the path has 120 characters" serve "$(printf '%0120d' 0)"
 expect 2 "serve: an abstract name has neither --mode nor --group" serve --mode 600 @s
+expect 2 "serve: an abstract name .* nor has a descriptor" serve --mode 600 fd:3
+expect 1 "call: cannot use descriptor 999: Bad file descriptor" call fd:999 x
+expect 1 "call: cannot use descriptor 0: Socket operation" call fd:0 x
+expect 1 "serve: cannot listen on 'fd:0': .*Socket operation on non-socket" serve fd:0
+expect 2 "proxy: SERVER_PATH is connected to for each client" proxy s fd:3
 expect 2 "proxy: --mode: '1777' is not an octal mode" proxy --mode 1777 s t
 expect 2 "serve: --group: there is no group 'no such'" serve --group "no such" s
 expect 2 "serve: --exec and an answer of its own exclude" serve --exec true s answer
@@ -144,6 +149,19 @@ check "data as it is" cmp -s input out
 expect 0 "Descriptors: 2" call echo x --fd file --fd-rw new --save-fds saved
 check "a saved descriptor" cmp -s file saved/descriptor-0
 expect 1 "folder 'saved' is not empty" call echo x --save-fds saved
+
+# --- Sockets that somebody else has opened
+cat > started << 'END'
+use Socket; $^F = 99; socket S, AF_UNIX, SOCK_SEQPACKET, 0; $name = sockaddr_un "given";
+(shift eq "listen" ? bind(S, $name) && listen(S, 9) : connect S, $name) or die $!;
+exec map { s/FD/"fd:" . fileno S/er } @ARGV
+END
+perl started listen "$tool" serve FD > given.out 2>&1 &
+running[given]=$!
+await given.out "listening on 'given'"
+check "a socket to listen on and a connection" perl started connect "$tool" call -t 300 FD x > out
+rm given  # It is not the server's.
+stop TERM given
 
 # --- ping
 expect 0 "^3 sent, 3 answered, 0% lost" ping -c 3 -i 0.01 -s 1000 echo

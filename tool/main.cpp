@@ -29,7 +29,8 @@ void print_help(std::FILE* out) {
       "\n"
       "  -h, --help     this text; after a command, all about that command\n"
       "  -V, --version  the version\n\n"
-      "A PATH names a socket file, or with a leading @ an abstract socket.\n"
+      "A PATH names a socket file, with a leading @ an abstract socket, or as in fd:3 a socket\n"
+      "that this program was started with.\n"
       "Exit status: 0 done, 1 failed or answered with an error, 2 wrong usage.\n",
       out);
 }

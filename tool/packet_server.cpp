@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "tool/connection.h"
 #include "tool/files.h"
 #include "tool/packet_check.h"
 
@@ -39,8 +40,10 @@ CommEndpoint create_server(const ServerSettings& settings) {
     throw UsageError("the path has " + std::to_string(path.size()) +
                      " characters, a server's has at most " +
                      std::to_string(COMM_V4_MAX_SERVER_PATH));
-  if (is_abstract(path) && (settings.mode.has_value() || settings.group.has_value()))
-    throw UsageError("an abstract name has neither --mode nor --group");
+  const std::optional<int> inherited = inherited_descriptor(path);
+  if ((is_abstract(path) || inherited.has_value()) &&
+      (settings.mode.has_value() || settings.group.has_value()))
+    throw UsageError("an abstract name has neither --mode nor --group, nor has a descriptor");
   std::string reason;  // The library's error line says more than errno.
   CommEndpoint server = new_endpoint(settings.verbose);
   if (settings.mode.has_value()) comm_socket_v4_set_socket_mode(server.get(), *settings.mode);
@@ -50,8 +53,10 @@ CommEndpoint create_server(const ServerSettings& settings) {
   const unsigned mask = server->log_mask;
   server->log_mask = 1;
   comm_socket_v4_set_log_sink(server.get(), keep_first_line, &reason);
-  if (comm_socket_v4_create_server(server.get(), path.c_str()) != 0)
-    throw Failure("cannot listen on " + in_quotes(path) + ": " + reason);
+  const int opened = inherited.has_value()
+                         ? comm_socket_v4_use_server_socket(server.get(), *inherited)
+                         : comm_socket_v4_create_server(server.get(), path.c_str());
+  if (opened != 0) throw Failure("cannot listen on " + in_quotes(path) + ": " + reason);
   comm_socket_v4_set_log_sink(server.get(), nullptr, nullptr);
   server->log_mask = mask & 15;
   return server;

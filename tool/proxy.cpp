@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "tool/connection.h"
 #include "tool/files.h"
 #include "tool/packet_server.h"
 
@@ -42,6 +43,8 @@ void parse(int argc, char** argv, Settings& settings) {
                     {"LISTEN_PATH", "SERVER_PATH"}, 0);
   settings.path = words[0];
   settings.server_path = words[1];
+  if (inherited_descriptor(settings.server_path).has_value())
+    throw UsageError("SERVER_PATH is connected to for each client, a descriptor only once");
 }
 
 class Proxy : public PacketServer {
