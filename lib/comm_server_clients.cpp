@@ -341,7 +341,7 @@ void comm_socket_v4_free_client(comm_socket_v4_client* c) {
   ErrnoGuard keep_errno;
   comm_socket_v4_free_client_check(c);
   if (c->client_fd >= 0) {
-    if (c->server != nullptr) stop_watching(comm_v4_internals::of(c->server), c->client_fd);
+    if (c->server != nullptr) leave_loop(comm_v4_internals::of(c->server), c->client_fd);
     ::close(c->client_fd);
   }
   comm_socket_v4_packet_release(c->pending_response_packet);

@@ -8,6 +8,7 @@
 
 #include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
+#include "lib/received_descriptors.h"
 
 namespace {
 
@@ -87,6 +88,12 @@ void stop_watching(const comm_v4_internals& own, int fd) {
   if (!own.in_loop()) return;
   ErrnoGuard keep_errno;
   ::epoll_ctl(own.loop_epoll, EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void leave_loop(const comm_v4_internals& own, int connection) {
+  if (!own.in_loop()) return;
+  discard_unread(connection);
+  stop_watching(own, connection);
 }
 
 bool renew_reserve(comm_v4_internals& own) {

@@ -36,7 +36,8 @@ void close_socket(comm_socket_v4* c) {
   if (c->flags.server) FATAL_ASSERT(!c->socket_path.empty());
   // The file goes before the socket: in between nobody finds a path on which nobody answers.
   remove_server_file(c);
-  stop_watching(comm_v4_internals::of(c), c->socket_fd);
+  const comm_v4_internals& own = comm_v4_internals::of(c);
+  c->flags.server ? stop_watching(own, c->socket_fd) : leave_loop(own, c->socket_fd);
   ::close(c->socket_fd);
   c->socket_fd = -1;
 }

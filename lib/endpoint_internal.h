@@ -84,6 +84,8 @@ bool renew_reserve(comm_v4_internals& own);
 
 // A close alone would not end the watching while somebody else has a copy of the descriptor.
 void stop_watching(const comm_v4_internals& own, int fd);
+// Before the close of a connection. The peer hears of the end, whoever else has a copy.
+void leave_loop(const comm_v4_internals& own, int connection);
 
 // lib/peer_identity
 

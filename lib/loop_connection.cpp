@@ -3,10 +3,8 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <utility>
 
 #include "lib/endpoint_internal.h"
-#include "lib/received_descriptors.h"
 
 namespace loop_connection {
 
@@ -61,8 +59,6 @@ int end_sending(const LoopMember& m) {
 }
 
 void close(LoopMember& m) {
-  const bool has_ended = m.kind == LoopKind::client && record(m)->status.disconnected;
-  if (fd(m) >= 0 && !has_ended) discard_unread(fd(m));
   if (m.kind == LoopKind::connection) {
     comm_socket_v4_close(m.home->endpoint.get());
     return;

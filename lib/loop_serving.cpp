@@ -11,7 +11,6 @@
 #include "lib/endpoint_internal.h"
 #include "lib/loop_connection.h"
 #include "lib/loop_internal.h"
-#include "lib/received_descriptors.h"
 #include "suite/time.h"
 
 namespace {
@@ -143,7 +142,6 @@ LoopMember* comm_v4_loop::add_client(LoopMember& server, comm_socket_v4_client& 
   }
   if (m == nullptr) {
     ++*reason;
-    discard_unread(client.client_fd);
     comm_socket_v4_client_disconnect_list_clear(server.home->endpoint.get());
     comm_socket_v4_free_client(&client);
     return nullptr;

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 
@@ -37,7 +38,8 @@ bool discard_record(int fd) noexcept {
   message.msg_control = control;
   message.msg_controllen = sizeof(control);
   const ssize_t count = ::recvmsg(fd, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-  if (count < 0) return false;
+  // A reset is reported once, in front of what waits.
+  if (count < 0) return errno == ECONNRESET || errno == EINTR;
   close_all(message);
   return count > 0 || CMSG_FIRSTHDR(&message) != nullptr;
 }

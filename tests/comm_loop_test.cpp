@@ -514,6 +514,19 @@ TEST_F(CommLoopTest, ADescriptorThatLingersInItsCloseKeepsNobodyWaiting) {
   send_from(c, lingering());
   loop.disconnect(peer());
   EXPECT_EQ(Lines{"0 disconnected"}, quiet()) << "what nobody has read, behind an empty record";
+  comm_socket_v4* const other = join();
+  EXPECT_EQ(0, sendmsg(other->socket_fd, &record, 0));
+  send_from(other, lingering());
+  EXPECT_EQ((Lines{"1 connect", "1 ended"}), quiet()) << "behind one that was read";
+  int pair[2];
+  ASSERT_EQ(0, comm_socket_v4_make_socketpair(pair));
+  clients.push_back(make_endpoint());
+  comm_socket_v4_connect_use_socketpair(clients.back().get(), pair[1]);
+  const CommLoopId own = loop.adopt(pair[0], handler, limits);
+  EXPECT_EQ("1", send(own));
+  send_from(clients.back().get(), lingering());
+  clients.pop_back();
+  EXPECT_EQ((Lines{"2 connect", "2 ended"}), quiet()) << "behind a reset";
 }
 
 TEST_F(CommLoopTest, AForkedChildKeepsNoConnectionAliveAndTakesNothingDown) {
