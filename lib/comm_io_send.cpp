@@ -109,7 +109,10 @@ int send_packet(const SendSide& side, comm_socket_v4_packet& p) {
     errno = side.closed_errno;
     return -1;
   }
-  if (p.write_state != comm_socket_v4_packet::write_state_end) {
+  // A CommLoop passes received packets on as they are.
+  const bool is_passed_on = p.write_state == comm_socket_v4_packet::write_state_received &&
+                            comm_v4_internals::of(side.endpoint).in_loop();
+  if (p.write_state != comm_socket_v4_packet::write_state_end && !is_passed_on) {
     comm_socket_v4_warning(
         side.endpoint,
         side.to_client() ? "send_to_client(): attempt to send packet that has been incompletely "

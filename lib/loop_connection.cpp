@@ -44,13 +44,9 @@ Retrieved retrieve(LoopMember& m) {
 }
 
 int transmit(LoopMember& m, comm_socket_v4_packet& p) {
-  // A received packet is complete, and a send of it needs no warning.
-  const int state = std::exchange(p.write_state, comm_socket_v4_packet::write_state_end);
-  const int sent = m.kind == LoopKind::client
-                       ? comm_socket_v4_packet_send_to_client(record(m), &p)
-                       : comm_socket_v4_packet_send_to_server(m.home->endpoint.get(), &p);
-  p.write_state = state;
-  return sent;
+  return m.kind == LoopKind::client
+             ? comm_socket_v4_packet_send_to_client(record(m), &p)
+             : comm_socket_v4_packet_send_to_server(m.home->endpoint.get(), &p);
 }
 
 int end_sending(const LoopMember& m) {
