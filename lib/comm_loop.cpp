@@ -138,13 +138,11 @@ void comm_v4_loop::run_times() {
 
 // Those that wait by now; who comes meanwhile is settled in the next turn.
 void comm_v4_loop::settle_members() {
-  const std::uint64_t last = last_to_settle != nullptr ? last_to_settle->id.generation : 0;
-  while (first_to_settle != nullptr) {
+  last_of_turn = last_to_settle;
+  while (last_of_turn != nullptr) {
     LoopMember& m = *first_to_settle;
-    const bool was_last = m.id.generation == last;
     stop_settling(m);
     settle(m);
-    if (was_last) return;
   }
 }
 
@@ -157,6 +155,7 @@ int CommLoop::fd() const { return internals_->epoll.get(); }
 int CommLoop::dispatch(unsigned long deadline_us) { return internals_->dispatch(deadline_us); }
 
 int CommLoop::run() {
+  if (internals_->dispatching) return internals_->dispatch(0);
   while (!internals_->stopped.exchange(false))
     if (internals_->dispatch(ULONG_MAX) < 0) return -1;
   return 0;

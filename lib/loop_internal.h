@@ -77,6 +77,7 @@ struct comm_v4_loop {
   std::uint64_t timer_set_to = LoopMember::never;
   LoopMember* first_to_settle = nullptr;
   LoopMember* last_to_settle = nullptr;
+  LoopMember* last_of_turn = nullptr;  // to settle
   CommLoopCounters counters_of_removed;
 
  private:

@@ -178,6 +178,7 @@ void comm_v4_loop::stop_settling(LoopMember& m) noexcept {
   }
   (before != nullptr ? before->next_to_settle : first_to_settle) = m.next_to_settle;
   if (last_to_settle == &m) last_to_settle = before;
+  if (last_of_turn == &m) last_of_turn = before;
   m.next_to_settle = nullptr;
   m.waits_to_settle = false;
 }

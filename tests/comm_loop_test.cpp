@@ -575,7 +575,8 @@ TEST_F(CommLoopTest, AStopEndsOneRunWhereverItComesFrom) {
   EXPECT_EQ(0, loop.run());
   signal(SIGUSR1, SIG_DFL);
   handler.other_hook = [&] {
-    EXPECT_EQ(Outcome(-1, EBUSY), outcome([&] { return loop.dispatch(0); }));
+    loop.stop();
+    EXPECT_EQ(Outcome(-1, EBUSY), outcome([&] { return loop.run(); }));
   };
   loop.after(1, handler);
   EXPECT_EQ((Lines{"time", "time"}), (until("time"), until("time"), Lines{"time", "time"}));
