@@ -24,7 +24,9 @@ struct comm_v4_loop {
   // Null when it has gone, errno ENOENT then.
   LoopMember* find(CommLoopId id) const noexcept;
   bool is_there(CommLoopId id) const noexcept { return find(id) != nullptr; }
-  // Null without memory, errno ENOMEM.
+  // For one more; false without memory, errno ENOMEM.
+  bool make_room() noexcept;
+  // Null without memory, errno ENOMEM, and in a loop without descriptors.
   LoopMember* create(LoopKind kind, CommLoopHandler& handler, LoopEndpoint* home) noexcept;
   // Closes what it has, and with a server its clients. A kept id does not find it any more.
   void destroy(LoopMember& m) noexcept;
@@ -94,7 +96,6 @@ struct comm_v4_loop {
   void adopt_clients(LoopMember& server);
   void on_failed_accept(LoopMember& server, int error);
   LoopMember* add_client(LoopMember& server, comm_socket_v4_client& client);
-  LoopMember* create_client(LoopMember& server, comm_socket_v4_client& client);
   bool announce(LoopMember& m);
   void try_to_connect(LoopMember& m);
   void read(LoopMember& m);

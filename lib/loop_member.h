@@ -7,10 +7,12 @@
 #include <tarn_utils_v4/comm_cpp.h>
 #include <tarn_utils_v4/comm_loop.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <list>
+#include <map>
+#include <new>
 #include <set>
-#include <unordered_map>
 #include <utility>
 
 enum class LoopKind {
@@ -22,12 +24,49 @@ enum class LoopKind {
   timer
 };
 
+// How many clients each user has.
+class LoopUsers {
+ public:
+  // For one more user, so that add never fails; false without memory, errno ENOMEM.
+  bool make_room() noexcept {
+    try {
+      if (spare_.empty()) spare_.emplace(0, 0);
+      return true;
+    } catch (const std::bad_alloc&) {
+      errno = ENOMEM;
+      return false;
+    }
+  }
+  void add(uid_t user) noexcept {
+    if (const auto found = counts_.find(user); found != counts_.end()) {
+      ++found->second;
+      return;
+    }
+    auto node = spare_.extract(spare_.begin());
+    node.key() = user;
+    node.mapped() = 1;
+    counts_.insert(std::move(node));
+  }
+  void remove(uid_t user) noexcept {
+    const auto found = counts_.find(user);
+    if (--found->second == 0) counts_.erase(found);
+  }
+  std::uint32_t count(uid_t user) const noexcept {
+    const auto found = counts_.find(user);
+    return found != counts_.end() ? found->second : 0;
+  }
+
+ private:
+  std::map<uid_t, std::uint32_t> counts_;
+  std::map<uid_t, std::uint32_t> spare_;
+};
+
 // An endpoint, and what the loop knows of it.
 struct LoopEndpoint {
   CommEndpoint endpoint;
   CommLoopLimits limits;
   CommLoopCounters counters;
-  std::unordered_map<uid_t, std::uint32_t> clients_of_user;
+  LoopUsers users;
 };
 
 struct LoopMember;

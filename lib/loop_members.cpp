@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <new>
+#include <utility>
 
 #include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
@@ -20,47 +21,59 @@ LoopMember* comm_v4_loop::find(CommLoopId id) const noexcept {
   return nullptr;
 }
 
-LoopMember* comm_v4_loop::create(LoopKind kind, CommLoopHandler& handler,
-                                 LoopEndpoint* home) noexcept {
+bool comm_v4_loop::make_room() noexcept {
+  if (!free_slots.empty()) return true;
   try {
-    if (free_slots.empty()) {
-      // Room to give the slot back comes first, so that this never fails.
-      free_slots.reserve(members.size() + 1);
-      members.push_back(std::make_unique<LoopMember>());
-      free_slots.push_back(members.size() - 1);
-    }
-    const std::uint64_t slot = free_slots.back();
-    LoopMember& m = *members[slot];
-    m.due = times.emplace(LoopMember::never, &m).first;
-    free_slots.pop_back();
-    m.id = {slot, ++generations};
-    m.kind = kind;
-    m.handler = &handler;
-    m.home = home;
-    return &m;
+    const std::size_t slot = members.size();
+    if (members.capacity() <= slot) members.reserve(2 * slot + 16);
+    // To give a slot back never fails.
+    if (free_slots.capacity() <= slot) free_slots.reserve(2 * slot + 16);
+    auto m = std::make_unique<LoopMember>();
+    m->id.slot = slot;
+    m->due = times.emplace(LoopMember::never, m.get()).first;
+    members.push_back(std::move(m));
+    free_slots.push_back(slot);
+    return true;
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;
+    return false;
+  }
+}
+
+LoopMember* comm_v4_loop::create(LoopKind kind, CommLoopHandler& handler,
+                                 LoopEndpoint* home) noexcept {
+  if (!epoll.is_open()) {
+    refuse();
     return nullptr;
   }
+  if (!make_room()) return nullptr;
+  LoopMember& m = *members[free_slots.back()];
+  free_slots.pop_back();
+  m.id.generation = ++generations;
+  m.kind = kind;
+  m.handler = &handler;
+  m.home = home;
+  return &m;
 }
 
 void comm_v4_loop::destroy(LoopMember& m) noexcept {
   ErrnoGuard keep_errno;
   stop_settling(m);
   unwatch(m);
-  times.erase(m.due);
+  set_due(m, LoopMember::never);
   if (m.home != nullptr) m.kind == LoopKind::client ? close_client(m) : close_endpoint(m);
   const std::uint64_t slot = m.id.slot;
+  const LoopTimes::iterator due = m.due;
   m = LoopMember();
   m.id.slot = slot;
+  m.due = due;
   free_slots.push_back(slot);
 }
 
 void comm_v4_loop::close_client(LoopMember& m) noexcept {
   drop_queue(m);
   --m.home->counters.connections;
-  const auto user = m.home->clients_of_user.find(m.user);
-  if (--user->second == 0) m.home->clients_of_user.erase(user);
+  m.home->users.remove(m.user);
   loop_connection::close(m);
 }
 

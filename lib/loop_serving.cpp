@@ -42,15 +42,15 @@ CommLoopId comm_v4_loop::add(comm_socket_v4* endpoint, CommLoopHandler& handler,
     errno = EINVAL;
     return {0, 0};
   }
-  if (comm_socket_v4_set_max_descriptors(endpoint, limits.descriptors_per_packet) != 0)
-    return {0, 0};
-  std::unique_ptr<LoopEndpoint> home(new (std::nothrow) LoopEndpoint);
-  const LoopKind kind = endpoint->flags.server ? LoopKind::server : LoopKind::connection;
-  LoopMember* const m = home != nullptr ? create(kind, handler, nullptr) : nullptr;
-  if (m == nullptr) {
-    errno = ENOMEM;
+  if (limits.descriptors_per_packet > COMM_V4_MAX_SEND_FDS) {
+    errno = EINVAL;
     return {0, 0};
   }
+  std::unique_ptr<LoopEndpoint> home(new (std::nothrow) LoopEndpoint);
+  const LoopKind kind = endpoint->flags.server ? LoopKind::server : LoopKind::connection;
+  if (home == nullptr) errno = ENOMEM;
+  LoopMember* const m = home != nullptr ? create(kind, handler, nullptr) : nullptr;
+  if (m == nullptr) return {0, 0};
   if (!watch_endpoint(*m, endpoint)) {
     destroy(*m);
     return {0, 0};
@@ -59,6 +59,8 @@ CommLoopId comm_v4_loop::add(comm_socket_v4* endpoint, CommLoopHandler& handler,
   home->endpoint.reset(endpoint);
   comm_v4_internals::of(endpoint).loop_epoll = epoll.get();
   m->home = home.release();
+  comm_socket_v4_set_max_descriptors(endpoint, limits.descriptors_per_packet);
+  endpoint->flags.idle_enabled = 1;
   const CommLoopId id = m->id;
   if (kind == LoopKind::server) {
     comm_socket_v4_set_descriptor_reserve(endpoint, 0);
@@ -84,7 +86,9 @@ void comm_v4_loop::adopt_clients(LoopMember& server) {
   for (comm_socket_v4_client& client : server.home->endpoint->client) {
     if (client.client_fd < 0) continue;
     LoopMember* const m = add_client(server, client);
-    if (m != nullptr) settle_later(*m);
+    if (m == nullptr) continue;
+    m->since = monotonic_clock_us();
+    settle_later(*m);
   }
 }
 
@@ -94,7 +98,9 @@ void comm_v4_loop::accept_clients(LoopMember& server, std::uint32_t events) {
   const CommLoopId id = server.id;
   comm_socket_v4* const endpoint = server.home->endpoint.get();
   const std::uint64_t& accepted = comm_v4_internals::of(endpoint).accepted;
-  for (std::uint32_t i = 0; i < server.home->limits.accepts_per_turn && server.accepts(); ++i) {
+  const std::uint32_t most = std::max(server.home->limits.accepts_per_turn, 1u);
+  for (std::uint32_t i = 0; i < most && server.accepts(); ++i) {
+    if (!make_room() || !server.home->users.make_room()) return on_failed_accept(server, errno);
     const std::uint64_t accepted_before = accepted;
     comm_socket_v4_client* const client = comm_socket_v4_accept_connection(endpoint);
     if (client == nullptr && accepted == accepted_before) {
@@ -103,10 +109,15 @@ void comm_v4_loop::accept_clients(LoopMember& server, std::uint32_t events) {
       return on_failed_accept(server, is_shut_down ? EINVAL : errno);
     }
     ++server.home->counters.accepted;
-    if (client == nullptr)
+    if (client == nullptr) {
       ++server.home->counters.turned_away_failed;
-    else if (LoopMember* const m = add_client(server, *client); m != nullptr)
-      announce(*m);
+      continue;
+    }
+    // What the slot's last client left there.
+    client->tag = 0;
+    client->recv_cb = nullptr;
+    LoopMember* const m = add_client(server, *client);
+    if (m != nullptr) announce(*m);
     if (!is_there(id)) return;
   }
 }
@@ -134,46 +145,27 @@ void comm_v4_loop::on_failed_accept(LoopMember& server, int error) {
 LoopMember* comm_v4_loop::add_client(LoopMember& server, comm_socket_v4_client& client) {
   CommLoopCounters& counters = server.home->counters;
   const CommLoopLimits& limits = server.home->limits;
-  std::uint64_t* reason = &counters.turned_away_full;
-  LoopMember* m = nullptr;
-  if (counters.connections < limits.clients) {
+  LoopUsers& users = server.home->users;
+  std::uint64_t* reason = nullptr;
+  if (counters.connections >= limits.clients)
+    reason = &counters.turned_away_full;
+  else if (users.count(client.cred.uid) >= limits.clients_per_user)
+    reason = &counters.turned_away_user;
+  else if (!make_room() || !users.make_room())
     reason = &counters.turned_away_failed;
-    m = create_client(server, client);
-  }
-  if (m == nullptr) {
+  if (reason != nullptr) {
     ++*reason;
     comm_socket_v4_client_disconnect_list_clear(server.home->endpoint.get());
     comm_socket_v4_free_client(&client);
     return nullptr;
   }
-  server.warned_of_shortage = false;
-  if (m->home->clients_of_user[m->user] > limits.clients_per_user) {
-    reason = &counters.turned_away_user;
-  } else if (watch(*m, client.client_fd, EPOLLIN)) {
-    return m;
-  }
-  ++*reason;
-  destroy(*m);
-  return nullptr;
-}
-
-LoopMember* comm_v4_loop::create_client(LoopMember& server, comm_socket_v4_client& client) {
-  LoopMember* const m = create(LoopKind::client, *server.handler, nullptr);
-  if (m == nullptr) return nullptr;
-  try {
-    ++server.home->clients_of_user[client.cred.uid];
-  } catch (const std::bad_alloc&) {
-    destroy(*m);
-    return nullptr;
-  }
-  ++server.home->counters.connections;
-  m->home = server.home;
+  LoopMember* const m = create(LoopKind::client, *server.handler, server.home);
+  users.add(client.cred.uid);
+  ++counters.connections;
   m->record = comm_socket_v4_client_ptr2index(&client);
   m->user = client.cred.uid;
-  m->since = now;
-  // What the slot's last client left there.
-  client.tag = 0;
-  client.recv_cb = nullptr;
+  m->since = client.accept_time_us;
+  server.warned_of_shortage = false;
   return m;
 }
 

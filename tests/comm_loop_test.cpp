@@ -351,7 +351,7 @@ TEST_F(CommLoopTest, WhoIsTooMuchIsTurnedAwayAndCounted) {
   await_end(second->socket_fd);
   EXPECT_EQ("-1 ENOTCONN", answered(comm_socket_v4_idle(second)));
   CommLoopLimits none;
-  none.clients = 0;
+  none.clients = none.accepts_per_turn = none.packets_per_turn = 0;
   address += "2";
   loop.serve(address.c_str(), handler, none);
   join();
@@ -390,6 +390,28 @@ TEST_F(CommLoopTest, WithoutDescriptorsAcceptsWaitAndGoOnByThemselves) {
   send_from(c);
   EXPECT_EQ((Lines{"0 ping", "1 connect"}), until("1 connect"));
   EXPECT_EQ(1u, captured.lines().size());
+}
+
+TEST_F(CommLoopTest, WithoutMemoryNobodyIsLost) {
+  struct Echo : CommLoopHandler {
+    void on_packet(CommLoop& l, CommLoopId from, comm_socket_v4_packet* p) override {
+      l.send(from, p);
+    }
+  } echo;
+  loop.serve(address.c_str(), echo);
+  for (unsigned k = 1, fired = 1; fired != 0; ++k) {
+    CommEndpoint c = make_endpoint();
+    comm_socket_v4_connect_to(c.get(), address.c_str());
+    send_from(c.get());
+    Faults faults;
+    faults.fail_any(k, ENOMEM, {Call::malloc, Call::operator_new});
+    faults.during([&] { quiet(); });
+    fired = faults.fired();
+    while (comm_socket_v4_is_open(c.get()) && retrieve(c.get()) == nullptr) loop.dispatch(in_ms(1));
+    EXPECT_EQ(1, comm_socket_v4_is_open(c.get())) << "allocation " << k;
+    clients.push_back(std::move(c));
+  }
+  EXPECT_EQ(clients.size(), counters().connections);
 }
 
 TEST_F(CommLoopTest, WhoTakesTooLongIsEnded) {
