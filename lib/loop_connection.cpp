@@ -20,6 +20,11 @@ bool is_open(const LoopMember& m) {
   return m.kind == LoopKind::client ? record(m)->client_is_open() : m.home->endpoint->socket_open();
 }
 
+bool holds_packet(const LoopMember& m) {
+  return (m.kind == LoopKind::client ? record(m)->next_packet : m.home->endpoint->next_packet) !=
+         nullptr;
+}
+
 struct ucred peer(const LoopMember& m) {
   struct ucred who = {0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
   if (m.kind == LoopKind::client) return record(m)->cred;

@@ -11,6 +11,7 @@ namespace loop_connection {
 comm_socket_v4_client* record(const LoopMember& m);
 int fd(const LoopMember& m);
 bool is_open(const LoopMember& m);
+bool holds_packet(const LoopMember& m);
 struct ucred peer(const LoopMember& m);
 
 struct Retrieved {

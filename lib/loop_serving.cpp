@@ -64,6 +64,8 @@ CommLoopId comm_v4_loop::add(comm_socket_v4* endpoint, CommLoopHandler& handler,
   const CommLoopId id = m->id;
   if (kind == LoopKind::server) {
     comm_socket_v4_set_descriptor_reserve(endpoint, 0);
+    m->accepts_nobody = comm_v4_internals::of(endpoint).stopped_listening;
+    update_events(*m);
     adopt_clients(*m);
   } else {
     m->connecting = comm_socket_v4_connection_pending(endpoint);
@@ -236,6 +238,8 @@ void comm_v4_loop::on_nothing_read(LoopMember& m, int error) {
     leave(m, m.sending_ended ? comm_loop_finished : comm_loop_peer_ended, 0);
   } else if (error == ENOMEM) {
     put_off(m, m.read_put_off);
+  } else if (error != 0 && error != EAGAIN && error != EINTR) {
+    leave(m, comm_loop_failed, error);
   }
 }
 
@@ -389,8 +393,9 @@ void comm_v4_loop::settle(LoopMember& m) {
     if (is_there(id)) destroy(m);
   } else if (m.kind == LoopKind::server) {
     m.handler->on_accept_failed(loop, id, m.error);
-  } else if (!m.announced && announce(m)) {
-    // A packet may have been read before the endpoint came into the loop.
+  } else if (!m.announced) {
+    announce(m);
+  } else {
     read(m);
     if (is_there(id)) update_events(m);
   }
@@ -424,13 +429,16 @@ void comm_v4_loop::update_events(LoopMember& m) {
     events = m.accepts() ? EPOLLIN : 0u;
   } else if (m.is_connection()) {
     fd = loop_connection::fd(m);
+    // Read before the endpoint came into the loop: no event will tell.
+    if (m.reads() && loop_connection::holds_packet(m)) settle_later(m);
     events = (m.reads() ? EPOLLIN : 0u) | (!m.queue.empty() && !m.send_put_off ? EPOLLOUT : 0u);
   } else if (!m.paused) {
     events = m.wanted_events;
   }
   if (events == 0) return unwatch(m);
   if (watch(m, fd, events)) return;
-  if (m.is_connection())
+  // ENOSPC: so many may be watched, max_user_watches of epoll(7).
+  if (m.is_connection() && !is_shortage(errno) && errno != ENOSPC)
     leave(m, comm_loop_failed, errno);
   else
     put_off(m, m.watch_put_off);
@@ -469,9 +477,14 @@ void comm_v4_loop::on_due(LoopMember& m) {
     update_events(m);
   }
   if (patience_until(m) > now) return update_due(m);
-  if (m.connecting) {
-    m.connecting = false;
-    return leave(m, comm_loop_failed, ETIMEDOUT);
+  if (m.connecting && !m.finishing) return leave(m, comm_loop_failed, ETIMEDOUT);
+  if (!m.finishing) {
+    // In time, and not read since others took long.
+    const CommLoopId id = m.id;
+    read(m);
+    if (!is_there(id)) return;
+    update_events(m);
+    if (patience_until(m) > now) return update_due(m);
   }
   const bool was_silent = !m.has_sent_a_packet && m.home->limits.first_packet_us != 0;
   leave(m,
@@ -485,7 +498,7 @@ int comm_v4_loop::stop_listening(LoopMember& server) {
   unwatch(server);
   const int result = comm_socket_v4_stop_listening(server.home->endpoint.get());
   const int error = errno;
-  server.accepts_nobody = result == 0;
+  if (result == 0) server.accepts_nobody = true;
   update_events(server);
   errno = error;
   return result;

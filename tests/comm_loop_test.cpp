@@ -455,6 +455,16 @@ TEST_F(CommLoopTest, WhoTakesTooLongIsEnded) {
   EXPECT_EQ(Lines{"time"}, until("time"));
   EXPECT_LE(called + 20000, in_ms(0));
   EXPECT_EQ(Outcome(-1, ENOENT), outcome([&] { return loop.remove(timer); }));
+
+  address.pop_back();
+  join();
+  usleep(10000);
+  comm_socket_v4* const late = join();
+  usleep(12000);
+  send_from(late);
+  usleep(15000);
+  // Its packet is behind the time of the other.
+  until(std::to_string(handler.peers.size() - 1) + " ping");
 }
 
 TEST_F(CommLoopTest, AConnectThatMeetsAFullQueueCompletesByItself) {
@@ -649,8 +659,12 @@ TEST_F(CommLoopTest, TakesOverWhatIsOpen) {
   EXPECT_NE(nullptr, s->client[index].next_packet);
   const CommEndpoint closed = make_endpoint();
   EXPECT_EQ(Outcome(0, EINVAL), outcome([&] { return there(loop.add(closed.get(), handler)); }));
-  EXPECT_NE(0u, loop.add(s.release(), handler).generation);
-  EXPECT_EQ((Lines{"0 connect", "0 ping"}), quiet());
+  handler.connect_hook = [&](CommLoopId id) { return loop.pause(id) == 0; };
+  limits.idle_us = 60000000;
+  EXPECT_NE(0u, loop.add(s.release(), handler, limits).generation);
+  EXPECT_EQ(Lines{"0 connect"}, quiet());
+  loop.resume(peer());
+  EXPECT_EQ(Lines{"0 ping"}, quiet());
 }
 
 }  // namespace
