@@ -18,10 +18,12 @@
 //    be called from any thread and from a signal handler.
 //  - Handlers are called by dispatch() and run() only, never from within another call, and may call
 //    everything but these two: send, disconnect, pause, add and remove endpoints, their own
-//    included, and stop. They must not throw.
+//    included, and stop. They must not throw, nor destroy the loop. Receive callbacks and log sinks
+//    of comm.h are no handlers: they must not call the loop.
 //  - Endpoints in a loop belong to it. Settings and log functions of comm.h may be called on them,
 //    but nothing that opens, closes, reads, sends, accepts or releases, and no wait. `halt` and
-//    pending_response_packet of client records stay as they are: pause() is in their place.
+//    pending_response_packet of client records and flags.idle_enabled stay as they are: pause() is
+//    in their place.
 //  - A forked child must not use the loop of its parent. It may destroy it: this closes the copies
 //    that the child has and does nothing to what the parent serves.
 //  - Memory. Without memory for a connection the accept is put off, without memory for a packet the
@@ -68,7 +70,8 @@ struct CommLoopLimits {
   // own included, may have half of the places, so that no user keeps all others out.
   std::uint32_t clients = 1024;
   std::uint32_t clients_per_user = 512;
-  // How much of one server and of one connection is done before it is the turn of the others.
+  // How much of one server and of one connection is done before it is the turn of the others; 0
+  // counts as 1.
   std::uint32_t accepts_per_turn = 16;
   std::uint32_t packets_per_turn = 16;
   // Of each connection: with this much queued it is full. Nothing more is read from it, and
@@ -84,7 +87,7 @@ struct CommLoopLimits {
   std::uint64_t first_packet_us = 0;
   std::uint64_t idle_us = 0;
   // How long a connect may take, 0: for ever. How long finish() waits for the peer to read, and to
-  // end.
+  // end; 0: not at all.
   std::uint64_t connect_us = 0;
   std::uint64_t finish_us = 5000000;
   std::uint64_t reserved[4] = {};  // 0
@@ -92,17 +95,18 @@ struct CommLoopLimits {
 
 // What happened, since it was added to the loop, and what is there.
 struct CommLoopCounters {
-  std::uint64_t accepted = 0;             // those that were turned away included
-  std::uint64_t turned_away_full = 0;     // CommLoopLimits::clients
-  std::uint64_t turned_away_user = 0;     // clients_per_user
-  std::uint64_t turned_away_handler = 0;  // on_connect said no
-  std::uint64_t turned_away_failed = 0;   // its credentials could not be read, or it not watched
-  std::uint64_t accepts_put_off = 0;      // for want of descriptors or memory
+  std::uint64_t accepted = 0;                  // those that were turned away included
+  std::uint64_t turned_away_full = 0;          // CommLoopLimits::clients
+  std::uint64_t turned_away_user = 0;          // clients_per_user
+  std::uint64_t turned_away_handler = 0;       // on_connect said no
+  std::uint64_t turned_away_failed = 0;        // its credentials could not be read
+  std::uint64_t accepts_put_off = 0;           // for want of descriptors or memory
   std::uint64_t gone[COMM_LOOP_REASONS] = {};  // connections, by CommLoopReason
   std::uint64_t packets_received = 0;          // handed to a handler
   std::uint64_t bytes_received = 0;
-  std::uint64_t packets_dropped = 0;  // received and not valid, too long or with too many
-                                      // descriptors, or refused by a receive callback
+  std::uint64_t packets_dropped = 0;  // received and not valid, too long, with too many
+                                      // descriptors or without room for them in this
+                                      // process, or refused by a receive callback
   std::uint64_t packets_sent = 0;     // taken by the kernel
   std::uint64_t bytes_sent = 0;
   std::uint64_t packets_unsent = 0;  // queued, and dropped with their connection
@@ -137,7 +141,7 @@ class COMM_V4_EXPORT CommLoopHandler {
   virtual void on_accept_failed(CommLoop& loop, CommLoopId server, int error);
   // A watched descriptor is ready: bits of poll(2).
   virtual void on_ready(CommLoop& loop, CommLoopId watched, std::uint32_t events);
-  // The time of a timer has come; the timer has gone.
+  // The time of a timer has come; the timer has gone, and its tag with it.
   virtual void on_time(CommLoop& loop, CommLoopId timer);
 };
 
@@ -178,7 +182,8 @@ class COMM_V4_EXPORT CommLoop {
   // An open endpoint, which the loop owns from then on; when it fails it is still the caller's. The
   // limits replace what comm_socket_v4_set_max_descriptors and _set_descriptor_reserve set. Clients
   // that a server has already are reported by on_connect, like a connection that is complete.
-  // Errno EINVAL for a closed endpoint, ENOMEM, or that of epoll_ctl(2).
+  // Errno EINVAL for a closed endpoint and for more descriptors_per_packet than
+  // COMM_V4_MAX_SEND_FDS, ENOMEM, or that of timerfd_create(2) or epoll_ctl(2).
   CommLoopId add(comm_socket_v4* endpoint, CommLoopHandler& handler,
                  const CommLoopLimits& limits = CommLoopLimits());
   // comm_socket_v4_create_server, comm_socket_v4_connect_to and
@@ -198,7 +203,8 @@ class COMM_V4_EXPORT CommLoop {
   // are served on. Clear flags.bound of the endpoint before, when the file is to stay.
   // Returns 0; -1; errno ENOENT, EINVAL for what is no server, or that of socket(2).
   int stop_listening(CommLoopId server);
-  // Returns the endpoint of a server or of a connection, for its settings; null when it has gone.
+  // Returns the endpoint of a server or of a connection, for its settings: of a client that of its
+  // server. Null when it has gone, and for anything else.
   comm_socket_v4* endpoint(CommLoopId id) const;
 
   // --- Connections ------------------------------------------------------------------------------
@@ -222,7 +228,8 @@ class COMM_V4_EXPORT CommLoop {
   // dropped. Returns as disconnect.
   int finish(CommLoopId peer);
   // pause: no packet is handed over, nobody is accepted, no event of a watched descriptor is told,
-  // until resume. A pause counts once, however often it is called.
+  // until resume. A pause counts once, however often it is called. That a paused connection has
+  // ended may be told only then.
   // Return 0; -1; errno ENOENT when it has gone, EINVAL for a timer.
   int pause(CommLoopId id);
   int resume(CommLoopId id);
