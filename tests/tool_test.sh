@@ -94,6 +94,11 @@ for pattern in ' -[A-Za-z], --[a-z-]+' '--[a-z][a-z-]+'; do
     <(for command in "" call serve ping proxy decode; do "$tool" $command --help; done |
       options "$pattern")
 done
+# shellcheck source=tool/tarn-comm.bash-completion
+. "${manual%.1}.bash-completion"
+completed() { COMP_WORDS=("$tool" "$@") COMP_CWORD=$#; _tarn_comm "$tool"; echo "${COMPREPLY[*]}"; }
+check "completion" diff <(completed p; completed --v; completed call --mes; completed ping -f f) \
+  <(printf '%s\n' "ping proxy" --version --message-id full)
 expect 0 "sees the proxy's process, user and group ids" proxy --help
 expect 2 "call: PATH is empty" call "" x
 expect 2 "ping: --count: '0' is out of range" ping -c 0 s
