@@ -319,6 +319,9 @@ check "a packet without overlaps is shown whole" [ "$(grep -c Cut out)" -eq 0 ]
 expect 1 "^'good':" decode good file packets/00000*
 check "each file" [ "$(grep -c "^.Command: " out)" -eq $((1 + $(printf '%s\n' packets/00000* | wc -l))) ]
 check "one is none" grep -q "decode: 'file' is no valid packet: too short" err
+on_terminal() { python3 -c 'import pty, sys; pty.spawn(sys.argv[1:])' "$@"; }
+check "colours" [ "$(on_terminal env TERM=vt100 NO_COLOR= "$tool" decode good | grep -c $'\033')" -gt 3 ]
+check "no colours" [ "$(on_terminal env TERM=vt100 NO_COLOR=1 "$tool" decode good | grep -c $'\033')" -eq 0 ]
 broken() {  # OFFSET BYTES PATTERN
   cp good bad && patch bad "$1" "$2" && expect 1 "'bad' is no valid packet: $3" decode bad
 }

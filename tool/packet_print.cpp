@@ -2,9 +2,12 @@
 
 #include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <map>
 
@@ -41,6 +44,29 @@ void copy_descriptor(int from, int to, std::uint64_t deadline_us) {
   }
 }
 
+bool wants_colours() {
+  const char* const refused = std::getenv("NO_COLOR");
+  const char* const terminal = std::getenv("TERM");
+  return ::isatty(STDOUT_FILENO) == 1 && (refused == nullptr || *refused == '\0') &&
+         terminal != nullptr && std::string_view(terminal) != "dumb";
+}
+
+// The labels at the margin, of errors in red. No other line begins with an asterisk.
+std::string coloured(std::string_view listing) {
+  std::string text;
+  while (!listing.empty()) {
+    const std::string_view line =
+        listing.substr(0, std::min(listing.find('\n'), listing.size() - 1) + 1);
+    const std::size_t label = line[0] == '*' ? line.find(':') + 1 : 0;
+    if (label != 0) text += line.starts_with("*Error str") ? "\033[1;31m" : "\033[1m";
+    text += line.substr(0, label);
+    if (label != 0) text += "\033[0m";
+    text += line.substr(label);
+    listing.remove_prefix(line.size());
+  }
+  return text;
+}
+
 }  // namespace
 
 Option format_option(Format& target) {
@@ -61,7 +87,9 @@ void print_packet(const comm_socket_v4_packet& packet, Format format) {
   if (format == Format::data) {
     std::fwrite(packet.data(), 1, packet.data_length(), stdout);
   } else if (format != Format::none) {
-    const std::string listing = listing_of(packet, format == Format::full);
+    static const bool colours = wants_colours();
+    std::string listing = listing_of(packet, format == Format::full);
+    if (colours) listing = coloured(listing);
     std::fwrite(listing.data(), 1, listing.size(), stdout);
   }
 }
