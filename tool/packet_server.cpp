@@ -164,15 +164,6 @@ void PacketServer::on_accept_failed(CommLoop& /*loop*/, CommLoopId /*server*/, i
 
 // --- Packets from and to a client ---------------------------------------------------------------
 
-std::string PacketServer::heading(const Peer& peer, Sender /*sender*/) const {
-  return peer.name() + ": ";
-}
-
-std::string PacketServer::save(const Peer& /*peer*/, Sender /*sender*/,
-                               const comm_socket_v4_packet& /*packet*/) {
-  return "";
-}
-
 int PacketServer::receive(const Peer& peer, Sender sender, comm_socket_v4_packet& packet) {
   std::string rule;
   const bool went_well = loop_.attempt([&] {

@@ -58,7 +58,7 @@ class PacketServer : protected CommLoopHandler {
   void run();  // until a signal asks for the end
 
  protected:
-  // More than the loop's own, of everything that the kernel limits by itself.
+  // Nobody is kept out, and no descriptor.
   static CommLoopLimits limits();
 
   virtual std::unique_ptr<Peer> make_peer() { return std::make_unique<Peer>(); }
@@ -74,8 +74,8 @@ class PacketServer : protected CommLoopHandler {
   enum class Sender { client, server };
   int receive(const Peer& peer, Sender sender, comm_socket_v4_packet& packet);
   // How the line of a packet begins, and how it ends.
-  virtual std::string heading(const Peer& peer, Sender sender) const;
-  virtual std::string save(const Peer& peer, Sender sender, const comm_socket_v4_packet& packet);
+  virtual std::string heading(const Peer& peer, Sender) const { return peer.name() + ": "; }
+  virtual std::string save(const Peer&, Sender, const comm_socket_v4_packet&) { return ""; }
 
   // As CommLoop::send; without memory it throws.
   int send(CommLoopId to, comm_socket_v4_packet& packet);
