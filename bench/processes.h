@@ -24,7 +24,7 @@ class Child {
   ~Child();
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
-  // That it has run, in user space and in the kernel.
+  // That it has run, in user space and in the kernel, once it waits for something to do.
   double processor_seconds() const;
 
  private:
