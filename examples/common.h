@@ -60,15 +60,36 @@ inline bool read_rest(int fd, std::string& bytes) {
 }
 
 // As cksum(1) prints it, so that anybody can compare: a CRC of the bytes and then of their number.
-inline std::uint32_t cksum(std::string bytes) {
-  for (std::size_t length = bytes.size(); length != 0; length >>= 8)
-    bytes.push_back(static_cast<char>(length & 0xff));
-  std::uint32_t crc = 0;
-  for (const char byte : bytes) {
-    crc ^= static_cast<std::uint32_t>(static_cast<unsigned char>(byte)) << 24;
-    for (int bit = 0; bit < 8; ++bit) crc = crc << 1 ^ (crc >> 31 ? 0x04c11db7u : 0u);
+class Cksum {
+ public:
+  void add(const void* bytes, std::size_t count) {
+    const auto* const first = static_cast<const unsigned char*>(bytes);
+    for (const auto* byte = first; byte < first + count; ++byte) crc_ = next(crc_, *byte);
+    length_ += count;
   }
-  return ~crc;
+  std::uint32_t value() const {
+    std::uint32_t crc = crc_;
+    for (std::uint64_t length = length_; length != 0; length >>= 8)
+      crc = next(crc, static_cast<unsigned char>(length));
+    return ~crc;
+  }
+  std::uint64_t length() const { return length_; }
+
+ private:
+  static std::uint32_t next(std::uint32_t crc, unsigned char byte) {
+    crc ^= static_cast<std::uint32_t>(byte) << 24;
+    for (int bit = 0; bit < 8; ++bit) crc = crc << 1 ^ (crc >> 31 ? 0x04c11db7u : 0u);
+    return crc;
+  }
+
+  std::uint32_t crc_ = 0;
+  std::uint64_t length_ = 0;
+};
+
+inline std::uint32_t cksum(const std::string& bytes) {
+  Cksum sum;
+  sum.add(bytes.data(), bytes.size());
+  return sum.value();
 }
 
 #endif
