@@ -75,7 +75,9 @@ struct CommLoopLimits {
   std::uint32_t accepts_per_turn = 16;
   std::uint32_t packets_per_turn = 16;
   // Of each connection: with this much queued it is full. Nothing more is read from it, and
-  // nothing more may be sent to it, until all that is queued has gone.
+  // nothing more may be sent to it, until all that is queued has gone. Of a peer that is not full
+  // the end is read, and what is queued for it is dropped, also where it has only ended its sending
+  // and would still read: queued_packets of 1 spares those that end so once they have asked.
   std::uint32_t queued_packets = 64;
   std::uint64_t queued_bytes = 1048576;
   // comm_socket_v4_set_max_descriptors: a packet with more is dropped. Whoever is to pass
