@@ -123,7 +123,8 @@ TEST_F(BuilderTest, SaysWhatWouldBeLost) {
        [](Builder& b) {
          b.data({nullptr, 1});
        }},
-      {"pair 0: too late EINVAL", [](Builder& b) { b.data("x"s).pair("k", "v").user_flags(1); }},
+      {"pair 1: too late EINVAL",
+       [](Builder& b) { b.pair("k", "v").data("x"s).pair("k", "v").user_flags(1); }},
       {"argument 0: too late EINVAL", [](Builder& b) { b.data("x"s).argument_uint64(1); }},
       {"header: reserved for the library EINVAL", [](Builder& b) { b.user_flags(8).data("x"s); }},
       {"packet: too late EINVAL", [](Builder& b) { EXPECT_TRUE(b.finish()); }},

@@ -339,14 +339,19 @@ class CommPacketBuilder {
   bool has_written() const noexcept {
     return packet_ != nullptr && packet_->write_state == comm_socket_v4_packet::write_state_data;
   }
+  // So many so far; both leave their arrays for the packet with the data.
   std::size_t arguments() const noexcept {
-    return packet_ != nullptr ? packet_->wr_argv.size() : 0;
+    if (packet_ == nullptr) return 0;
+    return has_written() ? packet_->argc() : packet_->wr_argv.size();
   }
-  std::size_t pairs() const noexcept { return packet_ != nullptr ? packet_->wr_nv_pair.size() : 0; }
+  std::size_t pairs() const noexcept {
+    if (packet_ == nullptr) return 0;
+    return has_written() ? packet_->nv_entries() : packet_->wr_nv_pair.size();
+  }
   // With the tables that are not written yet.
   std::size_t length() const noexcept {
-    return packet_->buffer_write + arguments() * sizeof(comm_socket_v4_packet_argv) +
-           pairs() * sizeof(comm_socket_v4_packet_nv_pair);
+    return packet_->buffer_write + packet_->wr_argv.size() * sizeof(comm_socket_v4_packet_argv) +
+           packet_->wr_nv_pair.size() * sizeof(comm_socket_v4_packet_nv_pair);
   }
   bool has_room_for(std::size_t bytes) const noexcept {
     return length() <= limit_ && bytes <= limit_ - length();
@@ -648,8 +653,10 @@ class CommClient {
   CommPacket next(std::chrono::microseconds timeout);
   // Returns a message id that no call and no next_id had before; never 0.
   std::uint64_t next_id() noexcept { return ++last_id_; }
-  // How many packets may be kept.
-  void keep_at_most(std::size_t packets) noexcept { most_kept_ = packets; }
+  // How many packets may be kept, 1 at least.
+  void keep_at_most(std::size_t packets) noexcept {
+    most_kept_ = std::max<std::size_t>(packets, 1);
+  }
 
  private:
   // Of that many calls that timed out it is known that their answers are to be dropped.
