@@ -20,10 +20,9 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-
 // For each wait: a server may have to do the jobs of others first.
-constexpr std::chrono::seconds patience = 60s;
+constexpr std::chrono::seconds patience(60);
+constexpr std::chrono::seconds no_time(0);
 
 struct Job {
   std::vector<std::string> words;
@@ -88,11 +87,11 @@ class Client {
       return request;
     };
     Outgoing request = by_parts_ ? Outgoing(begin, std::move(input)) : Outgoing(begin);
-    while (request.has_next() && jobs_.count(id) != 0) {
+    while (request.has_next() && jobs_.contains(id)) {
       const CommPacket part = request.next();
       if (part == nullptr) fail(job.text().c_str());
       if (!server_.send(part, patience)) return is_there();
-      if (!is_slow_ && !take_answers(0s)) return false;
+      if (!is_slow_ && !take_answers(no_time)) return false;
     }
     return true;
   }
@@ -113,7 +112,7 @@ class Client {
       const CommPacket answer = server_.next(wait);
       if (answer != nullptr)
         take(*answer);
-      else if (errno == ETIMEDOUT && wait == 0s)
+      else if (errno == ETIMEDOUT && wait == no_time)
         return true;
       else
         return is_there();

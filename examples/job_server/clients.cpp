@@ -13,7 +13,8 @@
 
 namespace {
 
-// Beside the descriptors of jobs and answers, these stay below the usual limit of 1024.
+// With a descriptor for each of them, for each job and for each answer these stay below the usual
+// limit of 1024. There are no more workers than jobs.
 constexpr std::uint32_t most_clients = 64;
 constexpr std::size_t most_jobs_per_client = 4;  // answers that are not sent included
 constexpr std::uint64_t most_bytes = 64 << 20;   // of a file that we keep, in either direction
@@ -46,7 +47,7 @@ Clients::Clients(CommLoop& loop, const std::string& worker_program)
 // --- Coming and going ----------------------------------------------------------------------------
 
 // Anybody may connect to the socket: what the kernel says of the peer decides.
-bool Clients::on_connect(CommLoop&, CommLoopId peer, const struct ucred& who) {
+bool Clients::on_connect(CommLoop& /*loop*/, CommLoopId peer, const struct ucred& who) {
   const bool is_trusted = who.uid == ::geteuid() || who.uid == 0;
   std::printf("client %" PRIu64 ": pid %d, uid %u%s\n", peer.generation, who.pid, who.uid,
               is_trusted ? "" : ", turned away");
@@ -54,12 +55,13 @@ bool Clients::on_connect(CommLoop&, CommLoopId peer, const struct ucred& who) {
   return is_trusted;
 }
 
-void Clients::on_gone(CommLoop&, CommLoopId peer, CommLoopReason, int) {
+void Clients::on_gone(CommLoop& /*loop*/, CommLoopId peer, CommLoopReason /*why*/, int /*error*/) {
   std::printf("client %" PRIu64 " has left\n", peer.generation);
   for (auto job = jobs_.begin(); job != jobs_.end();) {
+    const std::uint64_t id = job->first;
     const bool is_of_peer = job->second.client == peer;
-    if (is_of_peer) workers_.cancel(job->first);
     job = is_of_peer ? jobs_.erase(job) : std::next(job);
+    if (is_of_peer) workers_.cancel(id);
   }
   clients_.erase(peer.generation);
   if (drains_ && clients_.empty()) loop_.stop();
@@ -72,7 +74,13 @@ void Clients::drain() {
   for (auto& [generation, client] : clients_) update(client);
 }
 
-void Clients::on_time(CommLoop&, CommLoopId) {
+// Whoever looks after the server has to start it again.
+void Clients::on_accept_failed(CommLoop& /*loop*/, CommLoopId /*server*/, int error) {
+  std::printf("nobody can be accepted any more: %s\n", std::strerror(error));
+  drain();
+}
+
+void Clients::on_time(CommLoop& /*loop*/, CommLoopId /*timer*/) {
   std::printf("%zu clients have not taken their answers in time\n", clients_.size());
   loop_.stop();
 }
@@ -88,7 +96,7 @@ void Clients::update(Client& client) {
 
 // --- Requests ------------------------------------------------------------------------------------
 
-void Clients::on_packet(CommLoop&, CommLoopId from, comm_socket_v4_packet* packet) {
+void Clients::on_packet(CommLoop& /*loop*/, CommLoopId from, comm_socket_v4_packet* packet) {
   if (!CommPacketReader(*packet).is_request()) return;
   Client& client = clients_.at(from.generation);
   const int error = receive(client, *packet);
@@ -156,11 +164,11 @@ int Clients::submit(Client& client, Job job) {
   if (job.input.is_open()) request.descriptor(std::move(job.input));
   if (job.output.is_open()) request.descriptor(std::move(job.output));
   if (job.result.is_open()) request.descriptor_cloexec(job.result.get());
-  CommPacket packet = request.finish();
-  if (packet == nullptr) return errno;
+  const CommPacket packet = request.finish();
+  const int error = packet != nullptr ? workers_.run(packet) : errno;
+  if (error != 0) return error;
   jobs_.emplace(id, std::move(job));
   ++client.jobs;
-  workers_.run(std::move(packet));
   return 0;
 }
 
@@ -174,7 +182,7 @@ void Clients::on_done(std::uint64_t id, const comm_socket_v4_packet* result, int
   --client.jobs;
   if (result != nullptr) error = static_cast<int>(result->error_code);
   if (error == 0 && job.result.is_open() && !rewind(job.result)) error = errno;
-  if (error != 0)
+  if (error != 0 || result == nullptr)
     answer_error(client, job.command, job.message_id, error);
   else
     answer(client, std::move(job), *result);
@@ -224,7 +232,7 @@ void Clients::send_answers(Client& client) {
   }
 }
 
-void Clients::on_room(CommLoop&, CommLoopId peer) {
+void Clients::on_room(CommLoop& /*loop*/, CommLoopId peer) {
   Client& client = clients_.at(peer.generation);
   client.has_room = true;
   send_answers(client);

@@ -24,11 +24,12 @@ class Clients : public CommLoopHandler {
   void drain();
   Workers& workers() { return workers_; }
 
-  bool on_connect(CommLoop&, CommLoopId peer, const struct ucred& who) override;
-  void on_packet(CommLoop&, CommLoopId from, comm_socket_v4_packet* packet) override;
-  void on_room(CommLoop&, CommLoopId peer) override;
-  void on_gone(CommLoop&, CommLoopId peer, CommLoopReason why, int error) override;
-  void on_time(CommLoop&, CommLoopId timer) override;
+  bool on_connect(CommLoop& loop, CommLoopId peer, const struct ucred& who) override;
+  void on_packet(CommLoop& loop, CommLoopId from, comm_socket_v4_packet* packet) override;
+  void on_room(CommLoop& loop, CommLoopId peer) override;
+  void on_gone(CommLoop& loop, CommLoopId peer, CommLoopReason why, int error) override;
+  void on_accept_failed(CommLoop& loop, CommLoopId server, int error) override;
+  void on_time(CommLoop& loop, CommLoopId timer) override;
 
  private:
   struct Job {
@@ -45,7 +46,7 @@ class Clients : public CommLoopHandler {
   struct Client {
     CommLoopId id = {0, 0};
     std::optional<Job> incoming;  // its input is not complete
-    std::size_t jobs = 0;         // that wait or run
+    std::size_t jobs = 0;         // that run
     std::deque<Outgoing> answers;
     CommPacket unsent;  // the next packet, for which there was no room
     bool has_room = true;

@@ -34,7 +34,7 @@ void Successor::start(std::vector<std::string> words, int listener) {
 }
 
 // Something to read, or the end: a process that has ended was not ready.
-void Successor::on_ready(CommLoop&, CommLoopId watched, std::uint32_t) {
+void Successor::on_ready(CommLoop& /*loop*/, CommLoopId watched, std::uint32_t /*events*/) {
   char byte;
   const bool is_there = ::read(readiness_.get(), &byte, 1) == 1;
   loop_.remove(watched);

@@ -25,7 +25,7 @@ class Successor : public CommLoopHandler {
   // the descriptor to be ready on. Does nothing while one is starting.
   void start(std::vector<std::string> words, int listener);
 
-  void on_ready(CommLoop&, CommLoopId watched, std::uint32_t events) override;
+  void on_ready(CommLoop& loop, CommLoopId watched, std::uint32_t events) override;
 
  private:
   void end();

@@ -59,7 +59,7 @@ class JobServer : public CommLoopHandler {
     std::printf("process %d has finished\n", ::getpid());
   }
 
-  void on_ready(CommLoop&, CommLoopId, std::uint32_t) override {
+  void on_ready(CommLoop& /*loop*/, CommLoopId /*signals*/, std::uint32_t /*events*/) override {
     struct signalfd_siginfo info;
     while (::read(signals_.get(), &info, sizeof(info)) == sizeof(info)) {
       if (info.ssi_signo == SIGCHLD)
