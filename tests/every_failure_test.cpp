@@ -1,6 +1,9 @@
 // One scenario that touches everything, played again and again: each time the next one of the calls
 // that it makes of the system and of the allocator fails, is interrupted, or meets a full queue.
+#include <tarn_utils_v4/comm_loop.h>
+
 #include <climits>
+#include <memory>
 
 #include "connections.h"
 
@@ -154,38 +157,118 @@ class EveryFailureTest : public CommTest {
     const int fd = comm_socket_v4_socketpair_get_remote_end(c);
     step("adopt", 0, [&] { return comm_socket_v4_connect_use_socketpair(late, fd); });
   }
+
+  // The same scenario twice on what `make` gives, the first time with the next fault, until there
+  // are no more.
+  template <class Make, class Play>
+  void play_all(const std::vector<Mode>& modes, const Make& make, const Play& play_once) {
+    StderrCapture captured;
+    for (const Mode& mode : modes) {
+      mode_ = &mode;
+      unsigned k = 0;
+      for (bool met = true; met && !HasFailure(); captured.clear()) {
+        SCOPED_TRACE(testing::Message() << "error " << mode.error << ", call " << ++k);
+        const Lines before = open_descriptors();
+        {
+          const auto scene = make();
+          Faults faults, none;
+          faults.fail_any(k, mode.error, mode.calls);
+          for (Faults* const now : {&faults, &none}) {
+            faults_ = &now->replace(Call::usleep, [](auto&, void*) { return 0; });
+            try {
+              play_once(*scene);
+            } catch (const Over&) {
+              EXPECT_EQ(&faults, faults_) << "does not work again";
+            }
+          }
+          met = faults.fired() != 0;
+        }
+        EXPECT_EQ(Lines{}, changed_descriptors(before));
+      }
+      EXPECT_LT(10u, k) << "the scenario makes hardly any calls";
+    }
+  }
 };
 
 TEST_F(EveryFailureTest, IsToldLosesNothingAndLeavesEverythingUsable) {
-  const Mode modes[] = {
-      {0, {}},
-      {EINTR, {Call::sendmsg, Call::recvmsg, Call::select, Call::poll, Call::usleep}},
-      {EAGAIN, {Call::sendmsg, Call::recvmsg, Call::connect, Call::accept4}}};
-  StderrCapture captured;
+  struct Scene {
+    const CommEndpoint s = make_endpoint(), c = make_endpoint(), late = make_endpoint();
+  };
   fs::create_symlink(path_, link_);
-  for (const Mode& mode : modes) {
-    mode_ = &mode;
-    unsigned k = 0;
-    for (bool met = true; met && !HasFailure(); captured.clear()) {
-      SCOPED_TRACE(testing::Message() << "error " << mode.error << ", call " << ++k);
-      const Lines before = open_descriptors();
-      {
-        const CommEndpoint s = make_endpoint(), c = make_endpoint(), late = make_endpoint();
-        Faults faults, none;
-        faults.fail_any(k, mode.error, mode.calls);
-        for (Faults* const now : {&faults, &none}) {
-          faults_ = &now->replace(Call::usleep, [](auto&, void*) { return 0; });
-          try {
-            play(s.get(), c.get(), late.get());
-          } catch (const Over&) {
-          }
-        }
-        met = faults.fired() != 0;
-      }
-      EXPECT_EQ(Lines{}, changed_descriptors(before));
-    }
-    EXPECT_LT(10u, k) << "the scenario makes hardly any calls";
+  play_all(
+      {{0, {}},
+       {EINTR, {Call::sendmsg, Call::recvmsg, Call::select, Call::poll, Call::usleep}},
+       {EAGAIN, {Call::sendmsg, Call::recvmsg, Call::connect, Call::accept4}}},
+      [] { return std::make_unique<Scene>(); },
+      [&](Scene& scene) { play(scene.s.get(), scene.c.get(), scene.late.get()); });
+}
+
+// A server that sends back what it gets, and a client, in one loop.
+struct EchoLoop : CommLoopHandler {
+  std::unique_ptr<CommLoop> loop;
+  CommLoopId server = {0, 0}, own = {0, 0}, peer = {0, 0};
+  int answers = 0, times = 0;
+  std::vector<CommLoopReason> gone;
+
+  bool on_connect(CommLoop&, CommLoopId id, const ucred&) override {
+    if (id != own) peer = id;
+    return true;
   }
+  void on_packet(CommLoop&, CommLoopId from, comm_socket_v4_packet* p) override {
+    if (from == own)
+      ++answers;
+    else if (loop->send(from, p) < 0)
+      loop->disconnect(from);
+  }
+  void on_gone(CommLoop&, CommLoopId, CommLoopReason why, int) override { gone.push_back(why); }
+  void on_time(CommLoop&, CommLoopId) override { ++times; }
+};
+
+class EveryFailureOfALoopTest : public EveryFailureTest {
+ protected:
+  // Turns until this holds, or a connection has gone that should not have, which takes a fault.
+  template <class Done>
+  void turn_until(EchoLoop& echo, bool may_go, const Done& done) {
+    while (!done()) {
+      const unsigned fired = faults_->fired();
+      const Outcome turn = outcome(*faults_, [&] { return echo.loop->dispatch(ULONG_MAX); });
+      if (turn.first < 0) {
+        EXPECT_EQ(Outcome(fired + 1, faults_->error()), Outcome(faults_->fired(), turn.second));
+      }
+      if (may_go || echo.gone.empty()) continue;
+      EXPECT_EQ(1u, faults_->fired());
+      throw Over();
+    }
+  }
+  void play(EchoLoop& echo) {
+    step<throws>("loop", true, [&] {
+      if (echo.loop == nullptr || echo.loop->fd() < 0) echo.loop = std::make_unique<CommLoop>();
+      return echo.loop->fd() >= 0;
+    });
+    CommLoop& loop = *echo.loop;
+    loop.remove(echo.server);
+    loop.remove(echo.own);
+    echo.answers = echo.times = 0;
+    echo.gone.clear();
+    echo.gone.reserve(4);  // Handlers must not throw.
+    const auto there = [](CommLoopId id) { return id.generation != 0; };
+    step("serve", true, [&] { return there(echo.server = loop.serve(path_.c_str(), echo)); });
+    step("connect", true, [&] { return there(echo.own = loop.connect(path_.c_str(), echo)); });
+    step("time", true, [&] { return there(loop.after(1, echo)); });
+    const CommPacket request = ping_packet();
+    step<ends>("send", true, [&] { return loop.send(echo.own, request.get()) >= 0; });
+    turn_until(echo, false, [&] { return echo.answers == 1 && echo.times >= 1; });
+    step("finish", 0, [&] { return loop.finish(echo.peer); });
+    turn_until(echo, true, [&] { return echo.gone.size() == 2; });
+  }
+};
+
+TEST_F(EveryFailureOfALoopTest, IsToldOrPassesAndTheLoopGoesOn) {
+  play_all(
+      {{0, {}},
+       {EINTR, {Call::sendmsg, Call::recvmsg, Call::accept4, Call::epoll_wait}},
+       {EAGAIN, {Call::sendmsg, Call::recvmsg, Call::connect, Call::accept4}}},
+      [] { return std::make_unique<EchoLoop>(); }, [&](EchoLoop& echo) { play(echo); });
 }
 
 // To find out who holds a path takes more allocations than a loop should meet.

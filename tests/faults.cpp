@@ -137,6 +137,12 @@ WRAP(int, getsockname, nullptr, (int fd, sockaddr* a, socklen_t* n), (fd, a, n))
 WRAP(int, shutdown, nullptr, (int fd, int how), (fd, how))
 WRAP(int, setsockopt, nullptr, (int fd, int level, int name, const void* value, socklen_t n),
      (fd, level, name, value, n))
+WRAP(int, epoll_create1, nullptr, (int flags), (flags))
+WRAP(int, eventfd, nullptr, (unsigned count, int flags), (count, flags))
+WRAP(int, epoll_ctl, nullptr, (int epoll, int what, int fd, struct epoll_event* event),
+     (epoll, what, fd, event))
+WRAP(int, epoll_wait, nullptr, (int epoll, struct epoll_event* events, int most, int ms),
+     (epoll, events, most, ms))
 WRAP(int, usleep, nullptr, (useconds_t us), (us))
 WRAP(int, vasprintf, nullptr, (char** text, const char* format, va_list list), (text, format, list))
 WRAP(void*, malloc, nullptr, (std::size_t n), (n))

@@ -29,7 +29,8 @@
   CALL(lstat, EACCES) CALL(fstat, EIO) CALL(readlink, EACCES) CALL(unlink, EACCES)           \
   CALL(chmod, EPERM) CALL(usleep, EINTR)                                                     \
   CALL(open, EMFILE) CALL(timerfd_create, EMFILE) CALL(getsockname, ENOBUFS)                 \
-  CALL(shutdown, ENOBUFS) CALL(setsockopt, ENOPROTOOPT)                                      \
+  CALL(shutdown, ENOBUFS) CALL(setsockopt, ENOPROTOOPT) CALL(epoll_create1, EMFILE)          \
+  CALL(eventfd, EMFILE) CALL(epoll_ctl, ENOMEM) CALL(epoll_wait, ENOMEM)                     \
   CALL(malloc, ENOMEM) CALL(vasprintf, ENOMEM) CALL(operator_new, ENOMEM)
 // clang-format on
 
