@@ -334,7 +334,7 @@ class CommPacketBuilder {
   }
   static Reason check_text(std::string_view text, std::size_t most) noexcept {
     if (text.size() > most) return Reason::too_long;
-    return text.find('\0') == text.npos ? Reason::none : Reason::nul_inside;
+    return text.find('\0') == std::string_view::npos ? Reason::none : Reason::nul_inside;
   }
   bool has_written() const noexcept {
     return packet_ != nullptr && packet_->write_state == comm_socket_v4_packet::write_state_data;
@@ -670,7 +670,8 @@ class CommClient {
   }
   static unsigned long deadline_in(std::chrono::microseconds timeout) noexcept {
     if (timeout == endless) return ULONG_MAX;
-    return now_us() + static_cast<unsigned long>(std::max(timeout, timeout.zero()).count());
+    return now_us() +
+           static_cast<unsigned long>(std::max(timeout, std::chrono::microseconds::zero()).count());
   }
   static bool is_in_time(unsigned long deadline) noexcept {
     if (now_us() < deadline) return true;
@@ -790,7 +791,8 @@ inline CommPacketBuilder::CommPacketBuilder(bool is_request, std::string_view co
   });
   step("error string", 0, [&] { return check_text(error_string, COMM_V4_MAX_ERROR_STRING); });
   step("packet", 0, [&] {
-    const std::string command_text(command), error_text(error_string);
+    const std::string command_text(command);
+    const std::string error_text(error_string);
     if (packet_->write_begin(command_text.c_str(), error_text.c_str(), size_hint) != 0)
       return Reason::no_memory;
     // A text for which there was no memory is absent.
