@@ -59,8 +59,8 @@ int invalid() {
 
 }  // namespace
 
-comm_v4_loop::comm_v4_loop(CommLoop& of)
-    : loop(of),
+comm_v4_loop::comm_v4_loop(CommLoop& of_application)
+    : loop(of_application),
       epoll(::epoll_create1(EPOLL_CLOEXEC)),
       wakeup(epoll.is_open() ? ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1),
       timer(wakeup.is_open() ? ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK) : -1),
@@ -315,10 +315,15 @@ void CommLoop::dump(std::FILE* out) const { internals_->dump(out != nullptr ? ou
 // -----------------------------------------------------
 
 CommLoopHandler::~CommLoopHandler() = default;
-bool CommLoopHandler::on_connect(CommLoop&, CommLoopId, const struct ucred&) { return true; }
-void CommLoopHandler::on_packet(CommLoop&, CommLoopId, comm_socket_v4_packet*) {}
-void CommLoopHandler::on_room(CommLoop&, CommLoopId) {}
-void CommLoopHandler::on_gone(CommLoop&, CommLoopId, CommLoopReason, int) {}
-void CommLoopHandler::on_accept_failed(CommLoop&, CommLoopId, int) {}
-void CommLoopHandler::on_ready(CommLoop&, CommLoopId, std::uint32_t) {}
-void CommLoopHandler::on_time(CommLoop&, CommLoopId) {}
+bool CommLoopHandler::on_connect(CommLoop& /*loop*/, CommLoopId /*id*/,
+                                 const struct ucred& /*who*/) {
+  return true;
+}
+void CommLoopHandler::on_packet(CommLoop& /*loop*/, CommLoopId /*id*/,
+                                comm_socket_v4_packet* /*packet*/) {}
+void CommLoopHandler::on_room(CommLoop& /*loop*/, CommLoopId /*id*/) {}
+void CommLoopHandler::on_gone(CommLoop& /*loop*/, CommLoopId /*id*/, CommLoopReason /*why*/,
+                              int /*error*/) {}
+void CommLoopHandler::on_accept_failed(CommLoop& /*loop*/, CommLoopId /*id*/, int /*error*/) {}
+void CommLoopHandler::on_ready(CommLoop& /*loop*/, CommLoopId /*id*/, std::uint32_t /*events*/) {}
+void CommLoopHandler::on_time(CommLoop& /*loop*/, CommLoopId /*id*/) {}

@@ -16,7 +16,7 @@
 
 struct comm_v4_loop {
  public:
-  explicit comm_v4_loop(CommLoop& loop);
+  explicit comm_v4_loop(CommLoop& of_application);
   ~comm_v4_loop();
 
   // --- Members: lib/loop_members ---

@@ -195,7 +195,7 @@ class COMM_V4_EXPORT CommLoop {
                    const CommLoopLimits& limits = CommLoopLimits());
   CommLoopId connect(const char* path, CommLoopHandler& handler,
                      const CommLoopLimits& limits = CommLoopLimits());
-  CommLoopId adopt(int fd, CommLoopHandler& handler,
+  CommLoopId adopt(int descriptor, CommLoopHandler& handler,
                    const CommLoopLimits& limits = CommLoopLimits());
   // Removes a member at once, and calls no handler for it any more: closes a server with all its
   // clients, a connection, ends the watching of a descriptor, cancels a timer.
