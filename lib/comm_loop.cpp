@@ -311,8 +311,7 @@ CommLoopCounters CommLoop::counters() const {
 
 void CommLoop::dump(std::FILE* out) const { internals_->dump(out != nullptr ? out : stderr); }
 
-// --- What a handler does when it does not say
-// -----------------------------------------------------
+// --- What a handler does when it does not say ---------------------------------------------------
 
 CommLoopHandler::~CommLoopHandler() = default;
 bool CommLoopHandler::on_connect(CommLoop& /*loop*/, CommLoopId /*id*/,

@@ -13,8 +13,8 @@ using Numbers = std::array<std::uint64_t, sizeof(CommLoopCounters) / sizeof(std:
 }  // namespace
 
 void add(CommLoopCounters& sum, const CommLoopCounters& counters) noexcept {
-  Numbers numbers = std::bit_cast<Numbers>(sum);
-  const Numbers more = std::bit_cast<Numbers>(counters);
+  auto numbers = std::bit_cast<Numbers>(sum);
+  const auto more = std::bit_cast<Numbers>(counters);
   for (std::size_t i = 0; i < numbers.size(); ++i) numbers[i] += more[i];
   sum = std::bit_cast<CommLoopCounters>(numbers);
 }
