@@ -85,6 +85,7 @@ struct comm_v4_loop {
  private:
   // --- lib/loop_members ---
   LoopMember* find_by_key(std::uint64_t key) const noexcept;
+  void vacate(LoopMember& m) noexcept;
   void close_client(LoopMember& m) noexcept;
   void close_endpoint(LoopMember& m) noexcept;
   void abandon(LoopMember& m) noexcept;
@@ -108,6 +109,7 @@ struct comm_v4_loop {
   void drop_queue(LoopMember& m) noexcept;
   void end_sending(LoopMember& m);
   void put_off(LoopMember& m, bool& what);
+  void retry_later(LoopMember& m, bool& what) noexcept;
   void update_due(LoopMember& m) noexcept;
   std::uint64_t patience_until(const LoopMember& m) const noexcept;
 

@@ -58,6 +58,14 @@ LoopMember* comm_v4_loop::create(LoopKind kind, CommLoopHandler& handler,
 
 void comm_v4_loop::destroy(LoopMember& m) noexcept {
   ErrnoGuard keep_errno;
+  if (m.kind == LoopKind::server) {
+    for (const auto& other : members)
+      if (other->kind == LoopKind::client && other->home == m.home) vacate(*other);
+  }
+  vacate(m);
+}
+
+void comm_v4_loop::vacate(LoopMember& m) noexcept {
   stop_settling(m);
   unwatch(m);
   set_due(m, LoopMember::never);
@@ -78,10 +86,7 @@ void comm_v4_loop::close_client(LoopMember& m) noexcept {
 }
 
 void comm_v4_loop::close_endpoint(LoopMember& m) noexcept {
-  if (m.kind == LoopKind::server) {
-    for (const auto& other : members)
-      if (other->kind == LoopKind::client && other->home == m.home) destroy(*other);
-  } else {
+  if (m.kind == LoopKind::connection) {
     drop_queue(m);
     --m.home->counters.connections;
     loop_connection::close(m);

@@ -441,14 +441,18 @@ void comm_v4_loop::update_events(LoopMember& m) {
   if (m.is_connection() && !is_shortage(errno) && errno != ENOSPC)
     leave(m, comm_loop_failed, errno);
   else
-    put_off(m, m.watch_put_off);
+    retry_later(m, m.watch_put_off);
 }
 
 void comm_v4_loop::put_off(LoopMember& m, bool& what) {
+  retry_later(m, what);
+  update_events(m);
+}
+
+void comm_v4_loop::retry_later(LoopMember& m, bool& what) noexcept {
   what = true;
   m.put_off_until = LoopMember::later(monotonic_clock_us(), retry_us);
   update_due(m);
-  if (&what != &m.watch_put_off) update_events(m);
 }
 
 std::uint64_t comm_v4_loop::patience_until(const LoopMember& m) const noexcept {
