@@ -33,7 +33,7 @@ void print_answer(const char* path, comm_socket_v4_packet& answer) {
   std::string bytes(read.data().as_characters());
   if (!read_rest(file.get(), bytes)) fail(path);
   std::printf("%s: mode %" PRIo64 ", %" PRIu64 " bytes, modified %" PRId64 ", cksum %" PRIu32 "\n",
-              path, mode, size, times[1], cksum(std::move(bytes)));
+              path, mode, size, times[1], cksum(bytes));
 }
 
 // Sends requests from number `next` on until the socket takes no more; the number where it stopped.
