@@ -1,5 +1,6 @@
 #include "lib/loop_connection.h"
 
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -23,6 +24,11 @@ bool is_open(const LoopMember& m) {
 bool holds_packet(const LoopMember& m) {
   return (m.kind == LoopKind::client ? record(m)->next_packet : m.home->endpoint->next_packet) !=
          nullptr;
+}
+
+bool has_bytes(const LoopMember& m) {
+  int waiting = 0;
+  return ::ioctl(fd(m), FIONREAD, &waiting) != 0 || waiting != 0;
 }
 
 struct ucred peer(const LoopMember& m) {

@@ -110,7 +110,9 @@ struct LoopMember {
   bool read_put_off = false;
   bool send_put_off = false;
   bool full = false;
-  bool deaf = false;  // the peer will never read what is sent
+  bool deaf = false;         // the peer will never read what is sent
+  bool sends_end = false;    // the peer sends nothing behind what waits
+  bool end_is_next = false;  // and nothing waits any more
   bool finishing = false;
   bool sending_ended = false;
   bool going = false;
@@ -128,6 +130,9 @@ struct LoopMember {
   bool is_connection() const { return kind == LoopKind::client || kind == LoopKind::connection; }
   bool accepts() const { return !paused && !accepts_put_off && !accepts_nobody; }
   bool reads() const {
+    // The end ends the connection. A peer that ends its sending first may still read what is
+    // queued.
+    if (end_is_next && !queue.empty()) return false;
     return announced && !going && !read_put_off && (finishing || (!paused && !full));
   }
 };

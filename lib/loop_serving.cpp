@@ -202,6 +202,7 @@ void comm_v4_loop::try_to_connect(LoopMember& m) {
 void comm_v4_loop::on_connection_events(LoopMember& m, std::uint32_t events) {
   if (m.connecting) return try_to_connect(m);
   const CommLoopId id = m.id;
+  if ((events & EPOLLRDHUP) != 0) m.sends_end = true;
   if ((events & (EPOLLHUP | EPOLLERR)) != 0 && !m.queue.empty()) {
     m.deaf = true;
     events |= EPOLLOUT;
@@ -219,8 +220,10 @@ void comm_v4_loop::on_connection_events(LoopMember& m, std::uint32_t events) {
 void comm_v4_loop::read(LoopMember& m) {
   const CommLoopId id = m.id;
   bool more_waits = true;
-  for (std::uint32_t found = 0; more_waits && m.reads(); ++found) {
-    if (found > 0 && found >= m.home->limits.packets_per_turn) return;
+  for (std::uint32_t found = 0; more_waits; ++found) {
+    m.end_is_next = m.sends_end && !loop_connection::has_bytes(m);
+    const bool has_its_share = found > 0 && found >= m.home->limits.packets_per_turn;
+    if (has_its_share || !m.reads()) return;
     const loop_connection::Retrieved got = loop_connection::retrieve(m);
     if (got.packet == nullptr && !got.dropped) return on_nothing_read(m, got.error);
     more_waits = got.more_waits;
@@ -235,7 +238,7 @@ void comm_v4_loop::read(LoopMember& m) {
 void comm_v4_loop::on_nothing_read(LoopMember& m, int error) {
   if (!loop_connection::is_open(m)) {
     if (error != 0 && !says_that_peer_has_gone(error)) return leave(m, comm_loop_failed, error);
-    leave(m, m.sending_ended ? comm_loop_finished : comm_loop_peer_ended, 0);
+    leave(m, m.sending_ended && !m.deaf ? comm_loop_finished : comm_loop_peer_ended, 0);
   } else if (error == ENOMEM) {
     put_off(m, m.read_put_off);
   } else if (error != 0 && error != EAGAIN && error != EINTR) {
@@ -383,7 +386,8 @@ void comm_v4_loop::finish(LoopMember& m) {
 // with packets unread would take the last words back.
 void comm_v4_loop::end_sending(LoopMember& m) {
   m.sending_ended = true;
-  if (m.connecting || loop_connection::end_sending(m) != 0) leave(m, comm_loop_finished, 0);
+  if (m.connecting || loop_connection::end_sending(m) != 0)
+    leave(m, m.deaf ? comm_loop_peer_ended : comm_loop_finished, 0);
 }
 
 void comm_v4_loop::settle(LoopMember& m) {
@@ -431,7 +435,8 @@ void comm_v4_loop::update_events(LoopMember& m) {
     fd = loop_connection::fd(m);
     // Read before the endpoint came into the loop: no event will tell.
     if (m.reads() && loop_connection::holds_packet(m)) settle_later(m);
-    events = (m.reads() ? EPOLLIN : 0u) | (!m.queue.empty() && !m.send_put_off ? EPOLLOUT : 0u);
+    events = (m.reads() ? EPOLLIN | EPOLLRDHUP : 0u) |
+             (!m.queue.empty() && !m.send_put_off ? EPOLLOUT : 0u);
   } else if (!m.paused) {
     events = m.wanted_events;
   }

@@ -52,7 +52,8 @@ inline bool operator!=(CommLoopId a, CommLoopId b) { return !(a == b); }
 
 // Why a connection has gone.
 enum CommLoopReason : std::uint32_t {
-  comm_loop_peer_ended = 0,    // the peer closed it, ended its sending, or died
+  comm_loop_peer_ended = 0,    // the peer closed it or died, or ended its sending and has been sent
+                               // what was queued
   comm_loop_failed = 1,        // a system call on it failed; the error says why
   comm_loop_unsendable = 2,    // a packet to it can never be sent; the error says why
   comm_loop_no_first = 3,      // no packet came within CommLoopLimits::first_packet_us
@@ -75,9 +76,7 @@ struct CommLoopLimits {
   std::uint32_t accepts_per_turn = 16;
   std::uint32_t packets_per_turn = 16;
   // Of each connection: with this much queued it is full. Nothing more is read from it, and
-  // nothing more may be sent to it, until all that is queued has gone. Of a peer that is not full
-  // the end is read, and what is queued for it is dropped, also where it has only ended its sending
-  // and would still read: queued_packets of 1 spares those that end so once they have asked.
+  // nothing more may be sent to it, until all that is queued has gone.
   std::uint32_t queued_packets = 64;
   std::uint64_t queued_bytes = 1048576;
   // comm_socket_v4_set_max_descriptors: a packet with more is dropped. Whoever is to pass
