@@ -74,8 +74,13 @@ class PacketServer : protected CommLoopHandler {
   enum class Sender { client, server };
   int receive(const Peer& peer, Sender sender, comm_socket_v4_packet& packet);
   // How the line of a packet begins, and how it ends.
-  virtual std::string heading(const Peer& peer, Sender) const { return peer.name() + ": "; }
-  virtual std::string save(const Peer&, Sender, const comm_socket_v4_packet&) { return ""; }
+  virtual std::string heading(const Peer& peer, Sender /*from*/) const {
+    return peer.name() + ": ";
+  }
+  virtual std::string save(const Peer& /*peer*/, Sender /*from*/,
+                           const comm_socket_v4_packet& /*packet*/) {
+    return "";
+  }
 
   // As CommLoop::send; without memory it throws.
   int send(CommLoopId to, comm_socket_v4_packet& packet);
