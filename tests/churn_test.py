@@ -40,8 +40,9 @@ def files():
 
 def connect():
     connection = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    for wait in socket.SO_RCVTIMEO, socket.SO_SNDTIMEO:  # the latter for a full queue, too
+        connection.setsockopt(socket.SOL_SOCKET, wait, struct.pack("ll", 100, 0))
     connection.connect(path)
-    connection.settimeout(100)
     return connection
 
 
@@ -175,26 +176,45 @@ def break_log():
     resource.prlimit(server.pid, resource.RLIMIT_FSIZE, limits)
 
 
-def endure_floods():
-    """Two send what is no packet, one comes and leaves, all of them without a pause."""
-    connection, flooding = connect(), []
-    connection.setblocking(True)
-    for act in (lambda: connection.send(b"no packet"),) * 2 + (lambda: connect().close(),):
-        flooding.append(os.fork())
-        if flooding[-1] == 0:
-            try:
-                while True:
-                    act()
-            finally:
-                os._exit(1)
-    connection.close()
-    behave(resident, 50)
+def flood(act):
+    pid = os.fork()
+    try:
+        while pid == 0:
+            act()
+    finally:
+        if pid == 0:
+            os._exit(1)
+    return pid
+
+
+def endure(act):
+    """Who floods gets a share of every round and no more. One of three that do it also asks, as
+    another client, and counts how often it acts until the answer is there: what a queue takes, and
+    the share of a round or two. A time would say how busy the machine is."""
+    flooding = [flood(act), flood(act)]
     for _ in range(50):
+        resident.send(packet(b""))
+        acts = 0
+        while not select.select([resident], [], [], 0)[0]:
+            act()
+            acts += 1
+            assert acts < 300, "a flood is served before others"
+        assert resident.recv(100)
         with connect() as newcomer:
             ask(newcomer)
     for pid in flooding:
         os.kill(pid, signal.SIGKILL)
         assert os.waitpid(pid, 0)[1] == signal.SIGKILL, "a flood has ended"
+
+
+def endure_floods():
+    with connect() as eager, connect() as senseless:
+        for _ in range(100):
+            eager.send(packet(b""))
+        endure(lambda: ask(eager))  # each answer that is read makes room for a question
+        senseless.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 65536)  # for less than 200
+        endure(lambda: senseless.send(b"no packet"))
+    endure(lambda: connect().close())
 
 
 def attack():
@@ -236,6 +256,8 @@ with tempfile.TemporaryDirectory() as folder:
     log = open(os.path.join(folder, "log"), "w+", encoding="ascii")
     with subprocess.Popen([program, *arguments, path], stderr=log) as server:
         try:
+            # Floods go first, so that its queues are full whenever it gets a processor.
+            os.setpriority(os.PRIO_PROCESS, server.pid, 10)
             resident = wait_for(first_client)
             ask(resident)
             at_first, size = descriptors(), []
