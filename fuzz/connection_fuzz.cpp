@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "fuzz/raw_peers.h"
-#include "suite/time.h"
 
 namespace {
 
@@ -236,19 +235,6 @@ class World {
 
 }  // namespace
 
-// The library's clock: what an input does is the same on every machine.
-extern "C" std::uint64_t monotonic_clock_us() {
-  static std::uint64_t calls = 0;
-  return ++calls;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::ptrdiff_t before = count_descriptors();
-  {
-    World world({data, size});
-    while (world.goes_on()) world.step();
-    world.finish();
-  }
-  REQUIRE(count_descriptors() == before);
-  return 0;
+  return run<World>({data, size});
 }

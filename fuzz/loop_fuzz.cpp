@@ -35,7 +35,7 @@ class World : CommLoopHandler {
   }
 
   // Once all peers read, and nobody is paused.
-  void come_to_rest() {
+  void finish() {
     for (Peer& peer : peers_) loop_.resume(peer.id);
     loop_.resume(server_);
     for (int quiet = 0, turns = 0; quiet < 2; ++turns) {
@@ -167,19 +167,6 @@ class World : CommLoopHandler {
 
 }  // namespace
 
-// The library's clock: what an input does is the same on every machine.
-extern "C" std::uint64_t monotonic_clock_us() {
-  static std::uint64_t calls = 0;
-  return ++calls;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::ptrdiff_t before = count_descriptors();
-  {
-    World world({data, size});
-    while (world.goes_on()) world.step();
-    world.come_to_rest();
-  }
-  REQUIRE(count_descriptors() == before);
-  return 0;
+  return run<World>({data, size});
 }

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "fuzz/harness.h"
+#include "suite/time.h"
 
 inline const int some_file = open("/dev/null", O_RDWR);
 // Every slot and every kept packet may hold 60.
@@ -82,6 +83,25 @@ inline Record any_record(Input& in, std::uint64_t serial) {
   if (form == 2) bytes = in.text();
   if (form >= 3) bytes.resize(65548 + form);  // the longest that is received, and one more
   return {bytes, count, (form == 0 || form == 3) && count <= 60};
+}
+
+// The library's clock: what an input does is the same on every machine.
+extern "C" std::uint64_t monotonic_clock_us() {
+  static std::uint64_t calls = 0;
+  return ++calls;
+}
+
+// All steps of an input. Nothing may be left over.
+template <class World>
+int run(const Input& in) {
+  const std::ptrdiff_t before = count_descriptors();
+  {
+    World world(in);
+    while (world.goes_on()) world.step();
+    world.finish();
+  }
+  REQUIRE(count_descriptors() == before);
+  return 0;
 }
 
 #endif
