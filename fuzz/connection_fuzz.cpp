@@ -30,7 +30,7 @@ class World {
   bool goes_on() const { return !in_.empty(); }
 
   // What could arrive has arrived.
-  void finish() {
+  void come_to_rest() {
     for (std::uint64_t i = 0; i <= serial_; ++i) take_from_server();
     for (const Peer& peer : peers_) {
       const comm_socket_v4_client* const c = record(peer);

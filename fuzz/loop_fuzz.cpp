@@ -35,7 +35,7 @@ class World : CommLoopHandler {
   }
 
   // Once all peers read, and nobody is paused.
-  void finish() {
+  void come_to_rest() {
     for (Peer& peer : peers_) loop_.resume(peer.id);
     loop_.resume(server_);
     for (int quiet = 0, turns = 0; quiet < 2; ++turns) {

@@ -98,7 +98,7 @@ int run(const Input& in) {
   {
     World world(in);
     while (world.goes_on()) world.step();
-    world.finish();
+    world.come_to_rest();
   }
   REQUIRE(count_descriptors() == before);
   return 0;
