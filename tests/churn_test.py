@@ -6,8 +6,8 @@ held before, and the library in it has complained of nothing but records that ar
 
     churn_test.py PROGRAM SECONDS [MEGABYTES-TO-GROW-BY [ARGUMENT...]]
 
-The server is PROGRAM ARGUMENT... PATH. Without the optional ones it is tarn-comm, run as PROGRAM
-serve --quiet PATH, and may grow by 1.
+The server is PROGRAM ARGUMENT... PATH. Without arguments it is tarn-comm, run as PROGRAM serve
+--quiet PATH. Where it is not said it may grow by 1.
 """
 import ctypes
 import os
@@ -24,7 +24,8 @@ import time
 import traceback
 
 program, seconds = sys.argv[1], float(sys.argv[2])
-may_grow, *arguments = sys.argv[3:] or ["1", "serve", "--quiet"]
+may_grow = sys.argv[3] if len(sys.argv) > 3 else "1"
+arguments = sys.argv[4:] or ["serve", "--quiet"]
 rng = random.Random(1)
 visits = [0, 0]  # of those who misbehave, and who behave
 
@@ -239,6 +240,9 @@ def wait_for(what):
     for _ in range(5000):
         if result := what():
             return result
+        if server.poll() is not None:
+            log.seek(0)
+            sys.exit(f"the server ended with {server.returncode}: {log.read()[-1000:]}")
         time.sleep(0.02)
     sys.exit("waited 100 seconds in vain; descriptors: " + " ".join(descriptors()))
 
