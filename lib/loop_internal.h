@@ -97,7 +97,7 @@ struct comm_v4_loop {
   void adopt_clients(LoopMember& server);
   void on_failed_accept(LoopMember& server, int error);
   LoopMember* add_client(LoopMember& server, comm_socket_v4_client& client);
-  bool announce(LoopMember& m);
+  void announce(LoopMember& m);
   void try_to_connect(LoopMember& m);
   void read(LoopMember& m);
   void on_nothing_read(LoopMember& m, int error);

@@ -38,11 +38,7 @@ bool is_complete(const comm_socket_v4_packet& p) {
 
 CommLoopId comm_v4_loop::add(comm_socket_v4* endpoint, CommLoopHandler& handler,
                              const CommLoopLimits& limits) {
-  if (!comm_socket_v4_is_open(endpoint)) {
-    errno = EINVAL;
-    return {0, 0};
-  }
-  if (limits.descriptors_per_packet > COMM_V4_MAX_SEND_FDS) {
+  if (!comm_socket_v4_is_open(endpoint) || limits.descriptors_per_packet > COMM_V4_MAX_SEND_FDS) {
     errno = EINVAL;
     return {0, 0};
   }
@@ -171,20 +167,18 @@ LoopMember* comm_v4_loop::add_client(LoopMember& server, comm_socket_v4_client& 
   return m;
 }
 
-// False when the connection is not there any more.
-bool comm_v4_loop::announce(LoopMember& m) {
+void comm_v4_loop::announce(LoopMember& m) {
   const CommLoopId id = m.id;
   m.announced = true;
   const bool welcome = m.handler->on_connect(loop, id, loop_connection::peer(m));
-  if (!is_there(id)) return false;
-  if (!welcome) {
-    ++m.home->counters.turned_away_handler;
-    destroy(m);
-    return false;
+  if (!is_there(id)) return;
+  if (welcome) {
+    update_due(m);
+    update_events(m);
+    return;
   }
-  update_due(m);
-  update_events(m);
-  return true;
+  ++m.home->counters.turned_away_handler;
+  destroy(m);
 }
 
 void comm_v4_loop::try_to_connect(LoopMember& m) {
@@ -194,7 +188,7 @@ void comm_v4_loop::try_to_connect(LoopMember& m) {
   m.connecting = false;
   if (done < 0) return leave(m, comm_loop_failed, errno);
   unwatch(m);
-  if (announce(m)) update_due(m);
+  announce(m);
 }
 
 // --- Reading ------------------------------------------------------------------------------------
