@@ -2,6 +2,9 @@
 // queued, nothing passes it.
 #include <tarn_utils_v4/comm.h>
 
+#include <cerrno>
+#include <new>
+
 CommLargePacketQueue::CommLargePacketQueue() : queued_count(0) {}
 
 CommLargePacketQueue::~CommLargePacketQueue() { dump_queued_packets(); }
@@ -36,4 +39,28 @@ void CommLargePacketQueue::dump_queued_packets() {
   for (comm_socket_v4_packet* const p : queued_packets) comm_socket_v4_packet_release(p);
   queued_packets.clear();
   queued_count = 0;
+}
+
+// --- The same as functions ----------------------------------------------------------------------
+
+CommLargePacketQueue* comm_socket_v4_queue_create() {
+  return new (std::nothrow) CommLargePacketQueue;
+}
+void comm_socket_v4_queue_destroy(CommLargePacketQueue* q) { delete q; }
+
+int comm_socket_v4_queue_send_packet(CommLargePacketQueue* q, comm_socket_v4_client* c,
+                                     comm_socket_v4_packet* p) {
+  try {
+    return q->send_packet(c, p);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return -1;
+  }
+}
+void comm_socket_v4_queue_flush_queued_packet(CommLargePacketQueue* q, comm_socket_v4_client* c) {
+  q->flush_queued_packet(c);
+}
+void comm_socket_v4_queue_dump_queued_packets(CommLargePacketQueue* q) { q->dump_queued_packets(); }
+std::uint64_t comm_socket_v4_queue_get_queued_count(const CommLargePacketQueue* q) {
+  return q->queued_count;
 }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -140,6 +141,28 @@ int comm_socket_v4_packet_shrinkfit_buffer(comm_socket_v4_packet* p) {
   return p != nullptr ? p->shrinkfit_buffer() : -1;
 }
 
+const unsigned char* comm_socket_v4_packet_get_buffer(const comm_socket_v4_packet* p,
+                                                      std::size_t* length) {
+  if (length != nullptr) *length = p->buffer_length;
+  return p->buffer;
+}
+
+int comm_socket_v4_packet_set_buffer(comm_socket_v4_packet* p, const unsigned char* bytes,
+                                     std::size_t length) {
+  if (p->write_state != comm_v4_write_state_none || length > COMM_V4_MAX_PACKET) {
+    errno = EINVAL;
+    return -1;
+  }
+  if (p->resize_buffer(length + 1) != 0) {
+    errno = ENOMEM;
+    return -1;
+  }
+  if (length > 0) std::memcpy(p->buffer, bytes, length);
+  p->buffer[length] = 0;
+  p->buffer_length = length;
+  return 0;
+}
+
 // --- Attached descriptors -----------------------------------------------------------------------
 
 bool comm_socket_v4_packet::attach_fd_to_send(int fd) {
@@ -167,6 +190,20 @@ void comm_socket_v4_packet::close_attached_fd() {
     fd = -1;
   }
 }
+
+int comm_socket_v4_packet_attach_fd_to_send(comm_socket_v4_packet* p, int fd) {
+  return p->attach_fd_to_send(fd);
+}
+int comm_socket_v4_packet_attach_fd_to_send_cloexec(comm_socket_v4_packet* p, int fd) {
+  return p->attach_fd_to_send_cloexec(fd);
+}
+std::size_t comm_socket_v4_packet_attached_fd_count(const comm_socket_v4_packet* p) {
+  return p->attached_fd_count();
+}
+int comm_socket_v4_packet_get_attached_fd(comm_socket_v4_packet* p, std::size_t index) {
+  return p->get_attached_fd(index);
+}
+void comm_socket_v4_packet_close_attached_fd(comm_socket_v4_packet* p) { p->close_attached_fd(); }
 
 // --- Header values ------------------------------------------------------------------------------
 
@@ -202,6 +239,54 @@ void comm_socket_v4_packet_make_response(comm_socket_v4_packet* p) { p->make_res
 void comm_socket_v4_packet_set_request(comm_socket_v4_packet* p, int v) { p->set_request(v > 0); }
 void comm_socket_v4_packet_set_async(comm_socket_v4_packet* p, int v) { p->set_async(v > 0); }
 
+std::uint32_t comm_socket_v4_packet_get_flags(const comm_socket_v4_packet* p) { return p->flags; }
+void comm_socket_v4_packet_set_flags(comm_socket_v4_packet* p, std::uint32_t flags) {
+  p->flags = flags;
+}
+std::uint32_t comm_socket_v4_packet_get_multipart(const comm_socket_v4_packet* p) {
+  return (p->flags & comm_v4_multipart_mask) >> comm_v4_multipart_shift;
+}
+void comm_socket_v4_packet_set_multipart(comm_socket_v4_packet* p, std::uint32_t value) {
+  p->flags = (p->flags & ~std::uint32_t{comm_v4_multipart_mask}) |
+             (value << comm_v4_multipart_shift & comm_v4_multipart_mask);
+}
+std::uint64_t comm_socket_v4_packet_get_stream_id(const comm_socket_v4_packet* p) {
+  return p->stream_id;
+}
+void comm_socket_v4_packet_set_stream_id(comm_socket_v4_packet* p, std::uint64_t id) {
+  p->stream_id = id;
+}
+std::uint64_t comm_socket_v4_packet_get_message_id(const comm_socket_v4_packet* p) {
+  return p->message_id;
+}
+void comm_socket_v4_packet_set_message_id(comm_socket_v4_packet* p, std::uint64_t id) {
+  p->message_id = id;
+}
+std::uint64_t comm_socket_v4_packet_get_error_code(const comm_socket_v4_packet* p) {
+  return p->error_code;
+}
+void comm_socket_v4_packet_set_error_code(comm_socket_v4_packet* p, std::uint64_t code) {
+  p->error_code = code;
+}
+std::uint64_t comm_socket_v4_packet_get_tag(const comm_socket_v4_packet* p) { return p->tag; }
+void comm_socket_v4_packet_set_tag(comm_socket_v4_packet* p, std::uint64_t value) {
+  p->tag = value;
+}
+int comm_socket_v4_packet_get_write_state(const comm_socket_v4_packet* p) { return p->write_state; }
+const char* comm_socket_v4_packet_write_state_to_str(int state) {
+  return comm_socket_v4_packet::write_state_to_str(state);
+}
+std::uint32_t comm_socket_v4_packet_get_sighdr(const comm_socket_v4_packet* p) {
+  return p->get_sighdr();
+}
+void comm_socket_v4_packet_set_sighdr(comm_socket_v4_packet* p, std::uint32_t signature) {
+  p->set_sighdr(signature);
+}
+void comm_socket_v4_packet_set_complete_cb(comm_socket_v4_packet* p,
+                                           int (*cb)(comm_socket_v4_packet*)) {
+  p->set_complete_cb(cb);
+}
+
 // --- Readers ------------------------------------------------------------------------------------
 
 std::size_t comm_socket_v4_packet_get_argc(const comm_socket_v4_packet* p) { return p->argc(); }
@@ -221,6 +306,17 @@ const unsigned char* comm_socket_v4_packet_get_data(const comm_socket_v4_packet*
 }
 const char* comm_socket_v4_packet_get_argv(const comm_socket_v4_packet* p, std::size_t index) {
   return p->argv_text(index);
+}
+std::uint64_t comm_socket_v4_packet_get_argv_uint64(const comm_socket_v4_packet* p,
+                                                    std::size_t index) {
+  return p->argv_uint64(index);
+}
+std::int64_t comm_socket_v4_packet_get_argv_int64(const comm_socket_v4_packet* p,
+                                                  std::size_t index) {
+  return p->argv_int64(index);
+}
+double comm_socket_v4_packet_get_argv_double(const comm_socket_v4_packet* p, std::size_t index) {
+  return p->argv_double(index);
 }
 const comm_socket_v4_packet_argv* comm_socket_v4_packet_get_argv_entry(
     const comm_socket_v4_packet* p, std::size_t index) {

@@ -394,6 +394,9 @@ int comm_socket_v4_packet_write_argvf(comm_socket_v4_packet* p, const char* form
   va_end(args);
   return result;
 }
+int comm_socket_v4_packet_vwrite_argvf(comm_socket_v4_packet* p, const char* format, va_list args) {
+  return p->write_argvf(format, args);
+}
 int comm_socket_v4_packet_write_argv_uint64(comm_socket_v4_packet* p, std::uint64_t value) {
   return p->write_argv_uint64(value);
 }
@@ -445,6 +448,10 @@ int comm_socket_v4_packet_write_nv_pairf(comm_socket_v4_packet* p, const char* n
   const int result = p->write_nv_pairf(name, format, args);
   va_end(args);
   return result;
+}
+int comm_socket_v4_packet_vwrite_nv_pairf(comm_socket_v4_packet* p, const char* name,
+                                          const char* format, va_list args) {
+  return p->write_nv_pairf(name, format, args);
 }
 int comm_socket_v4_packet_write_data_binary(comm_socket_v4_packet* p, const unsigned char* data,
                                             std::size_t length) {

@@ -29,8 +29,9 @@
 //  8. Memory. Running out of memory for packets and their buffers is answered by null or -1, and
 //     ENOMEM where the function says so; the writers of a packet answer as they say. Where a
 //     std::vector, std::deque, std::list or std::string must grow, std::bad_alloc propagates and
-//     the object stays as it was, except where a function says that it returns -1. Broken internal
-//     invariants print what broke and where, then abort.
+//     the object stays as it was, except where a function says that it returns -1; it ends a
+//     program that catches nothing, such as one in C. Broken internal invariants print what broke
+//     and where, then abort.
 //  9. Trust. A packet that reached a slot has passed comm_socket_v4_validate_packet_contents: every
 //     accessor may be used on it. What the values mean is still the peer's word. The ids of the
 //     peer's process, user and group come from the kernel (SO_PEERCRED, unix(7)) and are not.
@@ -43,31 +44,36 @@
 #include <sys/un.h>
 #include <tarn_utils_v4/comm_packet.h>
 
+#ifdef __cplusplus
 #include <deque>
 #include <list>
 #include <string>
+#endif
 
-class comm_socket_v4;
-class comm_socket_v4_client;
+COMM_V4_CLASS(comm_socket_v4);
+COMM_V4_CLASS(comm_socket_v4_client);
+COMM_V4_CLASS(CommLargePacketQueue);
+struct ucred;  // sys/socket.h, which C programs get it from by _GNU_SOURCE
 
 // ------------------------------------------------------------------------------------------------
 // Limits of endpoints.
 
-constexpr std::size_t COMM_V4_MAX_SERVER_PATH = 106;      // characters, the "@" of a name included;
-                                                          // a longer path of a client may be a link
-constexpr std::size_t COMM_V4_MAX_ABSTRACT_NAME = 108;    // that a client connects to, with its "@"
-constexpr std::size_t COMM_V4_MAX_CLIENTS = 1048576;      // records of a server
-constexpr std::size_t COMM_V4_FIRST_CLIENTS = 16;         // which it begins with
-constexpr std::size_t COMM_V4_MAX_QUEUED_PACKETS = 4096;  // in a CommLargePacketQueue
+// Characters, the "@" of a name included. A longer path of a client may be a link.
+#define COMM_V4_MAX_SERVER_PATH 106ul
+#define COMM_V4_MAX_ABSTRACT_NAME 108ul    // that a client connects to, with its "@"
+#define COMM_V4_MAX_CLIENTS 1048576ul      // records of a server
+#define COMM_V4_FIRST_CLIENTS 16ul         // which it begins with
+#define COMM_V4_MAX_QUEUED_PACKETS 4096ul  // in a CommLargePacketQueue
 
 // A read asks for the size that the kernel reports plus 16 bytes; beyond this cap, for the cap.
-constexpr std::size_t COMM_V4_RECV_SIZE_CAP = 65536;
+#define COMM_V4_RECV_SIZE_CAP 65536ul
 // Ancillary data of one packet; it holds one SCM_RIGHTS message of COMM_V4_MAX_SEND_FDS.
-constexpr std::size_t COMM_V4_CONTROL_BUFFER_SIZE = 256;
+#define COMM_V4_CONTROL_BUFFER_SIZE 256ul
 
 // The index of no slot.
-constexpr unsigned long COMM_V4_NO_INDEX = ~0ul;
+#define COMM_V4_NO_INDEX (~0ul)
 
+#ifdef __cplusplus
 // ------------------------------------------------------------------------------------------------
 // The record of one connection that a server accepted. Records live in the server's table: the
 // index of a slot stays the same for the life of the connection, the address of its record only
@@ -208,9 +214,13 @@ class COMM_V4_EXPORT CommLargePacketQueue {
   void dump_queued_packets();
 };
 
+#endif  // __cplusplus
+
 // ------------------------------------------------------------------------------------------------
 // Functions. All have C linkage, except the one that takes C++ types.
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // For tests of the application: bits flipped, with rand(), at random places of every packet that is
 // received, before it is validated. 0 at first; the library never writes it.
@@ -232,6 +242,21 @@ COMM_V4_EXPORT int comm_socket_v4_destroy(comm_socket_v4* c);
 // the connection: the peer gets ECONNRESET in place of what still waits for it. Leaves errno alone.
 // Returns 0.
 COMM_V4_EXPORT int comm_socket_v4_close(comm_socket_v4* c);
+// The fields of the endpoint: its socket, -1 when there is none; its path, good until it is
+// changed; the tag; the flags, as 1 or 0, of which the application may set three. set_recv_cb is
+// the member.
+COMM_V4_EXPORT int comm_socket_v4_get_socket_fd(const comm_socket_v4* c);
+COMM_V4_EXPORT const char* comm_socket_v4_get_socket_path(const comm_socket_v4* c);
+COMM_V4_EXPORT uint64_t comm_socket_v4_get_tag(const comm_socket_v4* c);
+COMM_V4_EXPORT void comm_socket_v4_set_tag(comm_socket_v4* c, uint64_t value);
+COMM_V4_EXPORT int comm_socket_v4_is_server(const comm_socket_v4* c);
+COMM_V4_EXPORT int comm_socket_v4_is_socketpair(const comm_socket_v4* c);
+COMM_V4_EXPORT int comm_socket_v4_is_bound(const comm_socket_v4* c);
+COMM_V4_EXPORT void comm_socket_v4_set_bound(comm_socket_v4* c, int on);
+COMM_V4_EXPORT void comm_socket_v4_set_debug(comm_socket_v4* c, int on);
+COMM_V4_EXPORT void comm_socket_v4_set_idle_enabled(comm_socket_v4* c, int on);
+COMM_V4_EXPORT void comm_socket_v4_set_recv_cb(comm_socket_v4* c,
+                                               int (*cb)(comm_socket_v4*, comm_socket_v4_packet*));
 // Returns 1 while there is a socket, else 0; 0 for null.
 COMM_V4_EXPORT int comm_socket_v4_is_open(const comm_socket_v4* c);
 // Returns 1 while a client's connect is unfinished, else 0; 0 for null.
@@ -272,7 +297,7 @@ COMM_V4_EXPORT void comm_socket_v4_set_log_sink(
     comm_socket_v4* c, void (*sink)(void* user, const char* level, const char* text), void* user);
 // Prints the endpoint and its open clients, for a null `c` that there is none; null `out` is
 // standard error.
-COMM_V4_EXPORT void comm_socket_v4_dump_state(const comm_socket_v4* c, std::FILE* out);
+COMM_V4_EXPORT void comm_socket_v4_dump_state(const comm_socket_v4* c, FILE* out);
 
 // --- Server -------------------------------------------------------------------------------------
 
@@ -356,6 +381,27 @@ COMM_V4_EXPORT unsigned long comm_socket_v4_client_ptr2index_noerr(
 COMM_V4_EXPORT comm_socket_v4_client* comm_socket_v4_index2client(comm_socket_v4* c,
                                                                   unsigned long index);
 COMM_V4_EXPORT int comm_socket_v4_client_is_open(const comm_socket_v4_client* c);
+// The members of the endpoint, and the fields of the record: the flags as 1 or 0, the time of the
+// accept, the tag, halt, and pending_response_packet, of which a setter takes a reference over and
+// a getter gives none: null gives it back. set_recv_cb is the member.
+COMM_V4_EXPORT unsigned long comm_socket_v4_client_maximum_index(const comm_socket_v4* c);
+COMM_V4_EXPORT unsigned long comm_socket_v4_client_allocation_count(const comm_socket_v4* c);
+COMM_V4_EXPORT comm_socket_v4* comm_socket_v4_client_get_server(const comm_socket_v4_client* c);
+COMM_V4_EXPORT int comm_socket_v4_client_get_client_fd(const comm_socket_v4_client* c);
+COMM_V4_EXPORT int comm_socket_v4_client_is_disconnected(const comm_socket_v4_client* c);
+COMM_V4_EXPORT int comm_socket_v4_client_has_failed(const comm_socket_v4_client* c);
+COMM_V4_EXPORT uint64_t comm_socket_v4_client_get_accept_time_us(const comm_socket_v4_client* c);
+COMM_V4_EXPORT uint64_t comm_socket_v4_client_get_tag(const comm_socket_v4_client* c);
+COMM_V4_EXPORT void comm_socket_v4_client_set_tag(comm_socket_v4_client* c, uint64_t value);
+COMM_V4_EXPORT int comm_socket_v4_client_get_halt(const comm_socket_v4_client* c);
+COMM_V4_EXPORT void comm_socket_v4_client_set_halt(comm_socket_v4_client* c, int halt);
+COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_client_get_pending_response_packet(
+    const comm_socket_v4_client* c);
+COMM_V4_EXPORT void comm_socket_v4_client_set_pending_response_packet(comm_socket_v4_client* c,
+                                                                      comm_socket_v4_packet* p);
+COMM_V4_EXPORT void comm_socket_v4_client_set_recv_cb(comm_socket_v4_client* c,
+                                                      int (*cb)(comm_socket_v4_client*,
+                                                                comm_socket_v4_packet*));
 // Asserts that the slot is still empty; the accept gives a slot back with it.
 COMM_V4_EXPORT void comm_socket_v4_new_client_cancel(comm_socket_v4_client* c);
 
@@ -365,6 +411,10 @@ COMM_V4_EXPORT void comm_socket_v4_new_client_cancel(comm_socket_v4_client* c);
 // SO_PEERGROUPS of unix(7) and socket(7)). A process id may belong to another process by now; a
 // pidfd does not.
 //
+// Stores the field `cred` of a record.
+// Returns 0; -1 for an empty record, errno ENOTCONN.
+COMM_V4_EXPORT int comm_socket_v4_client_get_cred(const comm_socket_v4_client* c,
+                                                  struct ucred* cred);
 // Returns a descriptor of the peer's process, close-on-exec, to be closed by the caller; -1; errno
 // ENOTCONN for an empty record, ENOPROTOOPT before Linux 6.5, or that of getsockopt(2).
 COMM_V4_EXPORT int comm_socket_v4_client_get_pidfd(const comm_socket_v4_client* c);
@@ -429,9 +479,8 @@ COMM_V4_EXPORT int comm_socket_v4_connect_to(comm_socket_v4* c, const char* path
 // From the start of connect_to, in microseconds, 0 for none. The first makes it fail; the second
 // makes it return 0 with the connection pending. Of equal ones the first wins. An expired one is
 // noticed at the next try, up to 10 ms later. Close keeps both.
-COMM_V4_EXPORT void comm_socket_v4_set_connect_timeout(comm_socket_v4* c, std::uint64_t usec);
-COMM_V4_EXPORT void comm_socket_v4_set_connect_timeout_routine(comm_socket_v4* c,
-                                                               std::uint64_t usec);
+COMM_V4_EXPORT void comm_socket_v4_set_connect_timeout(comm_socket_v4* c, uint64_t usec);
+COMM_V4_EXPORT void comm_socket_v4_set_connect_timeout_routine(comm_socket_v4* c, uint64_t usec);
 // Tries once to complete a pending connect, without waiting; idle does this too. It closes the
 // endpoint when it fails, also a server or an end of a pair, for which it is not meant.
 // Returns 1 when connected, errno 0, or when nothing is pending; 0 when not yet; -1 when it failed;
@@ -445,7 +494,7 @@ COMM_V4_EXPORT int comm_socket_v4_connect_check_pending(comm_socket_v4* c);
 // when a signal came; -1 when it failed; errno ETIMEDOUT for a closed endpoint, else the system
 // call's or the connect's.
 COMM_V4_EXPORT int comm_socket_v4_connect_wait_for_completion(comm_socket_v4* c,
-                                                              std::uint64_t deadline_us);
+                                                              uint64_t deadline_us);
 
 // While a connect is pending: a descriptor that becomes readable when it is worth a try by
 // connect_check_pending or idle, for a loop that watches descriptors. It is the endpoint's, made by
@@ -557,6 +606,20 @@ COMM_V4_EXPORT int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* c
 COMM_V4_EXPORT int comm_socket_v4_packet_send_to_server(comm_socket_v4* s,
                                                         comm_socket_v4_packet* p);
 
+// A CommLargePacketQueue and its members. destroy takes null.
+// Returns a queue; null without memory.
+COMM_V4_EXPORT CommLargePacketQueue* comm_socket_v4_queue_create(void);
+COMM_V4_EXPORT void comm_socket_v4_queue_destroy(CommLargePacketQueue* q);
+// Returns what the member returns; -1 also when the list cannot grow, nothing queued, errno ENOMEM.
+COMM_V4_EXPORT int comm_socket_v4_queue_send_packet(CommLargePacketQueue* q,
+                                                    comm_socket_v4_client* c,
+                                                    comm_socket_v4_packet* p);
+COMM_V4_EXPORT void comm_socket_v4_queue_flush_queued_packet(CommLargePacketQueue* q,
+                                                             comm_socket_v4_client* c);
+COMM_V4_EXPORT void comm_socket_v4_queue_dump_queued_packets(CommLargePacketQueue* q);
+// Returns the number of packets in it.
+COMM_V4_EXPORT uint64_t comm_socket_v4_queue_get_queued_count(const CommLargePacketQueue* q);
+
 // --- Receiving, called by idle and retrieval ----------------------------------------------------
 
 // With `on` above 0 descriptors that are received do not survive exec: the kernel sets
@@ -592,6 +655,7 @@ COMM_V4_EXPORT int comm_socket_v4_client_on_recv_packet(comm_socket_v4* s,
 COMM_V4_EXPORT int comm_socket_v4_validate_packet_contents(
     comm_socket_v4* c, const comm_socket_v4_packet* p, const comm_socket_v4_packet_header* header);
 
+#ifdef __cplusplus
 }  // extern "C"
 
 // Makes the socket address of a path, of at most COMM_V4_MAX_ABSTRACT_NAME characters: more is a
@@ -600,5 +664,6 @@ COMM_V4_EXPORT int comm_socket_v4_validate_packet_contents(
 // the structure.
 COMM_V4_EXPORT void comm_socket_path_to_sockaddr_un(struct sockaddr_un& sun, std::size_t& len,
                                                     const std::string& path);
+#endif  // __cplusplus
 
 #endif

@@ -34,24 +34,27 @@
 
 #include <tarn_utils_v4/comm.h>
 
-class CommLoop;
+COMM_V4_CLASS(CommLoop);
+COMM_V4_CLASS(CommLoopHandler);
 
 // ------------------------------------------------------------------------------------------------
 // The name of a member of one loop: a server, a connection (a client of a server, a client endpoint
 // or an end of a pair), a watched descriptor or a timer. It is a value that may be kept for ever: a
 // call with the id of a member that has gone fails with ENOENT and reaches nobody else.
-struct CommLoopId {
-  std::uint64_t slot;
-  std::uint64_t generation;  // never the same for two members of a loop, and so the key for tables
-                             // of the application; 0 names nobody
-};
+typedef struct CommLoopId {
+  uint64_t slot;
+  uint64_t generation;  // never the same for two members of a loop, and so the key for tables
+                        // of the application; 0 names nobody
+} CommLoopId;
+#ifdef __cplusplus
 inline bool operator==(CommLoopId a, CommLoopId b) {
   return a.slot == b.slot && a.generation == b.generation;
 }
 inline bool operator!=(CommLoopId a, CommLoopId b) { return !(a == b); }
+#endif
 
 // Why a connection has gone.
-enum CommLoopReason : std::uint32_t {
+typedef enum CommLoopReason COMM_V4_ENUM_BASE {
   comm_loop_peer_ended = 0,    // the peer closed it or died, or ended its sending and has been sent
                                // what was queued
   comm_loop_failed = 1,        // a system call on it failed; the error says why
@@ -61,63 +64,64 @@ enum CommLoopReason : std::uint32_t {
   comm_loop_not_finished = 5,  // finish() took longer than finish_us
   comm_loop_disconnected = 6,  // by disconnect()
   comm_loop_finished = 7       // by finish(): everything was sent, and the peer has ended
-};
-constexpr std::size_t COMM_LOOP_REASONS = 8;
+} CommLoopReason;
+#define COMM_LOOP_REASONS 8ul
 
 // ------------------------------------------------------------------------------------------------
 // What a server, or a connection that was added by itself, may use up. Change what does not fit.
-struct CommLoopLimits {
+typedef struct CommLoopLimits {
   // Of a server. Who is too much is accepted and closed at once. One user, root and the server's
   // own included, may have half of the places, so that no user keeps all others out.
-  std::uint32_t clients = 1024;
-  std::uint32_t clients_per_user = 512;
+  uint32_t clients COMM_V4_DEFAULT(1024);
+  uint32_t clients_per_user COMM_V4_DEFAULT(512);
   // How much of one server and of one connection is done before it is the turn of the others; 0
   // counts as 1.
-  std::uint32_t accepts_per_turn = 16;
-  std::uint32_t packets_per_turn = 16;
+  uint32_t accepts_per_turn COMM_V4_DEFAULT(16);
+  uint32_t packets_per_turn COMM_V4_DEFAULT(16);
   // Of each connection: with this much queued it is full. Nothing more is read from it, and
   // nothing more may be sent to it, until all that is queued has gone.
-  std::uint32_t queued_packets = 64;
-  std::uint64_t queued_bytes = 1048576;
+  uint32_t queued_packets COMM_V4_DEFAULT(64);
+  uint64_t queued_bytes COMM_V4_DEFAULT(1048576);
   // comm_socket_v4_set_max_descriptors: a packet with more is dropped. Whoever is to pass
   // descriptors to this side has to be allowed to.
-  std::uint32_t descriptors_per_packet = 0;
+  uint32_t descriptors_per_packet COMM_V4_DEFAULT(0);
   // A client of a server that sends no packet for so long, from its accept on and since its last
   // one, is disconnected, also when it is not read because its queue is full. 0: no limit. A client
   // that is paused is spared.
-  std::uint64_t first_packet_us = 0;
-  std::uint64_t idle_us = 0;
+  uint64_t first_packet_us COMM_V4_DEFAULT(0);
+  uint64_t idle_us COMM_V4_DEFAULT(0);
   // How long a connect may take, 0: for ever. How long finish() waits for the peer to read, and to
   // end; 0: not at all.
-  std::uint64_t connect_us = 0;
-  std::uint64_t finish_us = 5000000;
-  std::uint64_t reserved[4] = {};  // 0
-};
+  uint64_t connect_us COMM_V4_DEFAULT(0);
+  uint64_t finish_us COMM_V4_DEFAULT(5000000);
+  uint64_t reserved[4] COMM_V4_DEFAULT({});  // 0
+} CommLoopLimits;
 
 // What happened, since it was added to the loop, and what is there.
-struct CommLoopCounters {
-  std::uint64_t accepted = 0;                  // those that were turned away included
-  std::uint64_t turned_away_full = 0;          // CommLoopLimits::clients
-  std::uint64_t turned_away_user = 0;          // clients_per_user
-  std::uint64_t turned_away_handler = 0;       // on_connect said no
-  std::uint64_t turned_away_failed = 0;        // its credentials could not be read
-  std::uint64_t accepts_put_off = 0;           // for want of descriptors or memory
-  std::uint64_t gone[COMM_LOOP_REASONS] = {};  // connections, by CommLoopReason
-  std::uint64_t packets_received = 0;          // handed to a handler
-  std::uint64_t bytes_received = 0;
-  std::uint64_t packets_dropped = 0;  // received and not valid, too long, with too many
-                                      // descriptors or without room for them in this
-                                      // process, or refused by a receive callback
-  std::uint64_t packets_sent = 0;     // taken by the kernel
-  std::uint64_t bytes_sent = 0;
-  std::uint64_t packets_unsent = 0;  // queued, and dropped with their connection
-  std::uint64_t sends_refused = 0;   // by a full queue
-  std::uint64_t connections = 0;     // there now
-  std::uint64_t queued_packets = 0;  // now
-  std::uint64_t queued_bytes = 0;    // now
-  std::uint64_t reserved[8] = {};
-};
+typedef struct CommLoopCounters {
+  uint64_t accepted COMM_V4_DEFAULT(0);                  // those that were turned away included
+  uint64_t turned_away_full COMM_V4_DEFAULT(0);          // CommLoopLimits::clients
+  uint64_t turned_away_user COMM_V4_DEFAULT(0);          // clients_per_user
+  uint64_t turned_away_handler COMM_V4_DEFAULT(0);       // on_connect said no
+  uint64_t turned_away_failed COMM_V4_DEFAULT(0);        // its credentials could not be read
+  uint64_t accepts_put_off COMM_V4_DEFAULT(0);           // for want of descriptors or memory
+  uint64_t gone[COMM_LOOP_REASONS] COMM_V4_DEFAULT({});  // connections, by CommLoopReason
+  uint64_t packets_received COMM_V4_DEFAULT(0);          // handed to a handler
+  uint64_t bytes_received COMM_V4_DEFAULT(0);
+  uint64_t packets_dropped COMM_V4_DEFAULT(0);  // received and not valid, too long, with too many
+                                                // descriptors or without room for them in this
+                                                // process, or refused by a receive callback
+  uint64_t packets_sent COMM_V4_DEFAULT(0);     // taken by the kernel
+  uint64_t bytes_sent COMM_V4_DEFAULT(0);
+  uint64_t packets_unsent COMM_V4_DEFAULT(0);  // queued, and dropped with their connection
+  uint64_t sends_refused COMM_V4_DEFAULT(0);   // by a full queue
+  uint64_t connections COMM_V4_DEFAULT(0);     // there now
+  uint64_t queued_packets COMM_V4_DEFAULT(0);  // now
+  uint64_t queued_bytes COMM_V4_DEFAULT(0);    // now
+  uint64_t reserved[8] COMM_V4_DEFAULT({});
+} CommLoopCounters;
 
+#ifdef __cplusplus
 // ------------------------------------------------------------------------------------------------
 // What the application does when something happens. One object serves one endpoint or many, and
 // has to live until they are removed; it may be destroyed by one of its own functions that has
@@ -266,5 +270,94 @@ class COMM_V4_EXPORT CommLoop {
  private:
   struct comm_v4_loop* const internals_;
 };
+#endif  // __cplusplus
+
+// ------------------------------------------------------------------------------------------------
+// The members as functions with C linkage. Each returns what the member returns, a bool as 1 or 0,
+// and an id of {0, 0} where a member does.
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// A handler in C: one function for each of CommLoopHandler, which says what it is told. `user` is
+// passed to all of them. A null pointer stands for a function that does nothing, on_connect for one
+// that says yes.
+typedef struct CommLoopCallbacks {
+  void* user;
+  int (*on_connect)(void* user, CommLoop* loop, CommLoopId peer, const struct ucred* who);
+  void (*on_packet)(void* user, CommLoop* loop, CommLoopId from, comm_socket_v4_packet* packet);
+  void (*on_room)(void* user, CommLoop* loop, CommLoopId peer);
+  void (*on_gone)(void* user, CommLoop* loop, CommLoopId peer, CommLoopReason why, int error);
+  void (*on_accept_failed)(void* user, CommLoop* loop, CommLoopId server, int error);
+  void (*on_ready)(void* user, CommLoop* loop, CommLoopId watched, uint32_t events);
+  void (*on_time)(void* user, CommLoop* loop, CommLoopId timer);
+  void (*reserved[4])(void);  // null
+} CommLoopCallbacks;
+
+// Returns a handler with a copy of the callbacks; null without memory. As an object of C++ it has
+// to live until the endpoints that it serves are removed, and may be destroyed by a function of its
+// own that has removed them. destroy takes null.
+COMM_V4_EXPORT CommLoopHandler* comm_socket_v4_loop_handler_create(
+    const CommLoopCallbacks* callbacks);
+COMM_V4_EXPORT void comm_socket_v4_loop_handler_destroy(CommLoopHandler* handler);
+
+// Fills in the limits that the comments of CommLoopLimits speak of: 1024 clients, and so on. A
+// program in C starts from them, and null stands for them where limits are taken.
+COMM_V4_EXPORT void comm_socket_v4_loop_limits_init(CommLoopLimits* limits);
+
+// Returns a loop; null without memory, errno ENOMEM, and without descriptors, errno that of
+// epoll_create1(2), eventfd(2) or timerfd_create(2). destroy takes null.
+COMM_V4_EXPORT CommLoop* comm_socket_v4_loop_create(void);
+COMM_V4_EXPORT void comm_socket_v4_loop_destroy(CommLoop* loop);
+
+COMM_V4_EXPORT int comm_socket_v4_loop_get_fd(const CommLoop* loop);
+COMM_V4_EXPORT int comm_socket_v4_loop_dispatch(CommLoop* loop, unsigned long deadline_us);
+COMM_V4_EXPORT int comm_socket_v4_loop_run(CommLoop* loop);
+COMM_V4_EXPORT void comm_socket_v4_loop_stop(CommLoop* loop);
+COMM_V4_EXPORT int comm_socket_v4_loop_stopped(const CommLoop* loop);
+
+COMM_V4_EXPORT CommLoopId comm_socket_v4_loop_add(CommLoop* loop, comm_socket_v4* endpoint,
+                                                  CommLoopHandler* handler,
+                                                  const CommLoopLimits* limits);
+COMM_V4_EXPORT CommLoopId comm_socket_v4_loop_serve(CommLoop* loop, const char* path,
+                                                    CommLoopHandler* handler,
+                                                    const CommLoopLimits* limits);
+COMM_V4_EXPORT CommLoopId comm_socket_v4_loop_connect(CommLoop* loop, const char* path,
+                                                      CommLoopHandler* handler,
+                                                      const CommLoopLimits* limits);
+COMM_V4_EXPORT CommLoopId comm_socket_v4_loop_adopt(CommLoop* loop, int descriptor,
+                                                    CommLoopHandler* handler,
+                                                    const CommLoopLimits* limits);
+COMM_V4_EXPORT int comm_socket_v4_loop_remove(CommLoop* loop, CommLoopId id);
+COMM_V4_EXPORT int comm_socket_v4_loop_stop_listening(CommLoop* loop, CommLoopId server);
+COMM_V4_EXPORT comm_socket_v4* comm_socket_v4_loop_get_endpoint(const CommLoop* loop,
+                                                                CommLoopId id);
+
+COMM_V4_EXPORT int comm_socket_v4_loop_send(CommLoop* loop, CommLoopId to,
+                                            comm_socket_v4_packet* packet);
+COMM_V4_EXPORT int comm_socket_v4_loop_disconnect(CommLoop* loop, CommLoopId peer);
+COMM_V4_EXPORT int comm_socket_v4_loop_finish(CommLoop* loop, CommLoopId peer);
+COMM_V4_EXPORT int comm_socket_v4_loop_pause(CommLoop* loop, CommLoopId id);
+COMM_V4_EXPORT int comm_socket_v4_loop_resume(CommLoop* loop, CommLoopId id);
+COMM_V4_EXPORT int comm_socket_v4_loop_set_tag(CommLoop* loop, CommLoopId id, uint64_t tag);
+COMM_V4_EXPORT uint64_t comm_socket_v4_loop_get_tag(const CommLoop* loop, CommLoopId id);
+COMM_V4_EXPORT comm_socket_v4_client* comm_socket_v4_loop_get_client(const CommLoop* loop,
+                                                                     CommLoopId peer);
+
+COMM_V4_EXPORT CommLoopId comm_socket_v4_loop_watch(CommLoop* loop, int descriptor, uint32_t events,
+                                                    CommLoopHandler* handler);
+COMM_V4_EXPORT CommLoopId comm_socket_v4_loop_after(CommLoop* loop, uint64_t delay_us,
+                                                    CommLoopHandler* handler);
+
+COMM_V4_EXPORT int comm_socket_v4_loop_get_counters(const CommLoop* loop, CommLoopId id,
+                                                    CommLoopCounters* out);
+// Stores those of everything that was ever in the loop.
+COMM_V4_EXPORT void comm_socket_v4_loop_get_all_counters(const CommLoop* loop,
+                                                         CommLoopCounters* out);
+COMM_V4_EXPORT void comm_socket_v4_loop_dump(const CommLoop* loop, FILE* out);
+
+#ifdef __cplusplus
+}  // extern "C"
+#endif
 
 #endif

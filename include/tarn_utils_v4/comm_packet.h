@@ -1,9 +1,19 @@
 // A packet: the bytes that cross a connection, the object that holds them, and everything that
 // writes, reads and prints them. Nothing here knows of endpoints; comm.h, which has the conventions
 // on its first page, adds them.
+//
+// All these headers but comm_cpp.h are C99, too. C programs see the classes by name only, and have
+// a function for everything that a member does.
 #ifndef TARN_UTILS_V4_COMM_PACKET_H
 #define TARN_UTILS_V4_COMM_PACKET_H
 
+#include <limits.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#ifdef __cplusplus
 #include <atomic>
 #include <cstdarg>
 #include <cstddef>
@@ -14,34 +24,45 @@
 #include <utility>
 #include <vector>
 
+#define COMM_V4_CLASS(name) class name
+#define COMM_V4_ENUM_BASE : std::uint32_t
+#define COMM_V4_DEFAULT(value) = value
+#else
+#define COMM_V4_CLASS(name) typedef struct name name
+#define COMM_V4_ENUM_BASE
+#define COMM_V4_DEFAULT(value)
+#endif
+
 #define COMM_V4_EXPORT __attribute__((visibility("default")))
 #define COMM_V4_INTERNAL __attribute__((visibility("hidden")))
 // The arguments are checked like printf's; `first` is 0 for a va_list. A member counts `this` as 1.
 #define COMM_V4_PRINTF(format_at, first) __attribute__((format(printf, format_at, first)))
 
-static_assert(sizeof(unsigned long) == 8, "deadlines and indices are unsigned longs of 64 bits");
+#if ULONG_MAX != 0xFFFFFFFFFFFFFFFF
+#error deadlines and indices are unsigned longs of 64 bits
+#endif
 
-class comm_socket_v4_packet;
+COMM_V4_CLASS(comm_socket_v4_packet);
 
 // ------------------------------------------------------------------------------------------------
 // Limits of a packet. Texts are counted in bytes, without the NUL behind them.
 
-constexpr std::size_t COMM_V4_MAX_ARGUMENTS = 255;
-constexpr std::size_t COMM_V4_MAX_PAIRS = 4095;         // with more of them it goes out without any
-constexpr std::size_t COMM_V4_MAX_COMMAND = 255;        // a longer one is cut, and so are
-constexpr std::size_t COMM_V4_MAX_ERROR_STRING = 4095;  // this,
-constexpr std::size_t COMM_V4_MAX_NAME = 4095;          // this
-constexpr std::size_t COMM_V4_MAX_TEXT = 65535;         // and this, of an argument or a pair
-constexpr std::size_t COMM_V4_MAX_FORMATTED_ARGUMENT = 256;  // a longer one is refused
-constexpr std::size_t COMM_V4_MAX_DATA_PER_WRITE = 262144;   // any number of writes may follow
-constexpr std::size_t COMM_V4_MAX_ATTACHED_FDS = 8;          // by attach_fd_to_send
-constexpr std::size_t COMM_V4_MAX_SEND_FDS = 60;             // in a received packet that is sent on
+#define COMM_V4_MAX_ARGUMENTS 255ul
+#define COMM_V4_MAX_PAIRS 4095ul              // with more of them it goes out without any
+#define COMM_V4_MAX_COMMAND 255ul             // a longer one is cut, and so are
+#define COMM_V4_MAX_ERROR_STRING 4095ul       // this,
+#define COMM_V4_MAX_NAME 4095ul               // this
+#define COMM_V4_MAX_TEXT 65535ul              // and this, of an argument or a pair
+#define COMM_V4_MAX_FORMATTED_ARGUMENT 256ul  // a longer one is refused
+#define COMM_V4_MAX_DATA_PER_WRITE 262144ul   // any number of writes may follow
+#define COMM_V4_MAX_ATTACHED_FDS 8ul          // by attach_fd_to_send
+#define COMM_V4_MAX_SEND_FDS 60ul             // in a received packet that is sent on
 // What is received; longer packets can be sent, and the receiver drops them.
-constexpr std::size_t COMM_V4_MIN_RECEIVED_PACKET = 64;
-constexpr std::size_t COMM_V4_MAX_RECEIVED_PACKET = 65551;
+#define COMM_V4_MIN_RECEIVED_PACKET 64ul
+#define COMM_V4_MAX_RECEIVED_PACKET 65551ul
 // What 32 bits of offset and length hold, and where the value of an argument may start at the last.
-constexpr std::size_t COMM_V4_MAX_PACKET = 0xFFFFFFFFu;
-constexpr std::size_t COMM_V4_MAX_ARGUMENT_OFFSET = 0xFFFFFFu;
+#define COMM_V4_MAX_PACKET 0xFFFFFFFFul
+#define COMM_V4_MAX_ARGUMENT_OFFSET 0xFFFFFFul
 
 // ------------------------------------------------------------------------------------------------
 // Bytes of a packet. They travel as they are: little-endian, without alignment or padding, every
@@ -49,14 +70,14 @@ constexpr std::size_t COMM_V4_MAX_ARGUMENT_OFFSET = 0xFFFFFFu;
 // renumbered.
 
 // Bytes from the start of the packet; 0 means absent.
-typedef std::uint32_t comm_v4_offset_t;
+typedef uint32_t comm_v4_offset_t;
 
-constexpr std::uint32_t COMM_V4_SIGHDR = 0xABCD0201u;
-constexpr std::uint32_t COMM_V4_HEADER_LENGTH = 63;
+#define COMM_V4_SIGHDR 0xABCD0201u
+#define COMM_V4_HEADER_LENGTH 63u
 
 // Types of arguments and of name/value pairs. Arguments are text, uint64, double or int64. Any
 // other number in a pair is the caller's own: four characters, the lowest byte first.
-enum : std::uint32_t {
+enum COMM_V4_ENUM_BASE {
   comm_v4_type_text = 0,    // NUL-terminated text
   comm_v4_type_binary = 1,  // bytes
   comm_v4_type_uint64 = 2,  // one value in an argument, any number of them in a pair
@@ -69,52 +90,81 @@ enum : std::uint32_t {
 // a pointer to these types converts to `const uint64_t*` and so on, but reading through that, or
 // through an `auto` variable under g++ (which forgets the alignment), is undefined where the
 // address is odd.
-typedef std::uint64_t comm_v4_unaligned_uint64_t __attribute__((aligned(1), may_alias));
-typedef std::int64_t comm_v4_unaligned_int64_t __attribute__((aligned(1), may_alias));
+typedef uint64_t comm_v4_unaligned_uint64_t __attribute__((aligned(1), may_alias));
+typedef int64_t comm_v4_unaligned_int64_t __attribute__((aligned(1), may_alias));
 typedef double comm_v4_unaligned_double_t __attribute__((aligned(1), may_alias));
 
 // The first 63 bytes of every packet.
-struct __attribute__((packed)) comm_socket_v4_packet_header {
-  std::uint32_t sighdr;
-  std::uint32_t header_length;
-  std::uint64_t stream_id;
-  std::uint64_t message_id;
-  std::uint64_t error_code;
-  std::uint32_t flags;
+typedef struct __attribute__((packed)) comm_socket_v4_packet_header {
+  uint32_t sighdr;
+  uint32_t header_length;
+  uint64_t stream_id;
+  uint64_t message_id;
+  uint64_t error_code;
+  uint32_t flags;
   comm_v4_offset_t error_string_offset;
   comm_v4_offset_t command_offset;
-  std::uint8_t argv_count;
+  uint8_t argv_count;
   comm_v4_offset_t argv_offset;
-  std::uint16_t nv_pair_table_count;
+  uint16_t nv_pair_table_count;
   comm_v4_offset_t nv_pair_table_offset;
   comm_v4_offset_t data_offset;
-  std::uint32_t data_length;
-};
+  uint32_t data_length;
+} comm_socket_v4_packet_header;
 
 // One argument: where its value starts (24 bits, lowest byte first) and its type.
-struct __attribute__((packed)) comm_socket_v4_packet_argv {
-  std::uint8_t value_offset[3];
-  std::uint8_t type_code;
+typedef struct __attribute__((packed)) comm_socket_v4_packet_argv {
+  uint8_t value_offset[3];
+  uint8_t type_code;
 
-  std::uint8_t type() const { return type_code; }
+#ifdef __cplusplus
+  uint8_t type() const { return type_code; }
   comm_v4_offset_t offset() const {
     return static_cast<comm_v4_offset_t>(value_offset[0] | value_offset[1] << 8 |
                                          value_offset[2] << 16);
   }
   bool is_present() const { return offset() != 0; }
-};
+#endif
+} comm_socket_v4_packet_argv;
 
 // One name/value pair. length() is in bytes and leaves out the NUL after a text.
-struct __attribute__((packed)) comm_socket_v4_packet_nv_pair {
+typedef struct __attribute__((packed)) comm_socket_v4_packet_nv_pair {
   comm_v4_offset_t name_offset;
   comm_v4_offset_t value_offset;
-  std::uint32_t value_length;
-  std::uint32_t type_code;
+  uint32_t value_length;
+  uint32_t type_code;
 
-  std::uint32_t type() const { return type_code; }
-  std::uint32_t length() const { return value_length; }
+#ifdef __cplusplus
+  uint32_t type() const { return type_code; }
+  uint32_t length() const { return value_length; }
+#endif
+} comm_socket_v4_packet_nv_pair;
+
+// Bits of `flags` in the header and the packet. The multipart value sits in bits 2 and 3. Bits 4 to
+// 31 are carried unchanged and have no meaning to the library.
+enum COMM_V4_ENUM_BASE {
+  comm_v4_flag_request = 1u << 0,
+  comm_v4_flag_async = 1u << 1,
+  comm_v4_multipart_shift = 2,
+  comm_v4_multipart_mask = 3u << 2
+};
+enum COMM_V4_ENUM_BASE {
+  comm_v4_multipart_none = 0,
+  comm_v4_multipart_first = 1,
+  comm_v4_multipart_middle = 2,
+  comm_v4_multipart_last = 3
 };
 
+// How far the writing of a packet is, in the order in which it passes them.
+enum {
+  comm_v4_write_state_none = 0,     // nothing written yet
+  comm_v4_write_state_header = 1,   // begun: arguments and pairs may be added
+  comm_v4_write_state_data = 2,     // tables written: only data may be added
+  comm_v4_write_state_end = 3,      // complete
+  comm_v4_write_state_received = 4  // came from a peer and passed validation
+};
+
+#ifdef __cplusplus
 // Not defined anywhere: says at compile time whether an argument is a va_list.
 void comm_v4_takes_va_list(va_list);
 void comm_v4_takes_va_list(std::nullptr_t) = delete;
@@ -124,28 +174,26 @@ void comm_v4_takes_va_list(std::nullptr_t) = delete;
 // often as wished. Packets whose references are counted come from comm_socket_v4_packet_create.
 class COMM_V4_EXPORT comm_socket_v4_packet {
  public:
-  // Bits of `flags`. The multipart value sits in bits 2 and 3; set it as
+  // The constants above under the names of the class. Set a multipart value as
   // `flags = (flags & ~multipart_mask) | (multipart_first << multipart_shift)`.
-  // Bits 4 to 31 are carried unchanged and have no meaning to the library.
   enum : std::uint32_t {
-    flag_request = 1u << 0,
-    flag_async = 1u << 1,
-    multipart_shift = 2,
-    multipart_mask = 3u << 2
+    flag_request = comm_v4_flag_request,
+    flag_async = comm_v4_flag_async,
+    multipart_shift = comm_v4_multipart_shift,
+    multipart_mask = comm_v4_multipart_mask
   };
   enum : std::uint32_t {
-    multipart_none = 0,
-    multipart_first = 1,
-    multipart_middle = 2,
-    multipart_last = 3
+    multipart_none = comm_v4_multipart_none,
+    multipart_first = comm_v4_multipart_first,
+    multipart_middle = comm_v4_multipart_middle,
+    multipart_last = comm_v4_multipart_last
   };
-  // Values of `write_state`, in the order in which a packet passes them.
   enum : int {
-    write_state_none = 0,     // nothing written yet
-    write_state_header = 1,   // begun: arguments and pairs may be added
-    write_state_data = 2,     // tables written: only data may be added
-    write_state_end = 3,      // complete
-    write_state_received = 4  // came from a peer and passed validation
+    write_state_none = comm_v4_write_state_none,
+    write_state_header = comm_v4_write_state_header,
+    write_state_data = comm_v4_write_state_data,
+    write_state_end = comm_v4_write_state_end,
+    write_state_received = comm_v4_write_state_received
   };
 
   unsigned char* buffer;      // malloc'ed, owned; null until the first resize_buffer
@@ -377,10 +425,14 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
                                       std::uint32_t type) const;
 };
 
+#endif  // __cplusplus
+
 // ------------------------------------------------------------------------------------------------
 // The members as functions with C linkage. Each returns what the member returns. Null is taken only
 // where it is mentioned.
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // Returns a packet with one reference; null without memory.
 COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_packet_create(void);
@@ -389,8 +441,8 @@ COMM_V4_EXPORT void comm_socket_v4_packet_addref(comm_socket_v4_packet* p);
 // Returns `p`; null when the packet was destroyed, and for null: assign it to your pointer.
 COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_packet_release(comm_socket_v4_packet* p);
 // Returns -1 for null.
-COMM_V4_EXPORT int comm_socket_v4_packet_resize_buffer(comm_socket_v4_packet* p, std::size_t size);
-COMM_V4_EXPORT int comm_socket_v4_packet_enlarge_buffer(comm_socket_v4_packet* p, std::size_t size);
+COMM_V4_EXPORT int comm_socket_v4_packet_resize_buffer(comm_socket_v4_packet* p, size_t size);
+COMM_V4_EXPORT int comm_socket_v4_packet_enlarge_buffer(comm_socket_v4_packet* p, size_t size);
 COMM_V4_EXPORT int comm_socket_v4_packet_shrinkfit_buffer(comm_socket_v4_packet* p);
 
 COMM_V4_EXPORT void comm_socket_v4_packet_make_request(comm_socket_v4_packet* p);
@@ -398,73 +450,117 @@ COMM_V4_EXPORT void comm_socket_v4_packet_make_response(comm_socket_v4_packet* p
 // Set when v is above 0, cleared otherwise.
 COMM_V4_EXPORT void comm_socket_v4_packet_set_request(comm_socket_v4_packet* p, int v);
 COMM_V4_EXPORT void comm_socket_v4_packet_set_async(comm_socket_v4_packet* p, int v);
+// The fields. set_flags replaces all of them, set_multipart only the multipart value, of which the
+// lowest two bits count.
+COMM_V4_EXPORT uint32_t comm_socket_v4_packet_get_flags(const comm_socket_v4_packet* p);
+COMM_V4_EXPORT void comm_socket_v4_packet_set_flags(comm_socket_v4_packet* p, uint32_t flags);
+COMM_V4_EXPORT uint32_t comm_socket_v4_packet_get_multipart(const comm_socket_v4_packet* p);
+COMM_V4_EXPORT void comm_socket_v4_packet_set_multipart(comm_socket_v4_packet* p, uint32_t value);
+COMM_V4_EXPORT uint64_t comm_socket_v4_packet_get_stream_id(const comm_socket_v4_packet* p);
+COMM_V4_EXPORT void comm_socket_v4_packet_set_stream_id(comm_socket_v4_packet* p, uint64_t id);
+COMM_V4_EXPORT uint64_t comm_socket_v4_packet_get_message_id(const comm_socket_v4_packet* p);
+COMM_V4_EXPORT void comm_socket_v4_packet_set_message_id(comm_socket_v4_packet* p, uint64_t id);
+COMM_V4_EXPORT uint64_t comm_socket_v4_packet_get_error_code(const comm_socket_v4_packet* p);
+COMM_V4_EXPORT void comm_socket_v4_packet_set_error_code(comm_socket_v4_packet* p, uint64_t code);
+COMM_V4_EXPORT uint64_t comm_socket_v4_packet_get_tag(const comm_socket_v4_packet* p);
+COMM_V4_EXPORT void comm_socket_v4_packet_set_tag(comm_socket_v4_packet* p, uint64_t value);
+COMM_V4_EXPORT int comm_socket_v4_packet_get_write_state(const comm_socket_v4_packet* p);
+COMM_V4_EXPORT const char* comm_socket_v4_packet_write_state_to_str(int state);
+COMM_V4_EXPORT uint32_t comm_socket_v4_packet_get_sighdr(const comm_socket_v4_packet* p);
+COMM_V4_EXPORT void comm_socket_v4_packet_set_sighdr(comm_socket_v4_packet* p, uint32_t signature);
+COMM_V4_EXPORT void comm_socket_v4_packet_set_complete_cb(comm_socket_v4_packet* p,
+                                                          int (*cb)(comm_socket_v4_packet*));
+
+// Returns the packet as it is sent, and stores how long it is: what to write to a file. Null, and a
+// length of 0, before a buffer was needed; before the end of the writing the length is 0, too.
+COMM_V4_EXPORT const unsigned char* comm_socket_v4_packet_get_buffer(const comm_socket_v4_packet* p,
+                                                                     size_t* length);
+// Fills a packet that was never written with a copy of bytes, as if they had been received. Pass it
+// to comm_socket_v4_client_on_recv_packet before anything is read from it.
+// Returns 0; -1; errno EINVAL for another packet and above COMM_V4_MAX_PACKET, ENOMEM.
+COMM_V4_EXPORT int comm_socket_v4_packet_set_buffer(comm_socket_v4_packet* p,
+                                                    const unsigned char* bytes, size_t length);
+
+// attach_... return 1 or 0.
+COMM_V4_EXPORT int comm_socket_v4_packet_attach_fd_to_send(comm_socket_v4_packet* p, int fd);
+COMM_V4_EXPORT int comm_socket_v4_packet_attach_fd_to_send_cloexec(comm_socket_v4_packet* p,
+                                                                   int fd);
+COMM_V4_EXPORT size_t comm_socket_v4_packet_attached_fd_count(const comm_socket_v4_packet* p);
+COMM_V4_EXPORT int comm_socket_v4_packet_get_attached_fd(comm_socket_v4_packet* p, size_t index);
+COMM_V4_EXPORT void comm_socket_v4_packet_close_attached_fd(comm_socket_v4_packet* p);
 
 // As write_begin, its arguments in another order.
-COMM_V4_EXPORT int comm_socket_v4_packet_begin_writing(comm_socket_v4_packet* p,
-                                                       std::size_t size_hint, const char* command,
+COMM_V4_EXPORT int comm_socket_v4_packet_begin_writing(comm_socket_v4_packet* p, size_t size_hint,
+                                                       const char* command,
                                                        const char* error_string);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_argv(comm_socket_v4_packet* p, const char* text);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_argvf(comm_socket_v4_packet* p, const char* format,
                                                      ...) COMM_V4_PRINTF(2, 3);
+COMM_V4_EXPORT int comm_socket_v4_packet_vwrite_argvf(comm_socket_v4_packet* p, const char* format,
+                                                      va_list args) COMM_V4_PRINTF(2, 0);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_argv_uint64(comm_socket_v4_packet* p,
-                                                           std::uint64_t value);
-COMM_V4_EXPORT int comm_socket_v4_packet_write_argv_int64(comm_socket_v4_packet* p,
-                                                          std::int64_t value);
+                                                           uint64_t value);
+COMM_V4_EXPORT int comm_socket_v4_packet_write_argv_int64(comm_socket_v4_packet* p, int64_t value);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_argv_double(comm_socket_v4_packet* p, double value);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_argv_end(comm_socket_v4_packet* p);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_nv_pair_raw(comm_socket_v4_packet* p,
                                                            const char* name,
                                                            const unsigned char* value,
-                                                           std::size_t length, std::uint32_t type);
+                                                           size_t length, uint32_t type);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_nv_pair_fourcc(comm_socket_v4_packet* p,
-                                                              std::uint32_t fourcc,
-                                                              const char* name,
+                                                              uint32_t fourcc, const char* name,
                                                               const unsigned char* value,
-                                                              std::size_t length);
+                                                              size_t length);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_nv_pair_binary(comm_socket_v4_packet* p,
                                                               const char* name,
                                                               const unsigned char* value,
-                                                              std::size_t length);
+                                                              size_t length);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_nv_pair_uint64(comm_socket_v4_packet* p,
                                                               const char* name,
-                                                              const std::uint64_t* values,
-                                                              std::size_t count);
+                                                              const uint64_t* values, size_t count);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_nv_pair_int64(comm_socket_v4_packet* p,
                                                              const char* name,
-                                                             const std::int64_t* values,
-                                                             std::size_t count);
+                                                             const int64_t* values, size_t count);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_nv_pair_double(comm_socket_v4_packet* p,
                                                               const char* name,
-                                                              const double* values,
-                                                              std::size_t count);
+                                                              const double* values, size_t count);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_nv_pair_json(comm_socket_v4_packet* p,
                                                             const char* name, const char* json,
-                                                            std::size_t length);
+                                                            size_t length);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_nv_pair(comm_socket_v4_packet* p, const char* name,
                                                        const char* text);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_nv_pairf(comm_socket_v4_packet* p, const char* name,
                                                         const char* format, ...)
     COMM_V4_PRINTF(3, 4);
+COMM_V4_EXPORT int comm_socket_v4_packet_vwrite_nv_pairf(comm_socket_v4_packet* p, const char* name,
+                                                         const char* format, va_list args)
+    COMM_V4_PRINTF(3, 0);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_data_binary(comm_socket_v4_packet* p,
                                                            const unsigned char* data,
-                                                           std::size_t length);
+                                                           size_t length);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_end(comm_socket_v4_packet* p);
 
-COMM_V4_EXPORT std::size_t comm_socket_v4_packet_get_argc(const comm_socket_v4_packet* p);
-COMM_V4_EXPORT std::size_t comm_socket_v4_packet_nv_entries(const comm_socket_v4_packet* p);
+COMM_V4_EXPORT size_t comm_socket_v4_packet_get_argc(const comm_socket_v4_packet* p);
+COMM_V4_EXPORT size_t comm_socket_v4_packet_nv_entries(const comm_socket_v4_packet* p);
 COMM_V4_EXPORT const char* comm_socket_v4_packet_get_command(const comm_socket_v4_packet* p);
 COMM_V4_EXPORT const char* comm_socket_v4_packet_get_error_string(const comm_socket_v4_packet* p);
 // Stores the length of the data in *length, unless `length` is null.
 // Returns the data.
 COMM_V4_EXPORT const unsigned char* comm_socket_v4_packet_get_data(const comm_socket_v4_packet* p,
-                                                                   std::size_t* length);
-// Returns the text of an argument, and the other its entry.
+                                                                   size_t* length);
+// Returns the value of an argument, and the last its entry.
 COMM_V4_EXPORT const char* comm_socket_v4_packet_get_argv(const comm_socket_v4_packet* p,
-                                                          std::size_t index);
+                                                          size_t index);
+COMM_V4_EXPORT uint64_t comm_socket_v4_packet_get_argv_uint64(const comm_socket_v4_packet* p,
+                                                              size_t index);
+COMM_V4_EXPORT int64_t comm_socket_v4_packet_get_argv_int64(const comm_socket_v4_packet* p,
+                                                            size_t index);
+COMM_V4_EXPORT double comm_socket_v4_packet_get_argv_double(const comm_socket_v4_packet* p,
+                                                            size_t index);
 COMM_V4_EXPORT const comm_socket_v4_packet_argv* comm_socket_v4_packet_get_argv_entry(
-    const comm_socket_v4_packet* p, std::size_t index);
+    const comm_socket_v4_packet* p, size_t index);
 COMM_V4_EXPORT const comm_socket_v4_packet_nv_pair* comm_socket_v4_packet_get_nv_entry(
-    const comm_socket_v4_packet* p, std::size_t index);
+    const comm_socket_v4_packet* p, size_t index);
 COMM_V4_EXPORT const char* comm_socket_v4_packet_get_nv_pair_name(
     const comm_socket_v4_packet* p, const comm_socket_v4_packet_nv_pair* entry);
 COMM_V4_EXPORT const unsigned char* comm_socket_v4_packet_get_nv_pair_value_raw(
@@ -482,13 +578,14 @@ COMM_V4_EXPORT const comm_v4_unaligned_double_t* comm_socket_v4_packet_get_nv_pa
 
 // Of a null packet dump prints "(null)", dump_user_friendly and dump_body nothing; the header
 // listing takes none.
-COMM_V4_EXPORT void comm_socket_v4_packet_dump(const comm_socket_v4_packet* p, std::FILE* out);
+COMM_V4_EXPORT void comm_socket_v4_packet_dump(const comm_socket_v4_packet* p, FILE* out);
 COMM_V4_EXPORT void comm_socket_v4_packet_dump_user_friendly(const comm_socket_v4_packet* p,
-                                                             std::FILE* out);
+                                                             FILE* out);
 COMM_V4_EXPORT void comm_socket_v4_packet_dump_header_user_friendly(const comm_socket_v4_packet* p,
-                                                                    std::FILE* out);
-COMM_V4_EXPORT void comm_socket_v4_packet_dump_body(const comm_socket_v4_packet* p, std::FILE* out);
+                                                                    FILE* out);
+COMM_V4_EXPORT void comm_socket_v4_packet_dump_body(const comm_socket_v4_packet* p, FILE* out);
 
+#ifdef __cplusplus
 }  // extern "C"
 
 // ------------------------------------------------------------------------------------------------
@@ -638,4 +735,5 @@ inline const comm_v4_unaligned_double_t* comm_socket_v4_packet::nv_pair_value_do
              : nullptr;
 }
 
+#endif  // __cplusplus
 #endif
