@@ -1,7 +1,7 @@
 # What `cmake --install` lays down: the headers, both libraries, a CMake package that gives
-# tarn_utils_v4::comm (shared) and tarn_utils_v4::comm_static, a pkg-config file, and the documents.
-# All of it may be moved to another prefix afterwards. Programs need the component `runtime` to run,
-# and `development` to be built.
+# tarn_utils_v4::comm (shared) and tarn_utils_v4::comm_static, a pkg-config file, the documents and
+# the examples. All of it may be moved to another prefix afterwards. Programs need the component
+# `runtime` to run, and `development` to be built.
 include(CMakePackageConfigHelpers)
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 
@@ -31,3 +31,5 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libtarn_utils_v4_comm.pc
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES docs/guide.md docs/performance.md docs/wire-format.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR}
+  PATTERN __pycache__ EXCLUDE)
