@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdint>
 #include <new>
-#include <utility>
 
 namespace {
 
@@ -44,11 +43,12 @@ comm_socket_v4* create_endpoint() {
 }  // namespace
 
 CommClient* comm_socket_v4_blocking_create(comm_socket_v4* endpoint) {
-  CommEndpoint owned(endpoint != nullptr ? endpoint : create_endpoint());
-  // What is moved from is evaluated when there is memory for the client.
-  if (owned != nullptr)
-    if (auto* const client = new (std::nothrow) CommClient(std::move(owned))) return client;
-  if (endpoint != nullptr) owned.release();
+  comm_socket_v4* const used = endpoint != nullptr ? endpoint : create_endpoint();
+  // Without memory for the client nothing takes the endpoint over.
+  auto* const client =
+      used != nullptr ? new (std::nothrow) CommClient(CommEndpoint(used)) : nullptr;
+  if (client != nullptr) return client;
+  if (endpoint == nullptr) comm_socket_v4_destroy(used);
   errno = ENOMEM;
   return nullptr;
 }
