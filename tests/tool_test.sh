@@ -133,12 +133,13 @@ all=(hello text:a:b uint64:0xff int64:-9223372036854775808 double:-0.5 -p empty=
   -p c=fourcc:ABCD:0102 -p "f=binary:@file" -d bytes --async --multipart last --stream-id 5
   --message-id 0x10)
 expect 0 "Asynchronous Response" call echo "${all[@]}"
-for line in "client 1 \(pid [0-9]+, uid $UID, gid [0-9]+\): 'hello'" 'Message ID: 0x10' \
-  'Stream ID:  0x5' 'Multipart:  Last' 'Command:    hello' \
-  'Argv\[0\]:    a:b' 'Argv\[1\]: .*00ff' 'Argv\[2\]:    -9223372036854775808' \
-  'Argv\[3\]:    -0\.5$' '^  empty: $' '^  j:\(JSON\) \{"a":1\}' '^  u:\(UINT64\) 0*1 0*10 $' \
-  '^  i:\(INT64\) -1 2 $' '^  d:\(DOUBLE\) 1\.5 $' '^  none:\(UINT64\) $' \
-  '^  b:\(BINARY\) 00 ff $' "^  c:\('ABCD'\) 01 02 $" '^  f:\(BINARY\) 63 6f .* 0a $' \
+for line in "client 1 \(pid [0-9]+, uid $UID, gid [0-9]+\): 'hello'" 'Message ID: 16 \(0x10\)' \
+  'Stream ID:  5$' 'Multipart:  Last' 'Command:    hello' \
+  'Argv\[0\]:    a:b' 'Argv\[1\]\(UINT64\): 255 \(0xff\)' \
+  'Argv\[2\]\(INT64\): -9223372036854775808' 'Argv\[3\]\(DOUBLE\): -0\.5$' '^  empty: $' \
+  '^  j:\(JSON\) \{"a":1\}' '^  u:\(UINT64\) 1, 16$' '^  i:\(INT64\) -1, 2$' \
+  '^  d:\(DOUBLE\) 1\.5$' '^  none:\(UINT64\) $' '^  b:\(BINARY\) 00 ff$' "^  c:\('ABCD'\) 01 02$" \
+  '^  f:\(BINARY\) 63 6f .* 0a$' \
   'Data:       5 bytes' '^  bytes$'; do
   check "$line in the response" grep -qE "$line" out echo.out
 done
@@ -151,7 +152,9 @@ printf 'a\033[1mb\0c' > input
 expect 0 'a\\x1b\[1mb\\x00c' call echo x -D -
 expect 0 "" call echo x -D - -f data
 check "data as it is" cmp -s input out
-expect 0 "Descriptors: 2" call echo x --fd file --fd-rw new --save-fds saved
+expect 0 "^  file, read-write, 0 bytes, $PWD/new$" call echo x --fd file --fd-rw new --save-fds saved
+expect 0 "^  l:.*, 18, 19,$" call echo x -p "l=uint64:$(seq -s, 99)"
+check "a long list takes several lines" grep -qE '^    20, 21, .* 38,$' out
 check "a saved descriptor" cmp -s file saved/descriptor-0
 expect 1 "folder 'saved' is not empty" call echo x --save-fds saved
 
@@ -196,7 +199,7 @@ check "its statistics" grep -qE "^[1-9][0-9]* sent, [1-9]" left_alone
 # --- Other answers
 start fixed serve --uid $((UID + 1)) --uid $UID -f none --error-code 3 --error-string "not today" \
   --fd file fixed answer uint64:1
-expect 1 "Message ID: 0x9" call fixed question --message-id 9
+expect 1 "Message ID: 9" call fixed question --message-id 9
 expect 1 "the response is error 3: not today" call fixed question -f none --save-fds given
 check "the server's file" cmp -s file given/descriptor-0
 stop INT fixed

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "tool/descriptor_kind.h"
 #include "tool/packet_print.h"
 #include "tool/visible_text.h"
 
@@ -26,7 +27,11 @@ std::string formatted(const char* format, Values... values) {
   return text;
 }
 
-std::string hex(std::uint64_t number) { return formatted("0x%jX", std::uintmax_t{number}); }
+// Small numbers are the same both ways.
+std::string with_hex(std::uint64_t number) {
+  const std::string decimal = std::to_string(number);
+  return number < 10 ? decimal : decimal + formatted(" (0x%jx)", std::uintmax_t{number});
+}
 
 std::string decimal(double number) {
   char text[32];
@@ -56,8 +61,7 @@ class Listing {
     for (std::size_t i = 0; i < packet_.argc() && has_room(); ++i) add_argument(i);
     for (std::size_t i = 0; i < packet_.nv_entries() && has_room(); ++i)
       add_pair(*packet_.nv_entry(i));
-    if (!packet_.attached_fd.empty())
-      add_field("Descriptors", std::to_string(packet_.attached_fd.size()));
+    if (!packet_.attached_fd.empty()) add_descriptors();
     if (packet_.data_length() != 0 && has_room()) add_data();
     if (full_ && has_room()) add_bytes();
     if (!has_room())
@@ -86,9 +90,9 @@ class Listing {
                                comm_socket_v4_packet::multipart_shift;
     const bool async = (packet_.flags & comm_socket_v4_packet::flag_async) != 0;
     const bool request = (packet_.flags & comm_socket_v4_packet::flag_request) != 0;
-    add_field("Message ID", hex(packet_.message_id));
-    add_field("Stream ID", hex(packet_.stream_id));
-    add_field("Error code", hex(packet_.error_code));
+    add_field("Message ID", with_hex(packet_.message_id));
+    add_field("Stream ID", with_hex(packet_.stream_id));
+    add_field("Error code", with_hex(packet_.error_code));
     add_field("Type",
               std::string(async ? "Asynchronous " : "") + (request ? "Request" : "Response"));
     if (part != 0) add_field("Multipart", parts[part]);
@@ -103,10 +107,11 @@ class Listing {
     if (entry->type() == comm_v4_type_text)
       return add_field(label, packet_.argv_text(entry), entry->offset());
     const std::string value =
-        entry->type() == comm_v4_type_uint64  ? formatted("0x%016jx", packet_.argv_uint64(entry))
-        : entry->type() == comm_v4_type_int64 ? std::to_string(packet_.argv_int64(entry))
-                                              : decimal(packet_.argv_double(entry));
-    add_field(label + (full_ ? "(" + type_name(entry->type()) + ")" : ""), value, entry->offset());
+        !entry->is_present()                   ? "absent"
+        : entry->type() == comm_v4_type_uint64 ? with_hex(packet_.argv_uint64(entry))
+        : entry->type() == comm_v4_type_int64  ? std::to_string(packet_.argv_int64(entry))
+                                               : decimal(packet_.argv_double(entry));
+    add_field(label + "(" + type_name(entry->type()) + ")", value, entry->offset());
   }
 
   void add_pair(const Pair& pair) {
@@ -126,23 +131,43 @@ class Listing {
       case comm_v4_type_json:
         return add_visible(packet_.nv_pair_value_text(&pair));
       case comm_v4_type_uint64:
-        return add_list<std::uint64_t>(pair, [](auto n) { return formatted("%016jx", n); });
+        return add_list<std::uint64_t>(pair, ",", [](auto n) { return std::to_string(n); });
       case comm_v4_type_int64:
-        return add_list<std::int64_t>(pair, [](auto n) { return std::to_string(n); });
+        return add_list<std::int64_t>(pair, ",", [](auto n) { return std::to_string(n); });
       case comm_v4_type_double:
-        return add_list<double>(pair, decimal);
+        return add_list<double>(pair, ",", decimal);
       default:
-        return add_list<unsigned char>(pair, [](auto byte) { return formatted("%02x", byte); });
+        return add_list<unsigned char>(pair, "", [](auto byte) { return formatted("%02x", byte); });
     }
   }
 
+  // What does not fit the line of the name goes on in lines of its own.
   template <class Value, class Words>
-  void add_list(const Pair& pair, Words words) {
+  void add_list(const Pair& pair, const char* separator, Words words) {
+    constexpr std::size_t width = 80;
     const unsigned char* const values = packet_.nv_pair_value_raw(&pair);
-    for (std::size_t i = 0; i < pair.length() / sizeof(Value) && has_room(); ++i) {
+    const std::size_t count = pair.length() / sizeof(Value);
+    std::size_t start = text_.rfind('\n') + 1;
+    for (std::size_t i = 0; i < count && has_room(); ++i) {
       Value value;
       std::memcpy(&value, values + i * sizeof(value), sizeof(value));
-      text_ += words(value) + ' ';
+      const std::string word = words(value) + (i + 1 < count ? separator : "");
+      const bool is_full = text_.size() - start + word.size() >= width;
+      if (is_full) text_ += "\n   ";
+      if (is_full) start = text_.size() - 3;
+      text_ += (i != 0 || is_full ? " " : "") + word;
+    }
+  }
+
+  void add_descriptors() {
+    add_field("Descriptors", std::to_string(packet_.attached_fd.size()));
+    for (const int fd : packet_.attached_fd) {
+      const DescriptorKind found = kind_of_descriptor(fd);
+      text_ += std::string("  ") + found.kind + ", " + found.access;
+      if (found.size.has_value()) text_ += ", " + count_of(*found.size, "byte");
+      if (!found.link.empty()) text_ += ", ";
+      add_visible(found.link);
+      text_ += '\n';
     }
   }
 
