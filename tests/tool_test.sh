@@ -74,6 +74,21 @@ raw() {
     eval $code; die $@ if $@' "$@"
 }
 
+# lone PATH PERL
+# A server that follows no rules, for one client: request() receives into $r, and event(N) sends the
+# packet $p, as a response with that message id.
+lone() {
+  rm -f "$1" "$1.up"
+  perl -MSocket -e 'alarm 300; ($path, $code) = @ARGV; $SIG{PIPE} = "IGNORE"; open F, "good";
+    $/ = undef; $p = <F>; socket S, AF_UNIX, SOCK_SEQPACKET, 0; bind S, sockaddr_un $path;
+    listen S, 9; open U, ">", "$path.up"; print U "up"; close U; accept C, S;
+    sub request { recv C, $r = "", 70000, 0; length $r }
+    sub answer { substr($_[0], 32, 1) = "\0"; send C, $_[0], 0 }
+    sub event { substr($p, 16, 8) = pack "Q", shift; answer $p }
+    eval $code; die $@ if $@' "$@" &
+  await "$1.up" up
+}
+
 patch() {  # FILE OFFSET BYTES
   printf '%b' "$3" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none
 }
@@ -336,5 +351,123 @@ broken $((argv + 7)) '\x09' "argv\[1\] unsupported type 9 .*type_code at byte $(
 broken $((pairs + 24)) '\xff\xff' "nv_pair\[1\] value.*_length at byte $((pairs + 24)) is 65535;"
 head -c 63 good > input
 expect 1 "input is no valid packet: too short: the packet has 63 bytes, at least 64" decode
+
+# --- JSON
+json_of() { "$tool" decode -f json "$@"; }
+python3 - << 'END'
+import struct
+# Valid, but nothing that a careful writer makes: a command that is no UTF-8 and would command a
+# terminal, values that are absent, empty and cut, a NUL in a text, numbers that JSON lacks.
+texts = b"\xff\x1b[1m\0err\xe2\x80\xae\0a\0b\0" + struct.pack("<QQ", 2**64 - 1, 0xfff0000000000001)
+at, error, text, numbers, table = 63, 69, 76, 80, 96
+arguments = [(0, 0), (0, 2), (68, 0), (numbers, 2), (numbers, 5), (numbers + 8, 3)]
+pairs = [(at, text, 3, 0), (error, numbers, 9, 2), (68, numbers + 8, 8, 3), (error, text, 4, 1),
+         (error, text, 4, 0x01020304), (error, text, 4, 0x74786574), (error, text, 3, 4)]
+tables = b"".join(struct.pack("<I", o | t << 24) for o, t in arguments)
+tables += b"".join(struct.pack("<IIII", *p) for p in pairs)
+data = b"\xc3\xa9\n\x7f\0\"\\"
+open("odd", "wb").write(struct.pack("<IIQQQIIIBIHIII", 0xABCD0201, 63, 2**64 - 1, 2**63 + 1, 7,
+    0xfffffffc, error, at, len(arguments), table, len(pairs), table + 4 * len(arguments),
+    table + len(tables), len(data)) + texts + tables + data)
+END
+json_of good > good.json
+json_of odd > odd.json
+json_of evil > evil.json
+start json serve -f json --json odd.json json
+start between proxy -f none --save sent between json
+python3 -m json.tool < good.json > input  # on many lines
+cat odd.json evil.json >> input
+expect 0 "" call -n -j - between
+sent=(sent/*-to-server)
+check "a packet to JSON and back is the same" cmp good "${sent[0]}"
+check "so is all that an odd packet says" diff odd.json <(json_of "${sent[1]}")
+check "and one whose parts lie over each other" cmp evil "${sent[2]}"
+expect 1 '^\{"command_base64": "/xtbMW0="' call -f json between x
+check "an answer in JSON" cmp out odd.json
+python3 - << 'END'
+import os, socket
+s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+s.connect("json")
+fds = [s.fileno(), os.pipe()[0], os.open("/", os.O_PATH), os.memfd_create("\x1b[1m")]
+socket.send_fds(s, [open("good", "rb").read()], fds)
+s.recv(70000)
+END
+for kind in socket.*read-write pipe.*read directory.*path 'memfd.*size": 0, "link": "/memfd:\\u001b'; do
+  check "a $kind" grep -qE "\"kind\": \"$kind.*\"peer\": \{\"direction\": \"to-server\"" json.out
+done
+expect 1 "a descriptor is sent only with" call -j <(grep '"memfd"' json.out) json
+grep '^{' json.out > json.lines
+check "it is valid" python3 -c 'import json; [json.loads(line) for line in open("json.lines")]'
+check "it commands no terminal" \
+  [ "$(LC_ALL=C tr -d '\n\040-\176\303\251' < json.lines | wc -c)" -eq 0 ]
+while IFS=$'\t' read -r pattern text; do
+  printf '%b' "${text/BASE64/$(base64 -w 0 good)}" > input
+  expect 1 "standard input: $pattern" call -n -j - json
+done << 'END'
+line 2, column 2: 'x' is not known	{\n "x": 1}
+line 1, column 18: 'command' is there twice	{"command": "a", "command": "b"}
+line 1, column 1: the packet has no command	{}
+line 1, column 1: a packet is an object	[]
+line 1, column 12: the command has a NUL	{"command":"\\u0000"}
+line 1, column 18: half of a surrogate pair	{"command":"12345\\ud800"}
+line 1, column 13: .*not UTF-8	{"command":"\0377"}
+line 1, column 13: a control character	{"command":"\t"}
+line 1, column 19: expected base64	{"command_base64":"YR=="}
+line 1, column 14: expected a whole number .* 18446744073709551615	{"stream_id":18446744073709551616}
+line 1, column 14: expected a number	{"stream_id":01}
+line 1, column 39: expected a whole number	{"arguments":[{"type":"int64","value":1.0}]}
+line 1, column 40: the number is out of range	{"arguments":[{"type":"double","value":1e999}]}
+line 1, column 23: 'json' is no type	{"arguments":[{"type":"json","value":""}]}
+line 1, column 11: the pair has no name	{"pairs":[{"value":""}]}
+line 1, column 16: the lowest four bits	{"user_flags": 8}
+line 1, column 1: packet_base64 and other	{"data":"","packet_base64":"BASE64"}
+the last object has no end	{"command":"x"
+END
+perl -e 'print "{\"arguments\":", "[" x 1e6, "]" x 1e6, "}"' > input
+expect 1 "line 1, column 15: expected \{" call -j - json
+expect 2 "another description of the packet exclude" call -j good.json json x
+stop TERM between
+stop TERM json
+
+# --- Several packets over one connection
+start echo serve -f none echo
+head -c 3000000 /dev/urandom > big
+expect 0 "" call -f data -u big echo put
+check "a file in parts comes back" cmp big out
+start between proxy -f none --save parts between echo
+cp big input
+expect 0 "" call -n -u - between put a -p b=c --fd file
+check "nothing is lost with answers unread" cmp big <("$tool" decode -f data parts/*-to-server)
+check "the first part is one, with the descriptor" grep -q '"multipart": "first", .*"c"' \
+  <(json_of parts/000001-*)
+stop TERM between
+: > input
+expect 0 '"multipart": "none", .*"message_id": 7' call -f json -u - --message-id 7 echo put
+# shellcheck disable=SC2016  # Perl expands these.
+lone lone 'request() && push @q, $r for 1 .. 3; answer $_ for reverse @q; request()'
+printf '{"command":"a"}{"command":"b"}\n{"command":"c","message_id":9}' > input
+expect 0 "" call -f json -j - lone
+check "answers find their requests" diff <(printf '%s\n' 9 2 1) \
+  <(sed -E 's/.*"message_id": ([0-9]+).*/\1/' out)
+# shellcheck disable=SC2016
+follow() { lone lone 'request(); event($_) for 1 .. 3' && expect "$1" "$2" call -f json "${@:3}" lone x; }
+follow 0 '"message_id": 3' --follow
+follow 0 '"message_id": 2' -c 2
+check "no more" [ "$(wc -l < out)" -eq 2 ]
+follow 1 "closed the connection after 3 of 9 packets" -c 9
+expect 0 '"x"' call -f json -F -t 0.2 echo x
+upload() { lone lone "$1" && expect 1 "$2" call -u big -t "${3-300}" lone put; }
+upload 'request() for 1 .. 3' "call: the server closed the connection"
+upload 'shutdown C, 1; sleep 300' "call: the server closed the connection"
+upload 'sleep 300' "call: the server takes no packet in time" 0.3
+upload '1 while event 0' "call: the server takes no packet in time" 0.3
+# shellcheck disable=SC2016
+upload 'substr($p, 24, 1) = "\5"; event 0; sleep 300' "^.Error code: 5"
+(patient decode -f json good) > /dev/full 2> err
+check "a full disk: $?" [ $? -eq 1 ]
+check "a full disk is said" grep -q "cannot write standard output: No space left" err
+patient decode evil 2> err | read -r
+check "a reader that leaves" grep -q "cannot write standard output: Broken pipe" err
+stop TERM echo
 
 [ $failures -eq 0 ]

@@ -28,11 +28,6 @@ Option text_option(const char* name, char letter, std::optional<std::string>& ta
   return {name, letter, true, [&target](auto& value, auto&) { target = value; }};
 }
 
-Option seconds_option(const char* name, char letter, std::uint64_t& target_us) {
-  return {name, letter, true,
-          [&target_us](auto& value, auto& what) { target_us = parse_seconds(value, what); }};
-}
-
 namespace {
 
 std::vector<std::string> operands_in(std::vector<std::string> words,

@@ -38,7 +38,6 @@ struct Option {
 
 Option flag_option(const char* name, char letter, bool& target, bool value = true);
 Option text_option(const char* name, char letter, std::optional<std::string>& target);
-Option seconds_option(const char* name, char letter, std::uint64_t& target_us);
 
 // Reads the words behind the subcommand with getopt_long, answers --help, and returns what is no
 // option: `required` words, named for the error, and at most `optional` more.
@@ -57,6 +56,11 @@ double parse_double(std::string_view text, const std::string& what);
 std::uint64_t parse_seconds(std::string_view text, const std::string& what);
 
 // The target is a number, or an optional one.
+template <class Target>
+Option seconds_option(const char* name, char letter, Target& target_us) {
+  return {name, letter, true,
+          [&target_us](auto& value, auto& what) { target_us = parse_seconds(value, what); }};
+}
 template <class Target>
 Option number_option(const char* name, char letter, Target& target, std::uint64_t min = 0,
                      std::uint64_t max = std::numeric_limits<std::uint64_t>::max()) {

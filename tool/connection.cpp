@@ -53,15 +53,3 @@ CommEndpoint connect_to_server(const std::string& path, std::uint64_t timeout_us
   if (!endpoint->socket_open()) throw Failure("the server at " + in_quotes(path) + " went away");
   return endpoint;
 }
-
-void send_in_time(comm_socket_v4& endpoint, comm_socket_v4_packet& packet,
-                  std::uint64_t deadline_us) {
-  for (;;) {
-    const int sent = comm_socket_v4_packet_send_to_server(&endpoint, &packet);
-    if (sent > 0) return;
-    if (sent < 0 && errno != EMSGSIZE) throw Failure("the server closed the connection");
-    if (sent < 0) throw system_failure("cannot send");
-    if (now_us() >= deadline_us) throw Failure("the server takes no packet in time");
-    comm_socket_v4_wait_for_client_to_server_writeable(&endpoint, deadline_us);
-  }
-}

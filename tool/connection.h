@@ -15,7 +15,5 @@ std::optional<int> inherited_descriptor(const std::string& path);
 
 // `timeout_us` is not 0. It throws Failure when no server answers in time.
 CommEndpoint connect_to_server(const std::string& path, std::uint64_t timeout_us, bool verbose);
-void send_in_time(comm_socket_v4& endpoint, comm_socket_v4_packet& packet,
-                  std::uint64_t deadline_us);
 
 #endif

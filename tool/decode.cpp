@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -24,21 +23,13 @@ constexpr char help[] =
 
 constexpr std::size_t max_file = std::size_t{16} * 1024 * 1024;
 
-CommPacket packet_of(const std::string& bytes) {
-  CommPacket packet = new_packet();
-  if (packet->resize_buffer(bytes.size() + 1) != 0) throw std::bad_alloc();
-  std::memcpy(packet->buffer, bytes.data(), bytes.size());
-  packet->buffer[bytes.size()] = 0;
-  packet->buffer_length = bytes.size();
-  return packet;
-}
-
 void decode(const std::string& file, Format format, bool named) {
   const std::string what = file == "-" ? "standard input" : in_quotes(file);
   const CommPacket packet = packet_of(read_file(file, max_file));
   const std::string rule = broken_rule(*packet);
   if (!rule.empty()) throw Failure(what + " is no valid packet: " + rule);
-  if (named && format != Format::data) std::printf("%s:\n", visible(what).c_str());
+  if (named && format != Format::data && format != Format::json)
+    std::printf("%s:\n", visible(what).c_str());
   print_packet(*packet, format);
   if (packet->buffer_length > COMM_V4_MAX_RECEIVED_PACKET)
     throw Failure(what + " has " + std::to_string(packet->buffer_length) +
@@ -56,6 +47,7 @@ int run(int argc, char** argv) {
     try {
       decode(file, format, files.size() > 1);
     } catch (const Failure& failure) {
+      if (std::ferror(stdout) != 0) throw;
       // The others are looked at all the same.
       flush_standard_output();
       std::fprintf(stderr, "%s: %s\n", argv[0], failure.what());

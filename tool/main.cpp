@@ -4,6 +4,7 @@
 #include <tarn_utils_v4/comm.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -70,6 +71,8 @@ int run(const Subcommand& subcommand, int argc, char** argv) {
 
 int main(int argc, char** argv) {
   open_standard_descriptors();
+  std::signal(SIGPIPE,
+              SIG_IGN);  // Who reads no further gets a message and a status, like a full disk.
   const std::string word = argc > 1 ? argv[1] : "";
   for (const Subcommand* s : subcommands)
     if (word == s->name) return run(*s, argc - 1, argv + 1);

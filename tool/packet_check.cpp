@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "tool/handles.h"
 
@@ -79,6 +80,15 @@ std::string places_in(const comm_socket_v4_packet& packet, const std::string& me
 }
 
 }  // namespace
+
+CommPacket packet_of(std::string_view bytes) {
+  CommPacket packet = new_packet();
+  if (packet->resize_buffer(bytes.size() + 1) != 0) throw std::bad_alloc();
+  std::memcpy(packet->buffer, bytes.data(), bytes.size());
+  packet->buffer[bytes.size()] = 0;
+  packet->buffer_length = bytes.size();
+  return packet;
+}
 
 std::string broken_rule(comm_socket_v4_packet& packet) {
   const std::string length = "the packet has " + std::to_string(packet.buffer_length) + " bytes";

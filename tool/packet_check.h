@@ -5,6 +5,12 @@
 #include <tarn_utils_v4/comm.h>
 
 #include <string>
+#include <string_view>
+
+#include "tool/handles.h"
+
+// Not yet known to be valid.
+CommPacket packet_of(std::string_view bytes);
 
 // Takes the packet as a receiver does, and returns an empty text when it passes. A NUL must follow
 // its bytes, inside the buffer.

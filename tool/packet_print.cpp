@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -13,6 +14,7 @@
 
 #include "tool/connection.h"
 #include "tool/files.h"
+#include "tool/packet_json.h"
 #include "tool/packet_listing.h"
 #include "tool/visible_text.h"
 
@@ -22,7 +24,9 @@ namespace {
 void wait_for_bytes(int fd, std::uint64_t deadline_us) {
   struct pollfd ready = {fd, POLLIN, 0};
   const std::uint64_t now = now_us();
-  const int timeout = now < deadline_us ? static_cast<int>((deadline_us - now) / 1000 + 1) : 0;
+  const std::uint64_t left_ms = (deadline_us - std::min(now, deadline_us)) / 1000;
+  const int timeout =
+      now < deadline_us ? static_cast<int>(std::min<std::uint64_t>(left_ms, INT_MAX - 1) + 1) : 0;
   if (::poll(&ready, 1, timeout) == 0) throw Failure("it had not ended in time");
 }
 
@@ -67,41 +71,49 @@ std::string coloured(std::string_view listing) {
   return text;
 }
 
+void write_out(std::string_view bytes) {
+  if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) < bytes.size())
+    throw system_failure("cannot write standard output");
+}
+
 }  // namespace
 
 Option format_option(Format& target) {
-  return {
-      "format", 'f', true, [&target](auto& value, auto& what) {
-        const std::map<std::string, Format> formats = {{"readable", Format::readable},
-                                                       {"full", Format::full},
-                                                       {"data", Format::data},
-                                                       {"none", Format::none}};
-        const auto found = formats.find(value);
-        if (found == formats.end())
-          throw UsageError(what + ": " + in_quotes(value) + " is not readable, full, data or none");
-        target = found->second;
-      }};
+  return {"format", 'f', true, [&target](auto& value, auto& what) {
+            const std::map<std::string, Format> formats = {{"readable", Format::readable},
+                                                           {"full", Format::full},
+                                                           {"json", Format::json},
+                                                           {"data", Format::data},
+                                                           {"none", Format::none}};
+            const auto found = formats.find(value);
+            if (found == formats.end())
+              throw UsageError(what + ": " + in_quotes(value) +
+                               " is not readable, full, json, data or none");
+            target = found->second;
+          }};
 }
 
-void print_packet(const comm_socket_v4_packet& packet, Format format) {
-  if (format == Format::data) {
-    std::fwrite(packet.data(), 1, packet.data_length(), stdout);
+void print_packet(const comm_socket_v4_packet& packet, Format format, const std::string& more) {
+  if (format == Format::json) {
+    write_out(json_of(packet, more));
+  } else if (format == Format::data) {
+    write_out({reinterpret_cast<const char*>(packet.data()), packet.data_length()});
   } else if (format != Format::none) {
     static const bool colours = wants_colours();
     std::string listing = listing_of(packet, format == Format::full);
     if (colours) listing = coloured(listing);
-    std::fwrite(listing.data(), 1, listing.size(), stdout);
+    write_out(listing);
   }
 }
 
-void print_event(std::string_view text) {
+void print_event(std::FILE* out, std::string_view text) {
   struct timespec now;
   struct tm local;
   char clock[16];
   std::timespec_get(&now, TIME_UTC);
   ::localtime_r(&now.tv_sec, &local);
   std::strftime(clock, sizeof(clock), "%H:%M:%S", &local);
-  std::printf("%s.%06ld %s\n", clock, now.tv_nsec / 1000, visible(text).c_str());
+  std::fprintf(out, "%s.%06ld %s\n", clock, now.tv_nsec / 1000, visible(text).c_str());
 }
 
 std::string count_of(std::size_t count, const char* thing) {

@@ -3,23 +3,25 @@
 #define TOOL_PACKET_PRINT_H
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <string_view>
 
 #include "tool/arguments.h"
 #include "tool/handles.h"
 
-enum class Format { readable, full, data, none };
+enum class Format { readable, full, json, data, none };
 
 #define FORMAT_OPTION_HELP \
-  "  -f, --format FORMAT       how packets are printed: readable, full, data or none\n"
+  "  -f, --format FORMAT       how packets are printed: readable, full, json, data or none\n"
 
 Option format_option(Format& target);
 
-// To standard output. The data format is the bytes of the data, as they are, and nothing else.
-void print_packet(const comm_socket_v4_packet& packet, Format format);
+// To standard output. The data format is the bytes of the data, as they are, and nothing else;
+// `more` is appended to the members of a JSON object.
+void print_packet(const comm_socket_v4_packet& packet, Format format, const std::string& more = "");
 // One line with the time of day before it.
-void print_event(std::string_view text);
+void print_event(std::FILE* out, std::string_view text);
 // "'ping', 94 bytes, 1 descriptor"
 std::string summary(const comm_socket_v4_packet& packet);
 std::string count_of(std::size_t count, const char* thing);

@@ -104,10 +104,11 @@ void PacketServer::run() {
   loop_.run_until_signal();
 }
 
-void PacketServer::say(const std::string& text, const comm_socket_v4_packet* packet) const {
+void PacketServer::say(const std::string& text, const comm_socket_v4_packet* packet,
+                       const std::string& more) const {
   if (settings_.quiet) return;
-  print_event(text);
-  if (packet != nullptr) print_packet(*packet, settings_.format);
+  print_event(settings_.format == Format::json ? stderr : stdout, text);
+  if (packet != nullptr) print_packet(*packet, settings_.format, more);
   flush_standard_output();
 }
 
@@ -164,14 +165,24 @@ void PacketServer::on_accept_failed(CommLoop& /*loop*/, CommLoopId /*server*/, i
 
 // --- Packets from and to a client ---------------------------------------------------------------
 
+// The members of a packet's object that say whose it is.
+std::string PacketServer::in_json(const Peer& peer, Sender sender) {
+  const char* const direction = sender == Sender::client ? "to-server" : "from-server";
+  return ", \"peer\": {\"direction\": \"" + std::string(direction) +
+         "\", \"client\": " + std::to_string(peer.number) +
+         ", \"pid\": " + std::to_string(peer.cred.pid) +
+         ", \"uid\": " + std::to_string(peer.cred.uid) +
+         ", \"gid\": " + std::to_string(peer.cred.gid) + "}";
+}
+
 int PacketServer::receive(const Peer& peer, Sender sender, comm_socket_v4_packet& packet) {
   std::string rule;
   const bool went_well = loop_.attempt([&] {
     rule = broken_rule(packet);
     const std::string what =
         rule.empty() ? summary(packet) : "dropped a packet that is not valid: " + rule;
-    say(heading(peer, sender) + what + save(peer, sender, packet),
-        rule.empty() ? &packet : nullptr);
+    say(heading(peer, sender) + what + save(peer, sender, packet), rule.empty() ? &packet : nullptr,
+        in_json(peer, sender));
   });
   return went_well && rule.empty() ? 0 : -1;
 }

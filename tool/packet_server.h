@@ -84,8 +84,10 @@ class PacketServer : protected CommLoopHandler {
 
   // As CommLoop::send; without memory it throws.
   int send(CommLoopId to, comm_socket_v4_packet& packet);
-  // Writes a line, and the packet that it is about. Not if the user wants it quiet.
-  void say(const std::string& text, const comm_socket_v4_packet* packet = nullptr) const;
+  // Writes a line, and the packet that it is about, whose JSON gets `more`. Not if the user wants
+  // it quiet.
+  void say(const std::string& text, const comm_socket_v4_packet* packet = nullptr,
+           const std::string& more = "") const;
   ServingLoop& loop() { return loop_; }
 
  private:
@@ -94,6 +96,7 @@ class PacketServer : protected CommLoopHandler {
   void on_gone(CommLoop& loop, CommLoopId id, CommLoopReason why, int error) override;
   void on_accept_failed(CommLoop& loop, CommLoopId server, int error) override;
 
+  static std::string in_json(const Peer& peer, Sender sender);
   const char* objection_to(const struct ucred& cred) const;
 
   const ServerSettings& settings_;

@@ -11,6 +11,7 @@
 
 #include "tool/packet_recipe.h"
 #include "tool/packet_server.h"
+#include "tool/packet_source.h"
 #include "tool/request_command.h"
 
 namespace {
@@ -40,21 +41,27 @@ constexpr char help[] =
 
 struct Settings : ServerSettings {
   PacketRecipe answer;
+  bool has_answer = false;
   std::optional<std::string> command;
   std::uint64_t command_timeout_us = 30'000'000;
 };
 
 void parse(int argc, char** argv, Settings& settings) {
+  std::optional<std::string> json;
   const std::vector<std::string> words =
       parse_options(serve_subcommand, argc, argv,
                     settings.options(settings.answer.options(
-                        {text_option("exec", 'e', settings.command),
+                        {text_option("json", 'j', json), text_option("exec", 'e', settings.command),
                          seconds_option("exec-timeout", 'T', settings.command_timeout_us)})),
                     {"PATH"}, SIZE_MAX);
   settings.path = words[0];
   if (words.size() > 1) settings.answer.set_command(words[1]);
   for (std::size_t i = 2; i < words.size(); ++i) settings.answer.add_argument(words[i]);
-  if (settings.command.has_value() && !settings.answer.empty())
+  settings.has_answer = json.has_value() || !settings.answer.empty();
+  if (json.has_value() && !settings.answer.empty())
+    throw UsageError("--json and another description of the answer exclude each other");
+  if (json.has_value()) settings.answer = answer_in_json(*json);
+  if (settings.command.has_value() && settings.has_answer)
     throw UsageError("--exec and an answer of its own exclude each other");
 }
 
@@ -126,7 +133,7 @@ class AnsweringServer : public PacketServer {
           [this, &peer](const CommandResult& result) { finish_command(peer, result); });
       peer.request = comm_share_packet(&request);
       loop().pause(peer.id);
-    } else if (!settings_.answer.empty()) {
+    } else if (settings_.has_answer) {
       send(peer.id, *settings_.answer.build(&request));
     } else {
       make_answer_of(request);

@@ -16,7 +16,6 @@ StopSignals::StopSignals() {
   if (::sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN)
     sigaddset(&signals, SIGHUP);
   ::sigprocmask(SIG_BLOCK, &signals, nullptr);
-  std::signal(SIGPIPE, SIG_IGN);
   fd_ = CommDescriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
   if (!fd_.is_open()) throw system_failure("cannot wait for signals");
 }

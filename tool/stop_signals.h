@@ -5,7 +5,7 @@
 #include "tool/handles.h"
 
 // Catches SIGINT, SIGTERM and SIGHUP from here on, and gives a descriptor that is readable once one
-// of them has come. A write to a pipe without readers fails from here on, and ends nothing.
+// of them has come.
 class StopSignals {
  public:
   StopSignals();

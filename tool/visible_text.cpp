@@ -4,13 +4,6 @@
 #include <bit>
 #include <cstdio>
 
-namespace {
-
-struct Character {
-  std::size_t length;  // 0 when the bytes are no UTF-8
-  char32_t code;
-};
-
 Character first_character(std::string_view text) {
   constexpr char32_t least[] = {0, 0, 0x80, 0x800, 0x10000};  // in so many bytes
   const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
@@ -27,15 +20,21 @@ Character first_character(std::string_view text) {
   return {length, code};
 }
 
-// Controls, marks of direction, and separators of lines.
+bool is_utf8(std::string_view text) {
+  while (!text.empty()) {
+    const std::size_t length = first_character(text).length;
+    if (length == 0) return false;
+    text.remove_prefix(length);
+  }
+  return true;
+}
+
 bool is_harmful(char32_t code) {
   constexpr char32_t ranges[][2] = {{0, 0x1f},        {0x7f, 0x9f},     {0x61c, 0x61c},
                                     {0x200e, 0x200f}, {0x2028, 0x202e}, {0x2066, 0x206f}};
   return std::any_of(std::begin(ranges), std::end(ranges),
                      [code](auto& range) { return code >= range[0] && code <= range[1]; });
 }
-
-}  // namespace
 
 void append_visible(std::string& shown, std::string_view text, std::size_t max) {
   while (!text.empty() && shown.size() < max) {

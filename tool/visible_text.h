@@ -7,6 +7,16 @@
 #include <string>
 #include <string_view>
 
+struct Character {
+  std::size_t length;  // in bytes; 0 when they are no UTF-8
+  char32_t code;
+};
+// Of a text that is not empty.
+Character first_character(std::string_view text);
+bool is_utf8(std::string_view text);
+// A control, a mark of direction, or a separator of lines. None is beyond 0xffff.
+bool is_harmful(char32_t code);
+
 // On one line. Appends no more once `shown` has `max` bytes.
 void append_visible(std::string& shown, std::string_view text, std::size_t max);
 std::string visible(std::string_view text);
