@@ -47,6 +47,21 @@ TEST_F(BuilderTest, WritesWhatTheWritersWrite) {
   EXPECT_EQ(bytes_of(rich.get()), written);
 }
 
+TEST_F(BuilderTest, WritesSeriesAndErrors) {
+  const CommPacket ask = begin_request("ask");
+  for (const bool first : {false, true}) {
+    for (const bool last : {false, true}) {
+      const CommPacket part =
+          Builder::response_to(*ask, last ? EIO : 0).multipart(first, last).finish();
+      const CommPacketReader read(*part);
+      EXPECT_EQ(std::make_pair(first, last),
+                std::make_pair(read.begins_series(), read.ends_series()));
+      EXPECT_EQ(last ? EIO : 0u, part->error_code);
+      EXPECT_EQ(last ? strerror(EIO) : "", read.error_string());
+    }
+  }
+}
+
 using Calls = std::function<void(Builder&)>;
 Calls repeated(int times, const Calls& call) {
   return [=](Builder& b) {
@@ -301,6 +316,15 @@ TEST_F(ClientTest, KeepsNoMoreThanItMay) {
   EXPECT_EQ("a", said(client.next(0s)));
   EXPECT_EQ("ENOBUFS", said(client.answer_to(5, 10s)));
   EXPECT_EQ("b c ETIMEDOUT", rest());
+  // Nothing: a send reads nothing, and waits.
+  client.keep_at_most(0);
+  answer(0, "unread");
+  const CommPacket asking = request();
+  while (client.send(asking, 0s)) {
+  }
+  EXPECT_EQ(ETIMEDOUT, errno);
+  EXPECT_EQ("ENOBUFS", said(client.call(asking, 10s)));
+  EXPECT_EQ("unread ETIMEDOUT", rest());
 }
 
 TEST_F(ClientTest, LosesNothingWithoutMemory) {

@@ -211,6 +211,12 @@ class CommPacketBuilder {
     builder.message_id(request.message_id).stream_id(request.stream_id);
     return builder;
   }
+  // And with an errno as error code, and its words; 0 is none.
+  static CommPacketBuilder response_to(const comm_socket_v4_packet& request, int error) {
+    CommPacketBuilder builder = response_to(request, error != 0 ? std::strerror(error) : "");
+    builder.error_code(static_cast<std::uint64_t>(error));
+    return builder;
+  }
 
   // Header values, until finish.
   CommPacketBuilder& message_id(std::uint64_t id) {
@@ -227,6 +233,11 @@ class CommPacketBuilder {
   }
   CommPacketBuilder& multipart(CommMultipart part) {
     return set([&](comm_socket_v4_packet& p) { comm_set_multipart(p, part); });
+  }
+  // The same from where the packet stands; one that is both has none.
+  CommPacketBuilder& multipart(bool is_first, bool is_last) {
+    if (is_first) return multipart(is_last ? CommMultipart::none : CommMultipart::first);
+    return multipart(is_last ? CommMultipart::last : CommMultipart::middle);
   }
   // Bits 4 to 31, in the place of those before; another bit is an error.
   CommPacketBuilder& user_flags(std::uint32_t bits);
@@ -569,6 +580,13 @@ class CommPacketReader {
   bool is_request() const noexcept { return has(comm_socket_v4_packet::flag_request); }
   bool is_async() const noexcept { return has(comm_socket_v4_packet::flag_async); }
   CommMultipart multipart() const noexcept { return comm_get_multipart(*packet_); }
+  // Whether nothing of a series comes before it, or behind it; both of a packet that stands alone.
+  bool begins_series() const noexcept {
+    return multipart() == CommMultipart::none || multipart() == CommMultipart::first;
+  }
+  bool ends_series() const noexcept {
+    return multipart() == CommMultipart::none || multipart() == CommMultipart::last;
+  }
   CommBytes data() const noexcept { return {packet_->data(), packet_->data_length()}; }
 
   Arguments arguments() const noexcept { return Arguments(*packet_); }
@@ -653,10 +671,9 @@ class CommClient {
   CommPacket next(std::chrono::microseconds timeout);
   // Returns a message id that no call and no next_id had before; never 0.
   std::uint64_t next_id() noexcept { return ++last_id_; }
-  // How many packets may be kept, 1 at least.
-  void keep_at_most(std::size_t packets) noexcept {
-    most_kept_ = std::max<std::size_t>(packets, 1);
-  }
+  // How many packets may be kept. With 0 a send waits for room and reads nothing: for who answers
+  // while it reads, and shall be sent no more than its answers are taken. call and answer_to fail.
+  void keep_at_most(std::size_t packets) noexcept { most_kept_ = packets; }
 
  private:
   // Of that many calls that timed out it is known that their answers are to be dropped.
@@ -1027,6 +1044,10 @@ inline bool CommClient::send_until(const CommPacket& packet, unsigned long deadl
   for (;;) {
     const int sent = comm_socket_v4_packet_send_to_server(endpoint_.get(), packet.get());
     if (sent != 0) return sent > 0;
+    if (most_kept_ == 0) {
+      if (!wait(POLLOUT, deadline)) return false;
+      continue;
+    }
     if (!may_keep() || !wait(POLLIN | POLLOUT, deadline)) return false;
     CommPacket received;
     if (!read(received)) return false;
@@ -1136,8 +1157,7 @@ inline bool CommClient::is_too_late(const comm_socket_v4_packet& p) noexcept {
   if ((p.flags & comm_socket_v4_packet::flag_request) != 0) return false;
   const auto found = std::lower_bound(given_up_.begin(), given_up_.end(), p.message_id);
   if (found == given_up_.end() || *found != p.message_id) return false;
-  const CommMultipart part = comm_get_multipart(p);
-  if (part == CommMultipart::none || part == CommMultipart::last) given_up_.erase(found);
+  if (CommPacketReader(p).ends_series()) given_up_.erase(found);
   return true;
 }
 
