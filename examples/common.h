@@ -1,8 +1,9 @@
-// What the examples share: how they fail, what they show, checksums of files.
+// What the examples share: how they fail, what they show, reading and writing files, checksums.
 #ifndef EXAMPLES_COMMON_H
 #define EXAMPLES_COMMON_H
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <tarn_utils_v4/comm_cpp.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 [[noreturn]] inline void fail(const char* what, const char* why) {
   std::fprintf(stderr, "%s: %s: %s\n", program_invocation_short_name, what, why);
@@ -57,6 +59,38 @@ inline bool read_rest(int fd, std::string& bytes) {
     if (count <= 0) return count == 0;
     bytes.append(block, static_cast<std::size_t>(count));
   }
+}
+
+// Fits into a packet beside everything else that we put there.
+constexpr std::size_t part_size = COMM_V4_MAX_RECEIVED_PACKET - 4096;
+
+// Whether the call that just failed is worth another try: a descriptor that was handed over need
+// not block.
+inline bool may_try_again(int fd, short events) {
+  if (errno == EINTR) return true;
+  if (errno != EAGAIN) return false;
+  struct pollfd ready = {fd, events, 0};
+  return ::poll(&ready, 1, -1) > 0 || errno == EINTR;
+}
+
+// Reads the next bytes, at most a part, none at the end only; false with errno.
+inline bool read_part(int fd, std::vector<unsigned char>& part) {
+  ssize_t count = -1;
+  part.resize(part_size);
+  do count = ::read(fd, part.data(), part.size());
+  while (count < 0 && may_try_again(fd, POLLIN));
+  part.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+  return count >= 0;
+}
+
+// Writes all of them; false with errno.
+inline bool write_all(int fd, CommBytes bytes) {
+  for (std::size_t done = 0; done < bytes.size();) {
+    const ssize_t put = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (put < 0 && !may_try_again(fd, POLLOUT)) return false;
+    if (put > 0) done += static_cast<std::size_t>(put);
+  }
+  return true;
 }
 
 // As cksum(1) prints it, so that anybody can compare: a CRC of the bytes and then of their number.

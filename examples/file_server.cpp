@@ -7,13 +7,9 @@
 // A request "open" with a path is answered with the attributes as pairs, the first bytes as data
 // and the open descriptor; or with an errno and its text.
 #include <poll.h>
-#include <signal.h>
-#include <sys/signalfd.h>
 #include <tarn_utils_v4/comm_loop.h>
 
-#include <vector>
-
-#include "common.h"
+#include "processes.h"
 
 namespace {
 
@@ -44,10 +40,7 @@ int open_file(const comm_socket_v4_packet& request, File& file) {
 CommPacket answer_to(const comm_socket_v4_packet& request) {
   File file;
   const int error = open_file(request, file);
-  if (error != 0)
-    return CommPacketBuilder::response_to(request, std::strerror(error))
-        .error_code(static_cast<std::uint64_t>(error))
-        .finish();
+  if (error != 0) return CommPacketBuilder::response_to(request, error).finish();
   const struct stat& about = file.about;
   return CommPacketBuilder::response_to(request)
       .pair_uint64("size", static_cast<std::uint64_t>(about.st_size))
@@ -78,16 +71,6 @@ int handed_over_socket() {
   const char* const count = std::getenv("LISTEN_FDS");
   const bool is_ours = pid != nullptr && count != nullptr && std::to_string(::getpid()) == pid;
   return is_ours && std::strcmp(count, "1") == 0 ? STDERR_FILENO + 1 : -1;
-}
-
-// Readable when the process is to end.
-CommDescriptor signals_that_end() {
-  sigset_t ends;
-  ::sigemptyset(&ends);
-  ::sigaddset(&ends, SIGTERM);
-  ::sigaddset(&ends, SIGINT);
-  ::sigprocmask(SIG_BLOCK, &ends, nullptr);
-  return CommDescriptor{::signalfd(-1, &ends, SFD_CLOEXEC)};
 }
 
 // The number of a client is the generation of its id, and its tag counts its answers.
@@ -145,10 +128,8 @@ int main(int argc, char** argv) {
   const bool shows = argc > 1 && std::strcmp(argv[1], "--show") == 0;
   const int operands = argc - (shows ? 2 : 1);
   if (operands > 1) fail("usage", "file_server [--show] [SOCKET]");
-  open_standard_descriptors();
-  std::setvbuf(stdout, nullptr, _IOLBF, 0);
-  ::signal(SIGPIPE, SIG_IGN);  // Nobody need read what it prints.
-  const CommDescriptor signals = signals_that_end();
+  begin_service();
+  const CommDescriptor signals = take_signals({SIGTERM, SIGINT});
   FileServer handler{shows};
   CommLoop loop;
   if (loop.watch(signals.get(), POLLIN, handler).generation == 0) fail("signals");

@@ -2,32 +2,14 @@
 // that it sends as open descriptors. Who is done gets the next file.
 //
 //   pair_parent [--show] WORKER FILE...
-#include <sys/wait.h>
 #include <tarn_utils_v4/comm_loop.h>
 
-#include <vector>
-
-#include "common.h"
+#include "processes.h"
 
 namespace {
 
 constexpr std::size_t most_workers = 4;
 constexpr std::uint64_t patience_us = 600 * 1000000ul;  // until some worker answers
-
-// Keeps one end of a new pair, and tells the program the number of the other.
-pid_t start_worker(comm_socket_v4* endpoint, const char* program) {
-  if (comm_socket_v4_connect_new_socketpair(endpoint) != 0) fail("cannot make a socket pair");
-  const CommDescriptor remote{comm_socket_v4_socketpair_get_remote_end(endpoint)};
-  const std::string number = std::to_string(remote.get());
-  const pid_t pid = ::fork();
-  if (pid < 0) fail("cannot fork");
-  if (pid == 0) {
-    ::execl(program, program, number.c_str(), static_cast<char*>(nullptr));
-    std::perror(program);
-    ::_exit(127);
-  }
-  return pid;  // Closes our copy of the worker's end, so that its death ends the connection.
-}
 
 CommPacket cksum_request(const char* path, std::uint64_t id) {
   CommDescriptor file{::open(path, O_RDONLY | O_CLOEXEC)};
@@ -116,6 +98,7 @@ int main(int argc, char** argv) {
     CommEndpoint end{comm_socket_v4_create()};
     if (!end) fail("no memory");
     pids.push_back(start_worker(end.get(), program));
+    if (pids.back() < 0) fail("cannot start a worker");
     parent.add_worker(loop, std::move(end));
   }
   if (loop.run() != 0) fail("cannot wait");

@@ -5,18 +5,12 @@
 // A JOB is one of these; "-" is standard input or output:
 //   checksum FILE      upper FILE OUTPUT      echo FILE OUTPUT      sleep MILLISECONDS      crash
 // Files are handed to the server as open descriptors; with --parts their bytes travel in packets.
-// With --slow it reads no answer before a line comes on standard input.
+// With --slow those of the output do, and it reads no answer before a line comes on standard input.
 //
 // While there is no server it waits for one, and when one ends without having answered it asks the
 // next one for what is missing.
-#include <fcntl.h>
-
-#include <map>
-#include <vector>
-
 #include "../common.h"
 #include "protocol.h"
-#include "transfers.h"
 
 namespace {
 
@@ -25,97 +19,70 @@ constexpr std::chrono::seconds patience(60);
 constexpr std::chrono::seconds no_time(0);
 
 struct Job {
-  std::vector<std::string> words;
-  CommDescriptor output;
-
-  const char* word(std::size_t i) const { return i < words.size() ? words[i].c_str() : ""; }
-  std::size_t files() const { return find_command(words[0])->files; }
-  std::string text() const {
-    std::string all;
-    for (const std::string& word : words) all += (all.empty() ? "" : " ") + word;
-    return all;
-  }
+  const Command* command;
+  std::string words[2], text;
+  CommDescriptor output = CommDescriptor();
+  bool is_done = false;
 };
 
+// The message id of a job is its place among the others, from 1 on.
 class Client {
  public:
   Client(const char* path, bool by_parts, bool is_slow)
       : path_(path), by_parts_(by_parts), is_slow_(is_slow) {}
 
-  void add(std::vector<std::string> words) {
+  void add(const std::vector<std::string>& words) {
     const Command* const command = find_command(words.empty() ? "" : words[0]);
-    if (command == nullptr) fail("usage", "an unknown job");
-    if (words.size() != 1 + (words[0] == "sleep" ? 1 : command->files))
-      fail(words[0].c_str(), "too few or too many words");
-    jobs_[server_.next_id()].words = std::move(words);
+    if (command == nullptr || words.size() != 1 + command->words)
+      fail("usage", "an unknown job, or too few or too many words");
+    Job& job = jobs_.emplace_back(Job{command, {}, words[0]});
+    for (std::size_t i = 1; i < words.size(); ++i) job.text += " " + (job.words[i - 1] = words[i]);
+    ++missing_;
   }
 
   // Returns whether all of them were done.
   bool run() {
-    for (; !jobs_.empty(); is_again_ = true) {
+    for (; missing_ != 0; is_again_ = true) {
       if (!server_.connect(path_, patience, CommMissingServer::is_awaited)) fail(path_);
-      ask();
-      take_answers(patience);
+      if (ask()) take_answers(patience);
     }
     return is_right_;
   }
 
  private:
-  // Asks for everything, unless the server goes meanwhile.
-  void ask() {
-    for (auto job = jobs_.begin(); job != jobs_.end();) {
-      const std::uint64_t id = job->first;
-      if (!ask_for(id, job->second)) return;
-      job = jobs_.upper_bound(id);
-    }
+  // Asks for everything. Each of these returns false when the server has gone meanwhile.
+  bool ask() {
+    for (std::size_t i = 0; i < jobs_.size(); ++i)
+      if (!jobs_[i].is_done && !ask_for(i + 1, jobs_[i])) return false;
     if (std::exchange(is_slow_, false)) std::getchar();
+    return true;
   }
 
   bool ask_for(std::uint64_t id, Job& job) {
     CommDescriptor input;
-    if (job.files() > 0) input = open_file(job.word(1), O_RDONLY, STDIN_FILENO);
-    if (job.files() > 1)
-      job.output = open_file(job.word(2), O_WRONLY | O_CREAT | O_TRUNC, STDOUT_FILENO);
-    // The job may have gone by the last part.
-    const auto begin = [id, command = job.words[0],
-                        argument = std::strtoull(job.word(1), nullptr, 10),
-                        input_fd = by_parts_ ? -1 : input.get(), output_fd = job.output.get()] {
-      CommPacketBuilder request = CommPacketBuilder::request(command);
-      request.message_id(id).argument_uint64(argument);
-      if (input_fd >= 0) request.descriptor(input_fd);
-      if (input_fd >= 0 && output_fd >= 0) request.descriptor(output_fd);
-      return request;
-    };
-    Outgoing request = by_parts_ ? Outgoing(begin, std::move(input)) : Outgoing(begin);
-    while (request.has_next() && jobs_.contains(id)) {
-      const CommPacket part = request.next();
-      if (part == nullptr) fail(job.text().c_str());
-      if (!server_.send(part, patience)) return is_there();
+    if (job.command->files > 0) input = open_file(job.words[0], O_RDONLY, STDIN_FILENO);
+    if (job.command->files > 1)
+      job.output = open_file(job.words[1], O_WRONLY | O_CREAT | O_TRUNC, STDOUT_FILENO);
+    const std::uint64_t argument = std::strtoull(job.words[0].c_str(), nullptr, 10);
+    std::vector<unsigned char> bytes;
+    for (bool is_first = true; is_first || !(bytes.empty() || job.is_done); is_first = false) {
+      if (by_parts_ && input.is_open() && !read_part(input.get(), bytes)) fail(job.text.c_str());
+      CommPacketBuilder request = CommPacketBuilder::request(job.command->name);
+      request.message_id(id).argument_uint64(argument).multipart(is_first, bytes.empty());
+      if (!by_parts_ && input.is_open()) request.descriptor(input.get());
+      if (!by_parts_ && !is_slow_ && job.output.is_open()) request.descriptor(job.output.get());
+      if (!server_.send(request.data(bytes).finish(), patience)) return is_there();
       if (!is_slow_ && !take_answers(no_time)) return false;
     }
     return true;
   }
 
-  CommDescriptor open_file(const char* path, int flags, int standard) const {
-    const bool is_standard = std::strcmp(path, "-") == 0;
-    if (is_standard && is_again_) fail(path, "has been used up when the server ended");
-    CommDescriptor file(is_standard ? ::fcntl(standard, F_DUPFD_CLOEXEC, 0)
-                                    : ::open(path, flags | O_CLOEXEC, 0666));
-    if (!file.is_open()) fail(path);
-    return file;
-  }
-
-  // Takes answers until there is none for so long, or none is missing. Returns false when the
-  // server has gone.
+  // Until there is none for so long, or none is missing.
   bool take_answers(std::chrono::seconds wait) {
-    while (!jobs_.empty()) {
+    while (missing_ != 0) {
       const CommPacket answer = server_.next(wait);
-      if (answer != nullptr)
-        take(*answer);
-      else if (errno == ETIMEDOUT && wait == no_time)
-        return true;
-      else
-        return is_there();
+      if (answer == nullptr) return (errno == ETIMEDOUT && wait == no_time) || is_there();
+      take(*answer);
     }
     return true;
   }
@@ -127,55 +94,54 @@ class Client {
   }
 
   void take(const comm_socket_v4_packet& answer) {
-    const auto entry = jobs_.find(answer.message_id);
-    if (entry == jobs_.end()) return;
+    if (answer.message_id - 1 >= jobs_.size()) return;
+    Job& job = jobs_[answer.message_id - 1];
     const CommPacketReader read(answer);
-    const Job& job = entry->second;
-    if (!write_all(job.output.get(), read.data())) fail(job.word(2));
-    const CommMultipart part = read.multipart();
-    if (part == CommMultipart::first || part == CommMultipart::middle) return;
-    tell(job, answer);
-    jobs_.erase(entry);
+    if (!write_all(job.output.get(), read.data())) fail(job.text.c_str());
+    if (job.is_done || !read.ends_series()) return;
+    std::string text = job.text + ":";
+    for (const CommValue value : read.arguments())
+      text += " " + std::to_string(value.as_uint64().value_or(0));
+    if (answer.error_code != 0)
+      text += " error " + std::to_string(answer.error_code) + ", " +
+              printable(std::string(read.error_string()));
+    is_right_ = is_right_ && answer.error_code == 0;
+    // Not among what goes to standard output as the result of a job.
+    std::fprintf(job.words[1] == "-" ? stderr : stdout, "%s\n", text.c_str());
+    std::fflush(stdout);
+    job.is_done = true;
+    --missing_;
   }
 
-  // Not among what goes to standard output as the result of a job.
-  void tell(const Job& job, const comm_socket_v4_packet& answer) {
-    std::string text = job.text() + ":";
-    for (const CommValue value : CommPacketReader(answer).arguments())
-      text += " " + std::to_string(value.as_uint64().value_or(0));
-    if (answer.error_code != 0) {
-      text +=
-          " error " + std::to_string(answer.error_code) + ", " + printable(answer.error_string());
-      is_right_ = false;
-    }
-    std::fprintf(std::strcmp(job.word(2), "-") == 0 ? stderr : stdout, "%s\n", text.c_str());
-    std::fflush(stdout);
+  CommDescriptor open_file(const std::string& path, int flags, int standard) const {
+    if (path == "-" && is_again_) fail("-", "has been used up when the server ended");
+    CommDescriptor file(path == "-" ? ::fcntl(standard, F_DUPFD_CLOEXEC, 0)
+                                    : ::open(path.c_str(), flags | O_CLOEXEC, 0666));
+    if (!file.is_open()) fail(path.c_str());
+    return file;
   }
 
   const char* const path_;
   const bool by_parts_;
-  bool is_slow_;
-  bool is_again_ = false;
-  bool is_right_ = true;
+  bool is_slow_, is_again_ = false, is_right_ = true;
   CommClient server_;
-  std::map<std::uint64_t, Job> jobs_;  // those without an answer, by their message ids
+  std::vector<Job> jobs_;
+  std::size_t missing_ = 0;  // answers
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::string> words(argv + 1, argv + argc);
-  const auto take_option = [&words](const char* option) {
-    const bool is_given = !words.empty() && words[0] == option;
-    if (is_given) words.erase(words.begin());
-    return is_given;
+  int first = 1;
+  const auto take_option = [&](const char* option) {
+    return first < argc && std::strcmp(argv[first], option) == 0 && ++first != 0;
   };
-  const bool by_parts = take_option("--parts");
-  const bool is_slow = take_option("--slow");
-  if (words.size() < 2) fail("usage", "job_client [--parts] [--slow] SOCKET JOB [, JOB]...");
+  const bool by_parts = take_option("--parts"), is_slow = take_option("--slow");
+  if (argc < first + 2) fail("usage", "job_client [--parts] [--slow] SOCKET JOB [, JOB]...");
   open_standard_descriptors();
-  Client client(words[0].c_str(), by_parts, is_slow);
-  for (auto word = words.begin() + 1; word < words.end();) {
+  Client client(argv[first], by_parts, is_slow);
+  const std::vector<std::string> words(argv + first + 1, argv + argc);
+  for (auto word = words.begin(); word < words.end();) {
     const auto end = std::find(word, words.end(), ",");
     client.add({word, end});
     word = end == words.end() ? end : end + 1;

@@ -13,11 +13,12 @@
 // The files are descriptors attached to the request, in this order. A client may leave out the
 // output: the answer brings it then; and the input as well: the request brings it then. Both travel
 // as data in as many parts as it takes: packets with the same command and message id, of which the
-// first and the last say that they are (multipart), or one alone. A client sends one file at a
-// time.
+// first and the last say that they are (multipart), or one alone. The last of an answer has its
+// arguments and its error; one that stands alone may come in its place, and at any time, when the
+// job has failed. A client sends one file at a time, and reads while it sends: a job whose output
+// nobody takes, takes no input. One of which no packet comes or goes for a minute has failed.
 //
-// Between server and worker every file is a descriptor, and the message id is the server's. The
-// last argument of a request says how long the output may become.
+// The same packets go between client and worker, which the server has looked at.
 #ifndef EXAMPLES_JOB_SERVER_PROTOCOL_H
 #define EXAMPLES_JOB_SERVER_PROTOCOL_H
 
@@ -27,9 +28,10 @@
 struct Command {
   std::string_view name;
   std::size_t files;
+  std::size_t words;  // that a user says behind it
 };
 constexpr Command commands[] = {
-    {"checksum", 1}, {"upper", 2}, {"echo", 2}, {"sleep", 0}, {"crash", 0}};
+    {"checksum", 1, 1}, {"upper", 2, 2}, {"echo", 2, 2}, {"sleep", 0, 1}, {"crash", 0, 0}};
 
 // Null for an unknown one.
 inline const Command* find_command(std::string_view name) {

@@ -6,102 +6,102 @@
 // ends. SIGHUP: starts its new version, which goes on with the same socket, and does likewise. The
 // new version has another process id, which whoever looks after the server has to be told.
 //
+// The new version is started with the socket that listens, and says when it accepts. Until then the
+// old one does; from then on the old one only finishes what it has begun, since connections and
+// jobs live in its memory. A new version that cannot start changes nothing. In between both accept,
+// so that nobody who connects is refused.
+//
 // Where memory runs out an exception ends the program: it is started again by who looks after it,
 // and clients try again.
-#include <poll.h>
-#include <signal.h>
-#include <sys/signalfd.h>
-#include <tarn_utils_v4/comm_loop.h>
-
-#include "../common.h"
-#include "clients.h"
-#include "restart.h"
+#include "jobs.h"
 
 namespace {
-
-CommEndpoint make_endpoint() {
-  CommEndpoint endpoint(comm_socket_v4_create());
-  if (endpoint == nullptr) fail("no memory");
-  comm_socket_v4_set_descriptors_cloexec(endpoint.get(), 1);
-  return endpoint;
-}
 
 class JobServer : public CommLoopHandler {
  public:
   JobServer(const char* program, const char* path, const char* worker)
-      : words_({program, path, worker}), clients_(loop_, worker) {
-    sigset_t signals;
-    ::sigemptyset(&signals);
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) ::sigaddset(&signals, signal);
-    if (::sigprocmask(SIG_BLOCK, &signals, nullptr) != 0) fail("sigprocmask");
-    signals_ = CommDescriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+      : program_(program), path_(path), worker_(worker), jobs_(loop_, ended_, worker) {
     if (loop_.watch(signals_.get(), POLLIN, *this).generation == 0) fail("cannot watch signals");
   }
 
-  void listen() {
-    CommEndpoint endpoint = make_endpoint();
-    if (comm_socket_v4_create_server(endpoint.get(), words_[1].c_str()) != 0)
-      fail(words_[1].c_str());
-    serve(std::move(endpoint));
-  }
-
-  void take_over(int listener, CommDescriptor readiness) {
-    CommEndpoint endpoint = make_endpoint();
-    if (comm_socket_v4_use_server_socket(endpoint.get(), listener) != 0)
-      fail("no socket was handed over");
+  // With the socket that an old version listens on, or with one of its own, -1. Returns when all
+  // clients of an ending server have their answers.
+  void serve(int listener, CommDescriptor old_version) {
+    CommEndpoint endpoint(comm_socket_v4_create());
+    if (endpoint == nullptr) fail("no memory");
+    const int opened = listener < 0 ? comm_socket_v4_create_server(endpoint.get(), path_.c_str())
+                                    : comm_socket_v4_use_server_socket(endpoint.get(), listener);
+    if (opened != 0) fail(path_.c_str());
     endpoint->flags.bound = 1;  // The file is ours from now on.
-    serve(std::move(endpoint));
-    report_ready(std::move(readiness));
-  }
-
-  void run() {
+    server_ = loop_.add(endpoint.get(), jobs_, Jobs::limits());
+    if (server_.generation == 0) fail("cannot serve");
+    std::printf("process %d listens on %s\n", ::getpid(), endpoint.release()->socket_path.c_str());
+    if (old_version.is_open() && ::write(old_version.get(), "1", 1) != 1)
+      std::perror("the old version does not listen");
     if (loop_.run() != 0) fail("cannot go on");
-    std::printf("process %d has finished\n", ::getpid());
   }
 
-  void on_ready(CommLoop& /*loop*/, CommLoopId /*signals*/, std::uint32_t /*events*/) override {
-    struct signalfd_siginfo info;
-    while (::read(signals_.get(), &info, sizeof(info)) == sizeof(info)) {
-      if (info.ssi_signo == SIGCHLD)
-        clients_.workers().reap();
-      else if (info.ssi_signo == SIGHUP)
-        start_successor();
-      else
-        drain();
+  void on_ready(CommLoop& /*loop*/, CommLoopId watched, std::uint32_t /*events*/) override {
+    if (watched == successor_watch_) return on_successor();
+    while (const int signal = next_signal(signals_)) {
+      if (signal == SIGCHLD) ended_.await();
+      if (signal == SIGHUP) start_successor();
+      if (signal == SIGTERM || signal == SIGINT) drain();
     }
   }
 
  private:
-  void serve(CommEndpoint endpoint) {
-    server_ = loop_.add(endpoint.get(), clients_, Clients::limits());
-    if (server_.generation == 0) fail("cannot serve");
-    static_cast<void>(endpoint.release());
-    std::printf("process %d listens on %s\n", ::getpid(), words_[1].c_str());
+  void drain() {
+    end_successor();  // One that is not ready by now shall not be.
+    if (!jobs_.drains() && loop_.stop_listening(server_) != 0) fail("cannot stop listening");
+    jobs_.drain();
   }
 
   void start_successor() {
-    if (!drains_) successor_.start(words_, loop_.endpoint(server_)->get_socket_fd());
+    int ends[2];
+    if (jobs_.drains() || successor_ > 0) return;
+    if (::pipe2(ends, O_CLOEXEC) != 0) return std::perror("cannot start a new version");
+    readiness_ = CommDescriptor(ends[0]);
+    const CommDescriptor theirs(ends[1]);
+    const int listener = loop_.endpoint(server_)->get_socket_fd();
+    successor_watch_ = loop_.watch(readiness_.get(), POLLIN, *this);
+    if (successor_watch_.generation != 0)
+      successor_ = start_program({program_, "--handed-over", std::to_string(listener),
+                                  std::to_string(theirs.get()), path_, worker_},
+                                 {listener, theirs.get()}, Fate::goes_on);
+    if (successor_ > 0) return;
+    std::perror("cannot start a new version");
+    loop_.remove(successor_watch_);
   }
 
-  // The file is the successor's from now on.
-  void hand_over() {
-    loop_.endpoint(server_)->flags.bound = 0;
+  // Something to read, or the end: a process that has ended was not ready.
+  void on_successor() {
+    char byte;
+    if (::read(readiness_.get(), &byte, 1) != 1) {
+      std::printf("the new version has not started, this one goes on\n");
+      return end_successor();
+    }
+    std::printf("process %d goes on\n", std::exchange(successor_, -1));
+    loop_.endpoint(server_)->flags.bound = 0;  // The file is the successor's from now on.
+    loop_.remove(successor_watch_);
     drain();
   }
 
-  void drain() {
-    if (!std::exchange(drains_, true) && loop_.stop_listening(server_) != 0)
-      fail("cannot stop listening");
-    clients_.drain();
+  void end_successor() {
+    if (successor_ <= 0) return;
+    loop_.remove(successor_watch_);
+    ended_.end(std::exchange(successor_, -1));
   }
 
+  const std::string program_, path_, worker_;
+  const CommDescriptor signals_ = take_signals({SIGTERM, SIGINT, SIGHUP, SIGCHLD});
   CommLoop loop_;
-  const std::vector<std::string> words_;  // program, path, worker
-  CommDescriptor signals_;
-  Clients clients_;
-  Successor successor_{loop_, [this] { hand_over(); }};
+  EndedProcesses ended_;
+  Jobs jobs_;
   CommLoopId server_ = {0, 0};
-  bool drains_ = false;
+  CommDescriptor readiness_;  // of the new version
+  CommLoopId successor_watch_ = {0, 0};
+  pid_t successor_ = -1;  // while it is starting
 };
 
 }  // namespace
@@ -110,13 +110,8 @@ int main(int argc, char** argv) {
   const bool takes_over = argc == 6 && std::strcmp(argv[1], "--handed-over") == 0;
   if (!takes_over && argc != 3)
     fail("usage", "job_server [--handed-over NUMBER NUMBER] SOCKET WORKER");
-  open_standard_descriptors();
-  std::setvbuf(stdout, nullptr, _IOLBF, 0);
-  ::signal(SIGPIPE, SIG_IGN);  // Nobody need read what it prints.
+  begin_service();
+  const auto number = [&](int i) { return takes_over ? std::atoi(argv[i]) : -1; };
   JobServer server(argv[0], argv[argc - 2], argv[argc - 1]);
-  if (takes_over)
-    server.take_over(std::atoi(argv[2]), CommDescriptor(std::atoi(argv[3])));
-  else
-    server.listen();
-  server.run();
+  server.serve(number(2), CommDescriptor(number(3)));
 }

@@ -1,84 +1,98 @@
 // Carries out one job after another for the server that has started it, until that closes its end.
 //
 //   job_worker NUMBER      the descriptor of its end of a socket pair, inherited
-#include <signal.h>
-
 #include <algorithm>
-#include <thread>
+#include <cctype>
 
-#include "../common.h"
-#include "transfers.h"
+#include "../processes.h"
 
 namespace {
 
-struct Result {
-  int error = 0;
-  std::vector<std::uint64_t> numbers = {};
+class Job {
+ public:
+  // `request` is its first packet.
+  Job(CommClient& server, comm_socket_v4_packet* request)
+      : server_(server),
+        request_(comm_share_packet(request)),
+        input_(request->get_attached_fd(0)),
+        output_(request->get_attached_fd(1)) {}
+
+  // Does what is asked for, and answers; false when the answer cannot be sent.
+  bool run() {
+    const int error = carry_out() ? 0 : errno;
+    CommPacketBuilder answer = CommPacketBuilder::response_to(*request_, error);
+    for (const std::uint64_t number : result_)
+      if (error == 0) answer.argument_uint64(number);
+    return server_.send(answer.multipart(!has_written_, true).finish(), CommClient::endless);
+  }
+
+ private:
+  // Each is false with errno when it fails.
+  bool carry_out() {
+    const std::string_view command = request_->command();
+    if (command == "crash") return ::raise(SIGKILL) == 0;
+    const std::uint64_t time = CommPacketReader(*request_).argument(0).as_uint64().value_or(0);
+    if (command == "sleep")
+      return ::poll(nullptr, 0, static_cast<int>(std::min<std::uint64_t>(time, 3600000))) == 0;
+    return command == "checksum" ? checksum() : copy(command == "upper");
+  }
+  bool checksum() {
+    Cksum sum;
+    while (read()) {
+      sum.add(bytes_.data(), bytes_.size());
+      result_ = {sum.value(), sum.length()};
+      if (bytes_.empty()) return true;
+    }
+    return false;
+  }
+  bool copy(bool in_upper_case) {
+    for (result_ = {0}; read(); result_[0] += bytes_.size()) {
+      if (bytes_.empty()) return true;
+      // Without a locale of its own the program knows ASCII only, as on every machine.
+      for (unsigned char& c : bytes_)
+        if (in_upper_case) c = static_cast<unsigned char>(std::toupper(c));
+      if (!write()) return false;
+    }
+    return false;
+  }
+
+  // The next bytes, none at the end.
+  bool read() {
+    if (input_.is_open()) return read_part(input_.get(), bytes_);
+    for (bytes_.clear(); bytes_.empty() && !has_all_parts_;) {
+      const CommPacket packet = std::exchange(has_begun_, true) ? server_.next(CommClient::endless)
+                                                                : comm_share_packet(request_.get());
+      if (packet == nullptr) return false;
+      const CommPacketReader part(*packet);
+      bytes_.assign(part.data().begin(), part.data().end());
+      has_all_parts_ = part.ends_series();
+    }
+    return true;
+  }
+  bool write() {
+    if (output_.is_open()) return write_all(output_.get(), bytes_);
+    CommPacketBuilder part = CommPacketBuilder::response_to(*request_);
+    part.multipart(!std::exchange(has_written_, true), false).data(bytes_);
+    return server_.send(part.finish(), CommClient::endless);
+  }
+
+  CommClient& server_;
+  const CommPacket request_;
+  const CommDescriptor input_, output_;  // without them the bytes come and go in packets
+  bool has_begun_ = false, has_all_parts_ = false, has_written_ = false;
+  std::vector<unsigned char> bytes_;
+  std::vector<std::uint64_t> result_;
 };
-
-Result checksum(int input) {
-  Cksum sum;
-  std::vector<unsigned char> part(part_size);
-  for (;;) {
-    const ssize_t count = read_all(input, part.data(), part.size());
-    if (count < 0) return {errno};
-    if (count == 0) return {0, {sum.value(), sum.length()}};
-    sum.add(part.data(), static_cast<std::size_t>(count));
-  }
-}
-
-// ASCII only, so that every machine has the same upper case.
-unsigned char to_upper(unsigned char c) {
-  return c >= 'a' && c <= 'z' ? static_cast<unsigned char>(c - 'a' + 'A') : c;
-}
-
-Result copy(int input, int output, std::uint64_t most, bool in_upper_case) {
-  std::uint64_t length = 0;
-  std::vector<unsigned char> part(part_size);
-  for (;;) {
-    const ssize_t count = read_all(input, part.data(), part.size());
-    if (count < 0) return {errno};
-    if (count == 0) return {0, {length}};
-    const CommBytes bytes(part.data(), static_cast<std::size_t>(count));
-    length += bytes.size();
-    if (length > most) return {EFBIG};
-    if (in_upper_case) std::transform(bytes.begin(), bytes.end(), part.begin(), to_upper);
-    if (!write_all(output, bytes)) return {errno};
-  }
-}
-
-Result carry_out(comm_socket_v4_packet& request) {
-  const CommPacketReader read(request);
-  const CommDescriptor input(request.get_attached_fd(0));
-  const CommDescriptor output(request.get_attached_fd(1));
-  const std::uint64_t argument = read.argument(0).as_uint64().value_or(0);
-  const std::uint64_t most = read.argument(1).as_uint64().value_or(0);
-  if (read.command() == "checksum") return checksum(input.get());
-  if (read.command() == "echo") return copy(input.get(), output.get(), most, false);
-  if (read.command() == "upper") return copy(input.get(), output.get(), most, true);
-  if (read.command() == "crash") ::raise(SIGKILL);
-  if (read.command() != "sleep") return {ENOSYS};
-  std::this_thread::sleep_for(
-      std::chrono::milliseconds(std::min<std::uint64_t>(argument, 3600000)));
-  return {};
-}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) fail("usage", "job_worker NUMBER");
   ::signal(SIGPIPE, SIG_IGN);  // A pipe that nobody reads ends a job, not the worker.
-  CommEndpoint endpoint(comm_socket_v4_create());
-  if (endpoint == nullptr ||
-      comm_socket_v4_connect_use_socketpair(endpoint.get(), std::atoi(argv[1])) != 0)
-    fail(argv[1], "not an end of a socket pair");
-  CommClient server(std::move(endpoint));
-  while (const CommPacket request = server.next(CommClient::endless)) {
-    const Result result = carry_out(*request);
-    CommPacketBuilder answer = CommPacketBuilder::response_to(*request);
-    answer.error_code(static_cast<std::uint64_t>(result.error));
-    for (const std::uint64_t number : result.numbers) answer.argument_uint64(number);
-    if (!server.send(answer.finish(), CommClient::endless)) fail("cannot answer");
-  }
+  CommClient server = connection_to_parent(argc, argv);
+  server.keep_at_most(0);  // While nobody takes the output no more input is taken.
+  while (const CommPacket packet = server.next(CommClient::endless))
+    // Others are the rest of a job that has failed.
+    if (CommPacketReader(*packet).begins_series() && !Job(server, packet.get()).run())
+      fail("cannot answer");
   return errno == ENOTCONN ? 0 : 1;  // Closed by the server is how it ends.
 }
