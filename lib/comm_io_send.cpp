@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "lib/client_slot.h"
@@ -18,15 +19,19 @@ namespace {
 
 // What differs between sending to one of a server's clients and on an endpoint's own socket.
 struct SendSide {
-  comm_socket_v4* endpoint;  // logs
-  const ClientSlot* client;  // null when sending on the endpoint's own socket
-  int closed_errno;          // the errno when the connection is not open, 0 when it is
+  comm_socket_v4* endpoint;       // logs
+  comm_socket_v4_client* client;  // null when sending on the endpoint's own socket
+  int closed_errno;               // the errno when the connection is not open, 0 when it is
 
   bool to_client() const { return client != nullptr; }
-  // Looked up when it is needed: the completion callback may have closed or released anything.
-  int fd() const {
-    if (!to_client()) return endpoint->socket_fd;
-    const comm_socket_v4_client* const record = client->record();
+  int fd() const { return to_client() ? client->client_fd : endpoint->socket_fd; }
+  // The descriptor after write_end: the completion callback may have closed or released anything.
+  int fd_after_completing(comm_socket_v4_packet& p) const {
+    std::optional<ClientSlot> slot;
+    if (to_client()) slot.emplace(client);
+    comm_socket_v4_packet_write_end(&p);
+    if (!slot) return endpoint->socket_fd;
+    const comm_socket_v4_client* const record = slot->record();
     return record != nullptr ? record->client_fd : -1;
   }
 };
@@ -59,7 +64,7 @@ void attach_descriptors(const SendSide& side, const comm_socket_v4_packet& p, ch
   std::memcpy(fds, p.attached_fd.data(), size);
 }
 
-int send_bytes(const SendSide& side, comm_socket_v4_packet& p) {
+int send_bytes(const SendSide& side, int fd, comm_socket_v4_packet& p) {
   alignas(struct cmsghdr) char ctrl[COMM_V4_CONTROL_BUFFER_SIZE] = {};
   struct iovec bytes = {p.buffer, p.buffer_length};
   struct msghdr message = {};
@@ -67,7 +72,7 @@ int send_bytes(const SendSide& side, comm_socket_v4_packet& p) {
   message.msg_iovlen = 1;
   attach_descriptors(side, p, ctrl, sizeof(ctrl), message);
 
-  const ssize_t sent = ::sendmsg(side.fd(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+  const ssize_t sent = ::sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
   if (sent < 0) return errno == EINTR || errno == EAGAIN ? 0 : -1;
   // The message holds duplicates now.
   p.close_attached_fd();
@@ -112,17 +117,16 @@ int send_packet(const SendSide& side, comm_socket_v4_packet& p) {
   // A CommLoop passes received packets on as they are.
   const bool is_passed_on = p.write_state == comm_socket_v4_packet::write_state_received &&
                             comm_v4_internals::of(side.endpoint).in_loop();
-  if (p.write_state != comm_socket_v4_packet::write_state_end && !is_passed_on) {
-    comm_socket_v4_warning(
-        side.endpoint,
-        side.to_client() ? "send_to_client(): attempt to send packet that has been incompletely "
-                           "written. auto-terminating packet (state=%d)."
-                         : "send_to_server(): attempt to send packet that has been incompletely "
-                           "written. auto-terminating packet (state=%d).",
-        p.write_state);
-    comm_socket_v4_packet_write_end(&p);
-  }
-  return send_bytes(side, p);
+  if (p.write_state == comm_socket_v4_packet::write_state_end || is_passed_on)
+    return send_bytes(side, side.fd(), p);
+  comm_socket_v4_warning(
+      side.endpoint,
+      side.to_client() ? "send_to_client(): attempt to send packet that has been incompletely "
+                         "written. auto-terminating packet (state=%d)."
+                       : "send_to_server(): attempt to send packet that has been incompletely "
+                         "written. auto-terminating packet (state=%d).",
+      p.write_state);
+  return send_bytes(side, side.fd_after_completing(p), p);
 }
 
 // --- Retrieval ----------------------------------------------------------------------------------
@@ -172,8 +176,7 @@ int comm_socket_v4_packet_send_to_client(comm_socket_v4_client* c, comm_socket_v
     return -1;
   }
   const int closed_errno = c->client_is_open() ? 0 : c->status.disconnected ? ECONNRESET : ENOTCONN;
-  const ClientSlot client(c);
-  return send_packet({c->server, &client, closed_errno}, *p);
+  return send_packet({c->server, c, closed_errno}, *p);
 }
 
 int comm_socket_v4_packet_send_to_server(comm_socket_v4* s, comm_socket_v4_packet* p) {

@@ -21,11 +21,6 @@ bool is_open(const LoopMember& m) {
   return m.kind == LoopKind::client ? record(m)->client_is_open() : m.home->endpoint->socket_open();
 }
 
-bool holds_packet(const LoopMember& m) {
-  return (m.kind == LoopKind::client ? record(m)->next_packet : m.home->endpoint->next_packet) !=
-         nullptr;
-}
-
 bool has_bytes(const LoopMember& m) {
   int waiting = 0;
   return ::ioctl(fd(m), FIONREAD, &waiting) != 0 || waiting != 0;

@@ -11,7 +11,6 @@ namespace loop_connection {
 comm_socket_v4_client* record(const LoopMember& m);
 int fd(const LoopMember& m);
 bool is_open(const LoopMember& m);
-bool holds_packet(const LoopMember& m);
 // Whether bytes wait in the socket. True where that is not known.
 bool has_bytes(const LoopMember& m);
 struct ucred peer(const LoopMember& m);

@@ -7,6 +7,7 @@
 #include <tarn_utils_v4/comm_loop.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -22,7 +23,13 @@ struct comm_v4_loop {
   // --- Members: lib/loop_members ---
 
   // Null when it has gone, errno ENOENT then.
-  LoopMember* find(CommLoopId id) const noexcept;
+  LoopMember* find(CommLoopId id) const noexcept {
+    if (id.generation != 0 && id.slot < members.size() &&
+        members[id.slot]->id.generation == id.generation)
+      return members[id.slot].get();
+    errno = ENOENT;
+    return nullptr;
+  }
   bool is_there(CommLoopId id) const noexcept { return find(id) != nullptr; }
   // For one more; false without memory, errno ENOMEM.
   bool make_room() noexcept;
@@ -53,6 +60,7 @@ struct comm_v4_loop {
   LoopMember* find_open_connection(CommLoopId id) const noexcept;
   int set_paused(CommLoopId id, bool paused);
   void update_events(LoopMember& m);
+  static std::uint32_t wanted_events(const LoopMember& m) noexcept;
   int stop_listening(LoopMember& server);
 
   // --- Running: lib/comm_loop ---

@@ -79,33 +79,17 @@ struct LoopMember {
     return by_us < never - since ? since + by_us : never;
   }
 
+  // --- What every packet needs lies together ---
   CommLoopId id = {0, 0};
-  LoopKind kind = LoopKind::none;
   CommLoopHandler* handler = nullptr;
   LoopEndpoint* home = nullptr;  // of a client its server's; a server and a connection own it
-  std::uint64_t tag = 0;
-
-  // The descriptor in epoll, and what it is watched for; -1 when it is not in there.
-  int watched_fd = -1;
-  std::uint32_t events = 0;
-
-  LoopTimes::iterator due;  // always in there, so that no time ever needs memory
-  std::uint64_t put_off_until = never;
-  bool watch_put_off = false;
-
-  LoopMember* next_to_settle = nullptr;
-  bool waits_to_settle = false;
+  LoopKind kind = LoopKind::none;
+  int watched_fd = -1;       // the descriptor in epoll, -1 when it is not in there,
+  std::uint32_t events = 0;  // and what it is watched for
   bool paused = false;
-
-  // --- Of a server ---
-  bool accepts_put_off = false;
-  bool accepts_nobody = false;  // any more
-  bool warned_of_shortage = false;
-
-  // --- Of a client and a connection ---
-  unsigned long record = COMM_V4_NO_INDEX;  // the slot of a client
-  uid_t user = 0;
-  bool announced = false;  // on_connect was called and said yes
+  // Of a client and a connection.
+  bool announced = false;     // on_connect was called and said yes
+  bool holds_packet = false;  // that was read before it came into the loop
   bool connecting = false;
   bool read_put_off = false;
   bool send_put_off = false;
@@ -116,17 +100,36 @@ struct LoopMember {
   bool finishing = false;
   bool sending_ended = false;
   bool going = false;
-  CommLoopReason why = comm_loop_peer_ended;
-  int error = 0;
-  std::uint64_t since = 0;  // the accept, the last packet, the end of a pause, or finish()
   bool has_sent_a_packet = false;
+  unsigned long record = COMM_V4_NO_INDEX;  // the slot of a client
+  std::uint64_t since = 0;  // the accept, the last packet, the end of a pause, or finish()
   std::list<CommPacket> queue;
   std::uint64_t queued_bytes = 0;
+
+  // --- The rest of a client and a connection ---
+  uid_t user = 0;
+  CommLoopReason why = comm_loop_peer_ended;
+  int error = 0;
+
+  // --- Of every member ---
+  std::uint64_t tag = 0;
+  LoopTimes::iterator due;  // always in there, so that no time ever needs memory
+  std::uint64_t put_off_until = never;
+  LoopMember* next_to_settle = nullptr;
+  bool waits_to_settle = false;
+  bool watch_put_off = false;
+
+  // --- Of a server ---
+  bool accepts_put_off = false;
+  bool accepts_nobody = false;  // any more
+  bool warned_of_shortage = false;
 
   // --- Of a descriptor ---
   int descriptor = -1;
   std::uint32_t wanted_events = 0;
 
+  // 0 when it is not watched.
+  std::uint32_t watched_for() const { return watched_fd >= 0 ? events : 0; }
   bool is_connection() const { return kind == LoopKind::client || kind == LoopKind::connection; }
   bool accepts() const { return !paused && !accepts_put_off && !accepts_nobody; }
   bool reads() const {

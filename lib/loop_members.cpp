@@ -13,14 +13,6 @@
 #include "lib/loop_counters.h"
 #include "lib/loop_internal.h"
 
-LoopMember* comm_v4_loop::find(CommLoopId id) const noexcept {
-  if (id.generation != 0 && id.slot < members.size() &&
-      members[id.slot]->id.generation == id.generation)
-    return members[id.slot].get();
-  errno = ENOENT;
-  return nullptr;
-}
-
 bool comm_v4_loop::make_room() noexcept {
   if (!free_slots.empty()) return true;
   try {

@@ -65,6 +65,7 @@ CommLoopId comm_v4_loop::add(comm_socket_v4* endpoint, CommLoopHandler& handler,
     adopt_clients(*m);
   } else {
     m->connecting = comm_socket_v4_connection_pending(endpoint);
+    m->holds_packet = endpoint->next_packet != nullptr;
     m->since = monotonic_clock_us();
     ++m->home->counters.connections;
     m->connecting ? update_due(*m) : settle_later(*m);
@@ -86,6 +87,7 @@ void comm_v4_loop::adopt_clients(LoopMember& server) {
     LoopMember* const m = add_client(server, client);
     if (m == nullptr) continue;
     m->since = monotonic_clock_us();
+    m->holds_packet = client.next_packet != nullptr;
     settle_later(*m);
   }
 }
@@ -218,6 +220,7 @@ void comm_v4_loop::read(LoopMember& m) {
     m.end_is_next = m.sends_end && !loop_connection::has_bytes(m);
     const bool has_its_share = found > 0 && found >= m.home->limits.packets_per_turn;
     if (has_its_share || !m.reads()) return;
+    m.holds_packet = false;
     const loop_connection::Retrieved got = loop_connection::retrieve(m);
     if (got.packet == nullptr && !got.dropped) return on_nothing_read(m, got.error);
     more_waits = got.more_waits;
@@ -416,25 +419,26 @@ int comm_v4_loop::set_paused(CommLoopId id, bool paused) {
   return 0;
 }
 
+std::uint32_t comm_v4_loop::wanted_events(const LoopMember& m) noexcept {
+  if (m.kind == LoopKind::server) return m.accepts() ? EPOLLIN : 0u;
+  if (m.is_connection())
+    return (m.reads() ? EPOLLIN | EPOLLRDHUP : 0u) |
+           (!m.queue.empty() && !m.send_put_off ? EPOLLOUT : 0u);
+  return m.paused ? 0u : m.wanted_events;
+}
+
 // Where nothing is wanted the descriptor is not watched at all: a peer that has gone would be
 // reported without end.
 void comm_v4_loop::update_events(LoopMember& m) {
   if (m.going || m.connecting) return;
-  std::uint32_t events = 0;
-  int fd = m.descriptor;
-  if (m.kind == LoopKind::server) {
-    fd = m.home->endpoint->socket_fd;
-    events = m.accepts() ? EPOLLIN : 0u;
-  } else if (m.is_connection()) {
-    fd = loop_connection::fd(m);
-    // Read before the endpoint came into the loop: no event will tell.
-    if (m.reads() && loop_connection::holds_packet(m)) settle_later(m);
-    events = (m.reads() ? EPOLLIN | EPOLLRDHUP : 0u) |
-             (!m.queue.empty() && !m.send_put_off ? EPOLLOUT : 0u);
-  } else if (!m.paused) {
-    events = m.wanted_events;
-  }
+  // Read before the endpoint came into the loop: no event will tell.
+  if (m.holds_packet && m.reads()) settle_later(m);
+  const std::uint32_t events = wanted_events(m);
+  if (events == m.watched_for()) return;
   if (events == 0) return unwatch(m);
+  const int fd = m.kind == LoopKind::server ? m.home->endpoint->socket_fd
+                 : m.is_connection()        ? loop_connection::fd(m)
+                                            : m.descriptor;
   if (watch(m, fd, events)) return;
   // ENOSPC: so many may be watched, max_user_watches of epoll(7).
   if (m.is_connection() && !is_shortage(errno) && errno != ENOSPC)
