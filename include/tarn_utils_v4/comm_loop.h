@@ -354,6 +354,7 @@ COMM_V4_EXPORT int comm_socket_v4_loop_get_counters(const CommLoop* loop, CommLo
 // Stores those of everything that was ever in the loop.
 COMM_V4_EXPORT void comm_socket_v4_loop_get_all_counters(const CommLoop* loop,
                                                          CommLoopCounters* out);
+
 COMM_V4_EXPORT void comm_socket_v4_loop_dump(const CommLoop* loop, FILE* out);
 
 #ifdef __cplusplus

@@ -493,6 +493,7 @@ COMM_V4_EXPORT void comm_socket_v4_packet_close_attached_fd(comm_socket_v4_packe
 COMM_V4_EXPORT int comm_socket_v4_packet_begin_writing(comm_socket_v4_packet* p, size_t size_hint,
                                                        const char* command,
                                                        const char* error_string);
+
 COMM_V4_EXPORT int comm_socket_v4_packet_write_argv(comm_socket_v4_packet* p, const char* text);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_argvf(comm_socket_v4_packet* p, const char* format,
                                                      ...) COMM_V4_PRINTF(2, 3);
@@ -559,6 +560,7 @@ COMM_V4_EXPORT double comm_socket_v4_packet_get_argv_double(const comm_socket_v4
                                                             size_t index);
 COMM_V4_EXPORT const comm_socket_v4_packet_argv* comm_socket_v4_packet_get_argv_entry(
     const comm_socket_v4_packet* p, size_t index);
+
 COMM_V4_EXPORT const comm_socket_v4_packet_nv_pair* comm_socket_v4_packet_get_nv_entry(
     const comm_socket_v4_packet* p, size_t index);
 COMM_V4_EXPORT const char* comm_socket_v4_packet_get_nv_pair_name(
