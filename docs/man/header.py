@@ -1,7 +1,7 @@
 """Reads a public header as its pages need it: rooms, comments, declarations.
 
-No C++ is parsed, but the way in which these headers are written: a ruler opens a room, `// --- Title`
-a part of it, a comment stands above what it is about or behind it on the line.
+No C++ is parsed, but the way in which these headers are written: a ruler opens a room,
+`// --- Title` a part of it, a comment stands above what it is about or behind it on the line.
 """
 import re
 from dataclasses import dataclass, field

@@ -35,7 +35,9 @@ def convert(lines):
             at = end + 1
         elif line.startswith("|"):
             finish()
-            end = next((i for i in range(at, len(lines)) if not lines[i].startswith("|")), len(lines))
+            end = at
+            while end < len(lines) and lines[end].startswith("|"):
+                end += 1
             out += roff.table(cells(line), [cells(row) for row in lines[at + 1:end]])
             at = end
         elif not line.strip():

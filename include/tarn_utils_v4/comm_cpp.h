@@ -461,6 +461,7 @@ class CommNumbers {
     std::memcpy(&number, bytes_.data() + index * sizeof(Number), sizeof(Number));
     return number;
   }
+
   iterator begin() const { return {*this, 0}; }
   iterator end() const { return {*this, size()}; }
   std::vector<Number> to_vector() const { return std::vector<Number>(begin(), end()); }
@@ -587,6 +588,7 @@ class CommPacketReader {
   bool ends_series() const noexcept {
     return multipart() == CommMultipart::none || multipart() == CommMultipart::last;
   }
+
   CommBytes data() const noexcept { return {packet_->data(), packet_->data_length()}; }
 
   Arguments arguments() const noexcept { return Arguments(*packet_); }
