@@ -153,7 +153,11 @@ bool set_mode(int fd, mode_t mode) {
   constexpr long fchmodat2 = 452;
   char name[32];
   std::snprintf(name, sizeof(name), "/proc/self/fd/%d", fd);
-  return ::chmod(name, mode) == 0 || ::syscall(fchmodat2, fd, "", mode, AT_EMPTY_PATH) == 0;
+  if (::chmod(name, mode) == 0) return true;
+  const int error = errno;
+  if (::syscall(fchmodat2, fd, "", mode, AT_EMPTY_PATH) == 0) return true;
+  if (errno == ENOSYS) errno = error;
+  return false;
 }
 
 // Gives the file its group and, independent of the umask, its mode. In a directory that others may

@@ -107,7 +107,7 @@ Faults::~Faults() {
   }
 
 extern "C" {
-// ioctl and fcntl are variadic, but take their third argument where a fixed one would be.
+// ioctl, fcntl and syscall are variadic, but take their arguments where fixed ones would be.
 WRAP(int, socket, nullptr, (int domain, int type, int protocol), (domain, type, protocol))
 WRAP(int, socketpair, nullptr, (int domain, int type, int protocol, int* fds),
      (domain, type, protocol, fds))
@@ -131,6 +131,7 @@ WRAP(int, fstat, nullptr, (int fd, struct stat* st), (fd, st))
 WRAP(ssize_t, readlink, nullptr, (const char* path, char* text, std::size_t n), (path, text, n))
 WRAP(int, unlink, nullptr, (const char* path), (path))
 WRAP(int, chmod, nullptr, (const char* path, mode_t mode), (path, mode))
+WRAP(long, syscall, nullptr, (long number, long a, long b, long c, long d), (number, a, b, c, d))
 WRAP(int, open, nullptr, (const char* path, int flags, mode_t mode), (path, flags, mode))
 WRAP(int, timerfd_create, nullptr, (int clock, int flags), (clock, flags))
 WRAP(int, getsockname, nullptr, (int fd, sockaddr* a, socklen_t* n), (fd, a, n))

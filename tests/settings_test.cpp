@@ -103,6 +103,9 @@ TEST_F(SettingsTest, AServerHasItsAccessAndItsQueueBeforeAnybodyCanConnect) {
   EXPECT_EQ("-1 EMFILE", failing(Call::open, EMFILE, create_again, 2));  // the first is of the lock
   EXPECT_EQ(cannot + "Too many open files\n" + failed, log());
   EXPECT_FALSE(fs::exists(path()));
+  faults.fail(Call::chmod, ENOENT).fail(Call::syscall, ENOSYS);  // no /proc, before Linux 6.6
+  EXPECT_EQ("-1 ENOENT", faults.during(create_again));
+  EXPECT_EQ(cannot + "No such file or directory\n" + failed, log());
   faults.replace(Call::bind, [this](auto& real, void*) {
     const long answer = real();
     fs::rename(path(), path("moved"));
