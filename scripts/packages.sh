@@ -1,6 +1,13 @@
 # shellcheck shell=bash
 # Sourced by the scripts that need tools which a fresh machine lacks.
 
+# newest_package PREFIX
+# The highest number that stands behind the prefix in the name of a package; nothing without one.
+newest_package() {
+  apt-cache search --names-only "^${1//+/\\+}[0-9]+\$" | sed -E 's/ .*//; s/.*-//' | sort -n |
+    tail -n 1
+}
+
 # need_tools TOOL:PACKAGE...
 # Installs the Debian package of every tool that is missing, as root or, when $install is yes,
 # through sudo. Otherwise it names them and the command, and returns 1. A tool is a command, or a

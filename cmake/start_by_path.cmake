@@ -1,0 +1,16 @@
+# start_by_path(PROGRAM...)
+# Scripts start these programs by their paths. What only an emulator runs is built in a folder
+# beside, and at the path stands a script that has it run.
+function(start_by_path)
+  if(NOT CMAKE_CROSSCOMPILING_EMULATOR)
+    return()
+  endif()
+  list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
+  set(folder ${CMAKE_CURRENT_BINARY_DIR}/emulated)
+  set_target_properties(${ARGN} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${folder})
+  foreach(program IN LISTS ARGN)
+    set(script ${CMAKE_CURRENT_BINARY_DIR}/${program})
+    file(WRITE ${script} "#!/bin/sh\nexec ${emulator} -0 \"$0\" '${folder}/${program}' \"$@\"\n")
+    file(CHMOD ${script} PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
+  endforeach()
+endfunction()
