@@ -78,7 +78,7 @@ class JobServer : public CommLoopHandler {
   void on_successor() {
     char byte;
     if (::read(readiness_.get(), &byte, 1) != 1) {
-      std::printf("the new version has not started, this one goes on\n");
+      std::printf("the new version has not started, this one serves on\n");
       return end_successor();
     }
     std::printf("process %d goes on\n", std::exchange(successor_, -1));
