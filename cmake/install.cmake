@@ -35,7 +35,7 @@ install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR}
   PATTERN __pycache__ EXCLUDE)
 
 # Manual pages, made from the headers.
-if(COMM_BUILD_MANUAL)
+if(COMM_REQUIRE_MANUAL)
   find_program(COMM_PYTHON python3 REQUIRED)
 elseif(PROJECT_IS_TOP_LEVEL)
   find_program(COMM_PYTHON python3)
