@@ -14,6 +14,7 @@
 
 #include "lib/errno_guard.h"
 #include "lib/received_descriptors.h"
+#include "lib/spare_packets.h"
 #include "lib/standard_error.h"
 
 namespace {
@@ -71,25 +72,30 @@ comm_socket_v4_packet::comm_socket_v4_packet() noexcept
       tag(0) {}
 
 comm_socket_v4_packet::~comm_socket_v4_packet() {
-  ErrnoGuard keep_errno;
-  close_attached_fd();
-  std::free(buffer);
+  if (!attached_fd.empty()) close_attached_fd();
+  spare_packets::free_buffer(buffer, buffer_alloc);
 }
 
 int comm_socket_v4_packet::addref() { return ++refcount; }
 
 int comm_socket_v4_packet::release() {
-  ErrnoGuard keep_errno;
-  const std::int32_t count = --refcount;
+  // Who holds the only reference needs no atomic subtraction.
+  const bool is_last = refcount.load(std::memory_order_acquire) == 1;
+  const std::int32_t count = is_last ? 0 : --refcount;
   if (count > 0 || count < -1) return count;
-  if (count == -1)
+  if (count == -1) {
     write_to_standard_error("comm socket v4 packet error: result released below zero!\n");
+    if (spare_packets::has(this)) return 0;
+  }
+  if (spare_packets::keep(this)) return 0;
+  ErrnoGuard keep_errno;
   delete this;
   return 0;
 }
 
 comm_socket_v4_packet* comm_socket_v4_packet_create() {
-  return new (std::nothrow) comm_socket_v4_packet;
+  comm_socket_v4_packet* const p = spare_packets::take();
+  return p != nullptr ? p : new (std::nothrow) comm_socket_v4_packet;
 }
 
 void comm_socket_v4_packet_addref(comm_socket_v4_packet* p) {
@@ -110,7 +116,8 @@ int comm_socket_v4_packet::resize_buffer(std::size_t size) {
   if (buffer == nullptr) buffer_alloc = buffer_length = buffer_write = 0;
   // Beyond PTRDIFF_MAX no allocation succeeds.
   if (target > PTRDIFF_MAX) return -1;
-  void* const grown = buffer != nullptr ? std::realloc(buffer, target) : std::malloc(target);
+  void* const grown =
+      buffer != nullptr ? std::realloc(buffer, target) : spare_packets::allocate_buffer(target);
   if (grown == nullptr) return -1;
   buffer = static_cast<unsigned char*>(grown);
   buffer_alloc = target;

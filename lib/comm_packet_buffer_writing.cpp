@@ -46,8 +46,9 @@ bool is_terminated(std::uint32_t type) {
   return type == comm_v4_type_text || type == comm_v4_type_json;
 }
 
-// Only write_begin sets errno, so a buffer that cannot grow leaves it alone.
-bool make_room(comm_socket_v4_packet& p, std::size_t size) {
+// Only write_begin sets errno, so a buffer that cannot grow leaves it alone. Out of line, as
+// is the growth of entries: the callers seldom need either.
+[[gnu::noinline, gnu::cold]] bool make_room(comm_socket_v4_packet& p, std::size_t size) {
   ErrnoGuard keep_errno;
   return p.resize_buffer(size) == 0;
 }
@@ -57,12 +58,12 @@ bool make_room(comm_socket_v4_packet& p, std::size_t size) {
 inline void append(comm_socket_v4_packet& p, const void* bytes, std::size_t length,
                    bool terminate = false) {
   unsigned char* const at = p.buffer + p.buffer_write;
+  const std::size_t size = length + (terminate ? 1 : 0);
+  const std::size_t end = p.buffer_write + size;
   if (length != 0) std::memcpy(at, bytes, length);
   at[length] = 0;
-  const std::size_t size = length + (terminate ? 1 : 0);
   at[size] = 0;
-  p.buffer_write += size;
-  p.buffer_length = p.buffer_write;
+  p.buffer_write = p.buffer_length = end;
   if (p.buffer_write > p.buffer_alloc)
     fatal_assertion_failed(source, __func__, "buffer_write <= buffer_alloc");
 }
@@ -82,14 +83,19 @@ comm_v4_offset_t int_write_string(comm_socket_v4_packet& p, const char* text, st
   return int_copy_data(p, text, strnlen(text, max), true);
 }
 
+template <class Entry>
+[[gnu::noinline, gnu::cold]] void enlarge(std::vector<Entry>& pending, std::size_t usual_entries) {
+  pending.reserve(std::max(usual_entries, 2 * pending.size()));
+}
+
 // Adds a zero-filled entry. When memory runs out nothing has changed.
 template <class Entry>
-Entry* add_entry(std::vector<Entry>& pending, std::size_t usual_entries) {
-  if (pending.empty()) pending.reserve(usual_entries);
+inline Entry* add_entry(std::vector<Entry>& pending, std::size_t usual_entries) {
+  if (pending.size() == pending.capacity()) enlarge(pending, usual_entries);
   return &pending.emplace_back();
 }
 
-comm_socket_v4_packet_argv* alloc_argv(comm_socket_v4_packet& p, std::uint8_t type) {
+inline comm_socket_v4_packet_argv* alloc_argv(comm_socket_v4_packet& p, std::uint8_t type) {
   const std::size_t idx = p.wr_argv.size();
   comm_socket_v4_packet_argv* const entry = add_entry(p.wr_argv, usual_argv_entries);
   if (p.wr_argv.size() != idx + 1u)

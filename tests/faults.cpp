@@ -5,6 +5,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <tarn_utils_v4/comm_packet.h>
 
 #include <algorithm>
 #include <cstdarg>
@@ -50,7 +51,10 @@ auto intercept(Call call, void* subject, Real real) -> decltype(real()) {
 
 }  // namespace
 
-Faults* Faults::arm(Faults* faults) { return std::exchange(armed, faults); }
+Faults* Faults::arm(Faults* faults) {
+  comm_socket_v4_packet_keep_spares(faults == nullptr || faults->takes_spares());
+  return std::exchange(armed, faults);
+}
 
 Faults& Faults::fail(Call call, int error, unsigned nth, unsigned times) {
   Plan& plan = at(call);
@@ -70,6 +74,16 @@ Faults& Faults::fail_any(unsigned kth, int error, std::vector<Call> kinds) {
 Faults& Faults::replace(Call call, Hook hook) {
   at(call).hook = std::move(hook);
   return *this;
+}
+
+Faults& Faults::with_spares() {
+  with_spares_ = true;
+  return *this;
+}
+
+bool Faults::takes_spares() const {
+  const auto fails = [](const Plan& plan) { return plan.until != 0; };
+  return with_spares_ || (any_left_ == 0 && std::none_of(plans_.begin(), plans_.end(), fails));
 }
 
 int Faults::next(Call call) {

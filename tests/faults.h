@@ -61,6 +61,9 @@ class Faults {
   // fired() is 0.
   Faults& fail_any(unsigned kth, int error = 0, std::vector<Call> kinds = {});
   Faults& replace(Call call, Hook hook);
+  // Where a failure is planned every packet asks for its memory, unless it may take that of an
+  // earlier one.
+  Faults& with_spares();
 
   template <class Body>
   auto during(Body&& body) {
@@ -79,6 +82,7 @@ class Faults {
   // For the wrappers: the errno with which this call has to fail, or 0.
   int next(Call call);
   const Hook& hook(Call call) const { return at(call).hook; }
+  bool takes_spares() const;
   static Faults* arm(Faults* faults);  // returns what was armed before
   class Armed {
    public:
@@ -103,6 +107,7 @@ class Faults {
   std::array<Plan, static_cast<std::size_t>(Call::kinds)> plans_;
   std::vector<Call> any_kinds_;
   unsigned any_left_ = 0, fired_ = 0;
+  bool with_spares_ = false;
   Call failed_ = Call::kinds;
   int any_error_ = 0, error_ = 0;
 };

@@ -318,6 +318,7 @@ TEST_F(PacketTest, LeavesOutAValueForWhichThereIsNoMemory) {
 // An entry is added whole or not at all. One table would fit, but both are written or none; then,
 // and while data comes, all goes on.
 TEST_F(PacketTest, GoesOnWhereMemoryRanOut) {
+  comm_socket_v4_packet_keep_spares(0);  // nor has an earlier packet left storage for entries
   const CommPacket p = begin_request();
   const auto argument = [&] { return p->write_argv_uint64(5); };
   const auto pair = [&] { return p->write_nv_pairf("k", "%s", "v"); };

@@ -440,6 +440,12 @@ COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_packet_create(void);
 COMM_V4_EXPORT void comm_socket_v4_packet_addref(comm_socket_v4_packet* p);
 // Returns `p`; null when the packet was destroyed, and for null: assign it to your pointer.
 COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_packet_release(comm_socket_v4_packet* p);
+// A thread keeps the memory of some packets that it releases for its next ones, 170 KB at most, and
+// gives it back when it ends. So what uses a packet after its release may find another one there.
+// Looking for such a fault, or short of memory, turn this off: 0 gives back at once what the
+// calling thread has, and nothing is kept any more in the whole process. Any other value turns it
+// on again. In a library that was built with a sanitizer it is always off.
+COMM_V4_EXPORT void comm_socket_v4_packet_keep_spares(int keep);
 // Returns -1 for null.
 COMM_V4_EXPORT int comm_socket_v4_packet_resize_buffer(comm_socket_v4_packet* p, size_t size);
 COMM_V4_EXPORT int comm_socket_v4_packet_enlarge_buffer(comm_socket_v4_packet* p, size_t size);
