@@ -204,8 +204,45 @@ void print_streams(const Options& options, const char* title, bool with_descript
   table.print();
 }
 
+struct FileFigures {
+  double raw, by_copy, in_place;
+};
+
+FileFigures race_file_streams(const Options& options, Stream what) {
+  FileFigures f;
+  const auto library = [&](DataFrom data_from) {
+    what.data_from = data_from;
+    return library_stream(what);
+  };
+  what.data_from = DataFrom::file_in_place;
+  race(options.rounds, thousands,
+       {{raw_stream(what, raw::Calls::sendmsg_recvmsg), f.raw},
+        {library(DataFrom::file_by_copy), f.by_copy},
+        {library(DataFrom::file_in_place), f.in_place}});
+  return f;
+}
+
+void print_file_streams(const Options& options) {
+  using F = FileFigures;
+  const Table<F> table = {
+      .title = "Parts of a file, read with pread",
+      .unit = "thousand packets per second; ratios are library rate by raw rate",
+      .varied = "bytes",
+      .values = {1024, 32768},
+      .columns = {{"raw", &F::raw},
+                  {"write_data_binary", &F::by_copy},
+                  {"by raw", &F::by_copy, &F::raw},
+                  {"reserve_data", &F::in_place},
+                  {"by raw", &F::in_place, &F::raw}},
+      .measure = [&](int receiver_core, std::size_t size) {
+        return race_file_streams(options, {receiver_core, size});
+      }};
+  table.print();
+}
+
 void print_plain_streams(const Options& options) {
   print_streams(options, "One-way streams", false, {small_packet_size, 1024, 32768});
+  print_file_streams(options);
 }
 
 void print_descriptors(const Options& options) {

@@ -12,21 +12,29 @@
 
 constexpr std::size_t small_packet_size = 94;
 
-// A command, one argument and one pair: 94 bytes. Larger sizes are filled up with binary data.
-inline CommPacket build_packet(std::size_t size) {
-  static const std::string filler(262144, 'x');
+// A command, one argument and one pair: 94 bytes. Larger sizes are filled up with binary data,
+// which write_data(packet, length) writes.
+template <class WriteData>
+CommPacket build_packet(std::size_t size, WriteData write_data) {
   CommPacket p(comm_socket_v4_packet_create());
   p->make_request();
   p->write_begin("ping", nullptr, size > small_packet_size ? size + 16384 : 0);
   p->write_argv("a");
   p->write_nv_pair("k", "v");
-  for (std::size_t left = size - small_packet_size; left > 0;) {
-    const std::size_t part = left < filler.size() ? left : filler.size();
-    p->write_data_binary(reinterpret_cast<const unsigned char*>(filler.data()), part);
-    left -= part;
-  }
+  if (size > small_packet_size) write_data(*p, size - small_packet_size);
   p->write_end();
   return p;
+}
+
+inline CommPacket build_packet(std::size_t size) {
+  static const std::string filler(262144, 'x');
+  return build_packet(size, [](comm_socket_v4_packet& p, std::size_t left) {
+    while (left > 0) {
+      const std::size_t part = left < filler.size() ? left : filler.size();
+      p.write_data_binary(reinterpret_cast<const unsigned char*>(filler.data()), part);
+      left -= part;
+    }
+  });
 }
 
 // What a server looks at; the sum keeps the compiler from leaving it out.

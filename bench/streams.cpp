@@ -1,5 +1,6 @@
 #include "bench/streams.h"
 
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <tarn_utils_v4/comm.h>
 #include <unistd.h>
@@ -8,7 +9,9 @@
 #include <climits>
 #include <functional>
 #include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "bench/check.h"
 #include "bench/packets.h"
@@ -33,11 +36,33 @@ Runner stream(int receiver_core, const MakeEnd& make_sender, const MakeEnd& make
   };
 }
 
+// A file in memory, read in parts from its start to its end, again and again.
+class FileParts {
+ public:
+  FileParts() : file_(check(::memfd_create("parts", 0), "memfd_create")) {
+    const std::string bytes(size, 'x');
+    check(::write(file_.get(), bytes.data(), bytes.size()), "write");
+  }
+  void read(void* room, std::size_t length) {
+    if (at_ + length > size) at_ = 0;
+    check(::pread(file_.get(), room, length, static_cast<off_t>(at_)), "pread");
+    at_ += length;
+  }
+
+ private:
+  static constexpr std::size_t size = 1 << 20;
+  CommDescriptor file_;
+  std::size_t at_ = 0;
+};
+
 Runner raw_sender(CommDescriptor socket, const Stream& what, raw::Calls calls) {
   const auto owner = std::make_shared<CommDescriptor>(std::move(socket));
+  const auto file = std::make_shared<FileParts>();
   const int passed = what.with_descriptor ? STDIN_FILENO : -1;
-  return [=, record = bytes_of(*build_packet(what.size))](std::size_t count) {
+  return [=, record = bytes_of(*build_packet(what.size))](std::size_t count) mutable {
     for (std::size_t sent = 0; sent < count; ++sent) {
+      if (what.data_from != DataFrom::memory)
+        file->read(&record[small_packet_size], record.size() - small_packet_size);
       while (raw::send(owner->get(), record, calls, passed) < 0) {
         if (errno != EAGAIN) fail_call("send");
         raw::wait_writeable(owner->get());
@@ -56,8 +81,29 @@ Runner raw_receiver(CommDescriptor socket, raw::Calls calls) {
   };
 }
 
-void send_packet(comm_socket_v4* endpoint, const Stream& what) {
-  const CommPacket packet = build_packet(what.size);
+CommPacket build_packet_of(const Stream& what, FileParts& file) {
+  static std::vector<unsigned char> memory;
+  memory.resize(what.size);
+  const auto by_copy = [&file](comm_socket_v4_packet& p, std::size_t length) {
+    file.read(memory.data(), length);
+    p.write_data_binary(memory.data(), length);
+  };
+  const auto in_place = [&file](comm_socket_v4_packet& p, std::size_t length) {
+    file.read(p.reserve_data(length), length);
+    p.commit_data(length);
+  };
+  switch (what.data_from) {
+    case DataFrom::file_by_copy:
+      return build_packet(what.size, by_copy);
+    case DataFrom::file_in_place:
+      return build_packet(what.size, in_place);
+    default:
+      return build_packet(what.size);
+  }
+}
+
+void send_packet(comm_socket_v4* endpoint, const Stream& what, FileParts& file) {
+  const CommPacket packet = build_packet_of(what, file);
   if (what.with_descriptor && !packet->attach_fd_to_send(STDIN_FILENO))
     fail("standard input cannot be attached");
   while (check(comm_socket_v4_packet_send_to_server(endpoint, packet.get()), "send_to_server") == 0)
@@ -66,8 +112,9 @@ void send_packet(comm_socket_v4* endpoint, const Stream& what) {
 
 Runner library_sender(CommDescriptor socket, const Stream& what) {
   const std::shared_ptr<comm_socket_v4> endpoint = endpoint_on(std::move(socket));
+  const auto file = std::make_shared<FileParts>();
   return [=](std::size_t count) {
-    for (std::size_t sent = 0; sent < count; ++sent) send_packet(endpoint.get(), what);
+    for (std::size_t sent = 0; sent < count; ++sent) send_packet(endpoint.get(), what, *file);
   };
 }
 

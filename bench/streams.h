@@ -7,10 +7,15 @@
 #include "bench/processes.h"
 #include "bench/raw_sockets.h"
 
+// Where the data of a packet is before it is sent: in memory; or in a file, which is read into
+// memory from where it is copied, or into the packet. Raw code reads into the record.
+enum class DataFrom { memory, file_by_copy, file_in_place };
+
 struct Stream {
   int receiver_core;
   std::size_t size;
-  bool with_descriptor;
+  bool with_descriptor = false;
+  DataFrom data_from = DataFrom::memory;
 };
 // It ends with the last copy of the runner.
 Runner raw_stream(const Stream& what, raw::Calls calls);

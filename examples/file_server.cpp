@@ -15,10 +15,11 @@ namespace {
 
 // --- Answers ------------------------------------------------------------------------------------
 
+constexpr std::size_t start_size = 16384;  // bytes of a file that go along
+
 struct File {
   CommDescriptor fd;
   struct stat about = {};
-  std::vector<unsigned char> start;
 };
 
 // Does what the request asks for; 0 or an errno.
@@ -29,26 +30,27 @@ int open_file(const comm_socket_v4_packet& request, File& file) {
       CommDescriptor{::open(request.argv_text(0), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
   if (!file.fd.is_open() || ::fstat(file.fd.get(), &file.about) != 0) return errno;
   if (!S_ISREG(file.about.st_mode)) return S_ISDIR(file.about.st_mode) ? EISDIR : EINVAL;
-  file.start.resize(16384);
-  const ssize_t count = ::pread(file.fd.get(), file.start.data(), file.start.size(), 0);
-  if (count < 0) return errno;
-  file.start.resize(static_cast<std::size_t>(count));
   return 0;
 }
 
 // Null when it cannot be written.
 CommPacket answer_to(const comm_socket_v4_packet& request) {
   File file;
-  const int error = open_file(request, file);
-  if (error != 0) return CommPacketBuilder::response_to(request, error).finish();
+  if (const int error = open_file(request, file); error != 0)
+    return CommPacketBuilder::response_to(request, error).finish();
   const struct stat& about = file.about;
-  return CommPacketBuilder::response_to(request)
-      .pair_uint64("size", static_cast<std::uint64_t>(about.st_size))
+  CommPacketBuilder answer = CommPacketBuilder::response_to(request);
+  answer.pair_uint64("size", static_cast<std::uint64_t>(about.st_size))
       .pair_uint64("mode", about.st_mode & 07777)
       .pair_int64("times", {about.st_atime, about.st_mtime, about.st_ctime})
-      .descriptor(std::move(file.fd))
-      .data(file.start)
-      .finish();
+      .data_from(
+          start_size,
+          [&file](void* room, std::size_t most) { return ::pread(file.fd.get(), room, most, 0); })
+      .descriptor(std::move(file.fd));
+  CommPacket packet = answer.finish();
+  if (answer.error().reason == CommPacketReason::not_filled)
+    packet = CommPacketBuilder::response_to(request, errno).finish();
+  return packet;
 }
 
 // --- Server -------------------------------------------------------------------------------------

@@ -31,8 +31,8 @@ class Model {
     const Input call = in_;
     for (int i = 0; i < times && p_.buffer_length < most_bytes; ++i) {
       in_ = call;
-      if (!make_step(in_, *this, "bapde", &Model::begin, &Model::argument, &Model::pair,
-                     &Model::data, &Model::end))
+      if (!make_step(in_, *this, "bapderc", &Model::begin, &Model::argument, &Model::pair,
+                     &Model::data, &Model::end, &Model::reserve, &Model::commit))
         break;
     }
     REQUIRE(p_.write_state == state_);
@@ -122,25 +122,54 @@ class Model {
 
   bool data() {
     const std::string given = in_.text();
-    const bool legal = given.empty() || in_header() || state_ == Writer::write_state_data;
-    if (legal && !given.empty()) state_ = Writer::write_state_data;
+    const bool legal = given.empty() || takes_data();
+    if (legal && !given.empty()) begin_data(0);
     data_ += legal ? given : "";
     const auto* const bytes = reinterpret_cast<const unsigned char*>(given.data());
     return make(
         legal, [&] { return p_.write_data_binary(bytes, given.size()); }, given.size());
   }
 
+  // Writes all of it but for the last byte, which is then zero.
+  bool reserve() {
+    const std::string given = in_.text();
+    const bool legal = !given.empty() && takes_data();
+    if (legal) begin_data(given.size());
+    return make(legal, [&] {
+      unsigned char* const room = p_.reserve_data(given.size());
+      if (room == nullptr) return -1;
+      written_ = given.substr(0, given.size() - 1) + '\0';
+      std::memcpy(room, written_.data(), given.size() - 1);
+      return 0;
+    });
+  }
+
+  bool commit() {
+    const std::size_t length = in_.text().size();
+    const bool legal = reserved_ != 0 && length <= reserved_;
+    data_ += legal ? written_.substr(0, length) : "";
+    if (legal) reserved_ = 0;
+    return make(
+        legal, [&] { return p_.commit_data(length); }, length);
+  }
+
+  bool takes_data() const { return in_header() || state_ == Writer::write_state_data; }
+  void begin_data(std::size_t reserved) {
+    state_ = Writer::write_state_data;
+    reserved_ = reserved;
+  }
+
   bool end() {
     const bool legal = state_ != Writer::write_state_none;
-    if (legal) state_ = Writer::write_state_end;
+    if (legal) state_ = Writer::write_state_end, reserved_ = 0;
     return make(legal, [this] { return p_.write_end(); });
   }
 
   Input in_;
   Writer p_;
-  std::string head_ = std::string(2, '\0'), arguments_, pairs_, data_;
+  std::string head_ = std::string(2, '\0'), arguments_, pairs_, data_, written_;
   int state_ = Writer::write_state_none;
-  std::size_t pair_count_ = 0;
+  std::size_t pair_count_ = 0, reserved_ = 0;
 };
 
 }  // namespace

@@ -69,7 +69,8 @@ comm_socket_v4_packet::comm_socket_v4_packet() noexcept
       write_state(write_state_none),
       stream_id(0),
       complete_cb(nullptr),
-      tag(0) {}
+      tag(0),
+      data_reserved(0) {}
 
 comm_socket_v4_packet::~comm_socket_v4_packet() {
   if (!attached_fd.empty()) close_attached_fd();
@@ -121,6 +122,7 @@ int comm_socket_v4_packet::resize_buffer(std::size_t size) {
   if (grown == nullptr) return -1;
   buffer = static_cast<unsigned char*>(grown);
   buffer_alloc = target;
+  data_reserved = 0;
   return 0;
 }
 
@@ -135,6 +137,7 @@ int comm_socket_v4_packet::shrinkfit_buffer() {
   if (shrunk == nullptr) return -1;
   buffer = static_cast<unsigned char*>(shrunk);
   buffer_alloc = target;
+  data_reserved = 0;
   return 0;
 }
 

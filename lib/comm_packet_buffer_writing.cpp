@@ -165,6 +165,28 @@ int write_int_append_tables(comm_socket_v4_packet& p) {
   return 0;
 }
 
+// Room for data where the writer stands, behind the tables; what was reserved before ends.
+bool make_room_for_data(comm_socket_v4_packet& p, std::size_t length) {
+  if (length > COMM_V4_MAX_DATA_PER_WRITE) return false;
+  if (p.write_state == comm_socket_v4_packet::write_state_header) {
+    if (write_int_append_tables(p) != 0) return false;
+    p.write_state = comm_socket_v4_packet::write_state_data;
+  }
+  if (p.write_state != comm_socket_v4_packet::write_state_data) return false;
+  if (p.buffer == nullptr || !fits_packet(p, length)) return false;
+  p.data_reserved = 0;
+  const std::size_t needed = p.buffer_write + length + data_spare;
+  return needed <= p.buffer_alloc || make_room(p, needed);
+}
+
+// The last `length` bytes of the packet, more than none, are data.
+void take_for_data(comm_socket_v4_packet& p, std::size_t length) {
+  comm_socket_v4_packet_header* const first = header(p.buffer);
+  if (first->data_offset == 0)
+    first->data_offset = static_cast<comm_v4_offset_t>(p.buffer_write - length);
+  first->data_length = static_cast<std::uint32_t>(p.buffer_write) - first->data_offset;
+}
+
 int write_argv_number(comm_socket_v4_packet& p, std::uint8_t type, const void* value) {
   if (p.write_state != comm_socket_v4_packet::write_state_header || p.buffer == nullptr) return -1;
   if (!may_add_argv(p)) return -1;
@@ -336,21 +358,27 @@ int comm_socket_v4_packet::write_nv_pairf(const char* name, const char* format, 
 
 int comm_socket_v4_packet::write_data_binary(const unsigned char* data, std::size_t length) {
   if (length == 0) return 0;
-  if (data == nullptr || length > COMM_V4_MAX_DATA_PER_WRITE) return -1;
-  if (write_state == write_state_header) {
-    if (write_int_append_tables(*this) != 0) return -1;
-    write_state = write_state_data;
-  }
-  if (write_state != write_state_data) return -1;
-
-  if (buffer == nullptr || !fits_packet(*this, length)) return -1;
-  const std::size_t needed = buffer_write + length + data_spare;
-  if (needed > buffer_alloc && !make_room(*this, needed)) return -1;
-  if (header(buffer)->data_offset == 0)
-    header(buffer)->data_offset = static_cast<comm_v4_offset_t>(buffer_write);
+  if (data == nullptr || !make_room_for_data(*this, length)) return -1;
   append(*this, data, length);
-  header(buffer)->data_length =
-      static_cast<std::uint32_t>(buffer_write) - header(buffer)->data_offset;
+  take_for_data(*this, length);
+  return static_cast<int>(length);
+}
+
+unsigned char* comm_socket_v4_packet::reserve_data(std::size_t most) {
+  if (most == 0 || !make_room_for_data(*this, most)) return nullptr;
+  data_reserved = most;
+  // The last one is the NUL behind a packet that takes it all.
+  return static_cast<unsigned char*>(std::memset(buffer + buffer_write, 0, most + 1));
+}
+
+int comm_socket_v4_packet::commit_data(std::size_t length) {
+  if (data_reserved == 0 || length > data_reserved) return -1;
+  if (length != 0) {
+    buffer_write = buffer_length = buffer_write + length;
+    take_for_data(*this, length);
+  }
+  buffer[buffer_write] = 0;
+  data_reserved = 0;
   return static_cast<int>(length);
 }
 
@@ -359,6 +387,7 @@ int comm_socket_v4_packet::write_end() {
   if (write_state != write_state_header && write_state != write_state_data) return 0;
   if (write_int_append_tables(*this) != 0) return -1;
   buffer_length = buffer_write;
+  data_reserved = 0;
   write_state = write_state_end;
   if (complete_cb != nullptr) complete_cb(this);
   if (buffer != nullptr && buffer_alloc > buffer_length) buffer[buffer_length] = 0;
@@ -462,5 +491,11 @@ int comm_socket_v4_packet_vwrite_nv_pairf(comm_socket_v4_packet* p, const char* 
 int comm_socket_v4_packet_write_data_binary(comm_socket_v4_packet* p, const unsigned char* data,
                                             std::size_t length) {
   return p->write_data_binary(data, length);
+}
+unsigned char* comm_socket_v4_packet_reserve_data(comm_socket_v4_packet* p, std::size_t most) {
+  return p->reserve_data(most);
+}
+int comm_socket_v4_packet_commit_data(comm_socket_v4_packet* p, std::size_t length) {
+  return p->commit_data(length);
 }
 int comm_socket_v4_packet_write_end(comm_socket_v4_packet* p) { return p->write_end(); }

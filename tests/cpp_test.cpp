@@ -80,6 +80,16 @@ Calls pair(const std::string& name, const std::string& text) {
 Calls far_argument(std::size_t at) {
   return [=](Builder& b) { b.pair_bytes("f", texts(at - 67)).argument_uint64(1); };
 }
+// Asks for room, in which it writes nothing.
+Calls filled(std::size_t most, ssize_t count) {
+  return [=](Builder& b) {
+    b.data_from(most, [=](unsigned char* room, std::size_t size) {
+      EXPECT_EQ(std::string(most, '\0'), std::string(reinterpret_cast<char*>(room), size));
+      errno = ENXIO;
+      return count;
+    });
+  };
+}
 CommDescriptor file() { return CommDescriptor(memfd_create("file", MFD_CLOEXEC)); }
 
 TEST_F(BuilderTest, SaysWhatWouldBeLost) {
@@ -138,6 +148,13 @@ TEST_F(BuilderTest, SaysWhatWouldBeLost) {
        [](Builder& b) {
          b.data({nullptr, 1});
        }},
+      {"262209", filled(COMM_V4_MAX_DATA_PER_WRITE, COMM_V4_MAX_DATA_PER_WRITE)},
+      {"65", repeated(2, filled(1, 0))},
+      {"65", [](Builder& b) { b.data_from(0, [](void*, std::size_t) { return 1; }); }},
+      {"data: not filled EINVAL", filled(1, 2)},
+      {"data: not filled ENXIO", filled(1, -1)},
+      {"data: the packet is longer than a receiver takes EMSGSIZE",
+       [](Builder& b) { filled(7, 1)(b.limit(71)); }},
       {"pair 1: too late EINVAL",
        [](Builder& b) { b.pair("k", "v").data("x"s).pair("k", "v").user_flags(1); }},
       {"argument 0: too late EINVAL", [](Builder& b) { b.data("x"s).argument_uint64(1); }},

@@ -257,6 +257,7 @@ TEST_F(PacketTest, RefusesToPassThirtyTwoBits) {
       {[](auto* p) { return p->write_nv_pair_raw("n", bytes("abc"), 3, 9); }, 2 + 3, 2},
       {[](auto* p) { return p->write_nv_pair("n", "abc"); }, 2 + 4, 2},
       {[](auto* p) { return p->write_data_binary(bytes("abc"), 3); }, 3, 1},
+      {[](auto* p) { return p->reserve_data(3) == nullptr ? -1 : 0; }, 3, 1},
       {[](auto* p) { return p->wr_argv.emplace_back(), p->write_end(); }, 4, 1},
       {[](auto* p) { return p->wr_nv_pair.emplace_back(), p->write_end(); }, 16, 1},
   };
@@ -269,6 +270,45 @@ TEST_F(PacketTest, RefusesToPassThirtyTwoBits) {
       faults.during([&] { return row.write(p.get()); });
       EXPECT_EQ(fits ? row.growths : 0u, faults.count(Call::malloc)) << &row - rows;
     }
+}
+
+// What is not committed is not there; what was not written is zero, whatever the memory held.
+TEST_F(PacketTest, TakesDataThatIsWrittenInPlace) {
+  const std::string dirt(20000, 'x');
+  const CommPacket p = make_packet();
+  EXPECT_EQ(0, p->resize_buffer(dirt.size()));
+  std::memcpy(p->buffer, dirt.data(), dirt.size());
+  EXPECT_EQ(nullptr, p->reserve_data(1));
+  EXPECT_EQ(-1, p->commit_data(0));
+  ASSERT_EQ(0, p->write_begin("put", nullptr, 0));
+  EXPECT_EQ(0, p->write_argv("a"));
+  for (const std::size_t never : {0ul, 262145ul}) EXPECT_EQ(nullptr, p->reserve_data(never));
+  EXPECT_EQ(0, p->write_argv("b")) << "nothing has changed";
+
+  std::memcpy(p->reserve_data(8), "lost", 4);
+  EXPECT_EQ(-1, p->write_argv("c"));
+  EXPECT_EQ(2u, p->argc());
+  std::memcpy(p->reserve_data(8), "in place", 8);
+  EXPECT_EQ(0u, p->data_length());
+  EXPECT_EQ(-1, p->commit_data(9));
+  EXPECT_EQ(8, comm_socket_v4_packet_commit_data(p.get(), 8));
+  EXPECT_EQ(-1, p->commit_data(0)) << "once";
+  EXPECT_EQ(2, p->write_data_binary(bytes(", "), 2));
+  std::memcpy(comm_socket_v4_packet_reserve_data(p.get(), 300), "zero", 4);
+  EXPECT_EQ(6, p->commit_data(6));
+  for (const auto& ends : {std::function<int()>([&p] { return p->resize_buffer(30000); }),
+                           {[&p] { return p->shrinkfit_buffer(); }},
+                           {[&p] { return p->reserve_data(5), p->commit_data(0); }},
+                           {[&p] { return p->write_data_binary(bytes("."), 1) - 1; }},
+                           {[&p] { return p->write_end(); }}}) {
+    std::memset(p->reserve_data(4), '?', 4);
+    EXPECT_EQ(0, ends());
+    EXPECT_EQ(-1, p->commit_data(4));
+  }
+  EXPECT_EQ(nullptr, p->reserve_data(4));
+  EXPECT_EQ(std::string("in place, zero\0\0.", 17),
+            std::string(reinterpret_cast<const char*>(p->data()), p->data_length()));
+  EXPECT_EQ(0, p->buffer[p->buffer_length]);
 }
 
 TEST_F(PacketTest, CompletesOnce) {

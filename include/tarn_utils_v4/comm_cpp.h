@@ -165,6 +165,7 @@ enum class CommPacketReason {
   reserved,          // flags or a type that have calls of their own
   wrong_order,       // arguments and pairs behind the data, anything behind finish
   lacks_descriptor,  // negative, errno EBADF, or not to be duplicated, errno that of dup(2)
+  not_filled,        // what writes the data in place says that it failed, errno as it left it
 };
 
 // What failed first, and where.
@@ -317,6 +318,14 @@ class CommPacketBuilder {
 
   // Appends to the packet's one block of data, any number of bytes; none is no data.
   CommPacketBuilder& data(CommBytes bytes);
+  // Appends data that is written in place, without a copy: calls `fill` once, as if by
+  //     ssize_t count = fill(static_cast<unsigned char*>(room), size);
+  // with a room of `most` bytes, or COMM_V4_MAX_DATA_PER_WRITE if that is less, all zero. The
+  // first `count`, which may be none, become data; a negative one is a failure. The packet may not
+  // be too long even with the whole room. `fill` must not throw, nor call the builder.
+  //     builder.data_from(16384, [fd](void* room, size_t size) { return ::read(fd, room, size); });
+  template <class Fill>
+  CommPacketBuilder& data_from(std::size_t most, Fill&& fill);
 
   // Descriptors, COMM_V4_MAX_ATTACHED_FDS in all. A number stays the caller's and is duplicated;
   // the duplicate of the second does not survive exec. An owner hands its descriptor over, without
@@ -403,6 +412,8 @@ class CommPacketBuilder {
   Reason write_empty_argument();
   Reason write_pair(std::string_view name, CommBytes value, std::uint32_t type);
   Reason write_data(CommBytes bytes);
+  template <class Fill>
+  Reason fill_data(std::size_t most, Fill& fill);
   template <class Attach>
   CommPacketBuilder& attach(int fd, Attach attach_it);
 
@@ -757,6 +768,8 @@ inline std::string CommPacketError::what() const {
         return "too late";
       case CommPacketReason::lacks_descriptor:
         return "no descriptor";
+      case CommPacketReason::not_filled:
+        return "not filled";
     }
     return "?";
   };
@@ -777,8 +790,10 @@ inline CommPacketBuilder& CommPacketBuilder::fail(Reason reason, const char* par
     errno_ = ENOMEM;
   else if (reason == Reason::packet_too_long)
     errno_ = EMSGSIZE;
+  else if (reason == Reason::lacks_descriptor || reason == Reason::not_filled)
+    errno_ = errno;
   else
-    errno_ = reason == Reason::lacks_descriptor ? errno : EINVAL;
+    errno_ = EINVAL;
   return *this;
 }
 
@@ -919,6 +934,25 @@ inline CommPacketReason CommPacketBuilder::write_data(CommBytes bytes) {
     at += part;
   }
   return Reason::none;
+}
+
+template <class Fill>
+CommPacketBuilder& CommPacketBuilder::data_from(std::size_t most, Fill&& fill) {
+  return step("data", 0, [&] { return fill_data(most, fill); });
+}
+
+template <class Fill>
+CommPacketReason CommPacketBuilder::fill_data(std::size_t most, Fill& fill) {
+  const std::size_t size = std::min(most, COMM_V4_MAX_DATA_PER_WRITE);
+  if (size == 0) return Reason::none;
+  if (!has_room_for(size)) return Reason::packet_too_long;
+  unsigned char* const room = packet_->reserve_data(size);
+  if (room == nullptr) return Reason::no_memory;
+  const auto count = fill(room, size);
+  if (count < 0) return Reason::not_filled;
+  if (packet_->commit_data(static_cast<std::size_t>(count)) >= 0) return Reason::none;
+  errno = EINVAL;  // more than there was room for
+  return Reason::not_filled;
 }
 
 template <class Attach>

@@ -210,7 +210,8 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   std::vector<int> attached_fd;  // owned; sent with the packet or received with it, -1 is empty
   std::uint64_t stream_id;
   int (*complete_cb)(comm_socket_v4_packet*);
-  std::uint64_t tag;  // the caller's, never sent
+  std::uint64_t tag;          // the caller's, never sent
+  std::size_t data_reserved;  // bytes of the room of reserve_data
 
   comm_socket_v4_packet() noexcept;
   // Closes what is still attached and frees the buffer.
@@ -329,6 +330,19 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   // Returns `length`; 0 for a length of 0, in any state; -1 also for null data, for more than
   // COMM_V4_MAX_DATA_PER_WRITE bytes, and without memory: offer the same data again.
   int write_data_binary(const unsigned char* data, std::size_t length);
+  // Data without a copy: reserve_data makes room behind what the packet holds, the caller writes
+  // there, with read(2) for example, and commit_data makes the first `length` bytes data. Until
+  // then the packet is without them. The room comes filled with zeros: what nobody writes is sent
+  // as zeros, never as what the memory held before. It ends with a commit_data that succeeds, with
+  // the next reserve_data, write_data_binary or write_end, a send, and a change of the buffer's
+  // size. Both may be called again and again, in any mix with write_data_binary; as there no
+  // argument or pair can follow. Returns the room; null in the wrong state, for a length of 0, for
+  // more than COMM_V4_MAX_DATA_PER_WRITE bytes, past COMM_V4_MAX_PACKET and without memory: try
+  // again.
+  unsigned char* reserve_data(std::size_t most);
+  // Of 0 bytes the room ends, and nothing is added.
+  // Returns `length`; -1 without a room, and for more than was reserved: the room stays.
+  int commit_data(std::size_t length);
   // Completes the packet and runs the completion callback.
   // Returns 0, at once when it is complete or was received; -1 before write_begin, without memory
   // for the tables: call it again, and when they would end beyond COMM_V4_MAX_PACKET.
@@ -545,6 +559,9 @@ COMM_V4_EXPORT int comm_socket_v4_packet_vwrite_nv_pairf(comm_socket_v4_packet* 
 COMM_V4_EXPORT int comm_socket_v4_packet_write_data_binary(comm_socket_v4_packet* p,
                                                            const unsigned char* data,
                                                            size_t length);
+COMM_V4_EXPORT unsigned char* comm_socket_v4_packet_reserve_data(comm_socket_v4_packet* p,
+                                                                 size_t most);
+COMM_V4_EXPORT int comm_socket_v4_packet_commit_data(comm_socket_v4_packet* p, size_t length);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_end(comm_socket_v4_packet* p);
 
 COMM_V4_EXPORT size_t comm_socket_v4_packet_get_argc(const comm_socket_v4_packet* p);
