@@ -41,6 +41,7 @@ Conversation::Conversation(comm_socket_v4& endpoint, PacketSource& source,
 
 void Conversation::run(std::uint64_t deadline_us) {
   deadline_us_ = deadline_us;
+  fetch();  // What is sent first does not wait for what comes.
   while (!is_over_) {
     send();
     fetch();
@@ -156,7 +157,7 @@ std::string Conversation::so_many() const {
 
 void Conversation::on_deadline() {
   if (next_.packet != nullptr) throw Failure("the server takes no packet in time");
-  if (!rules_.follow) throw Failure("no response in time");
+  if (!is_following()) throw Failure("no response in time");
   if (received_ < rules_.count) throw Failure("only " + so_many() + " in time");
   is_over_ = true;
 }

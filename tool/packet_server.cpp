@@ -168,11 +168,10 @@ void PacketServer::on_accept_failed(CommLoop& /*loop*/, CommLoopId /*server*/, i
 // The members of a packet's object that say whose it is.
 std::string PacketServer::in_json(const Peer& peer, Sender sender) {
   const char* const direction = sender == Sender::client ? "to-server" : "from-server";
-  return ", \"peer\": {\"direction\": \"" + std::string(direction) +
-         "\", \"client\": " + std::to_string(peer.number) +
-         ", \"pid\": " + std::to_string(peer.cred.pid) +
-         ", \"uid\": " + std::to_string(peer.cred.uid) +
-         ", \"gid\": " + std::to_string(peer.cred.gid) + "}";
+  return R"(, "peer": {"direction": ")" + std::string(direction) + R"(", "client": )" +
+         std::to_string(peer.number) + R"(, "pid": )" + std::to_string(peer.cred.pid) +
+         R"(, "uid": )" + std::to_string(peer.cred.uid) + R"(, "gid": )" +
+         std::to_string(peer.cred.gid) + "}";
 }
 
 int PacketServer::receive(const Peer& peer, Sender sender, comm_socket_v4_packet& packet) {
