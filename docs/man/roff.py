@@ -69,7 +69,10 @@ def blocks(lines):
         elif current and current[0] not in ("text", "code") and not line.startswith(" " * indent):
             yield current
             current = ["text", line]
-        elif current is None and line.startswith("  "):
+        elif (current is None and line.startswith("  ") or
+              current and current[0] == "text" and line.startswith("    ")):
+            if current:
+                yield current
             current = ["code", [line]]
         elif current and current[0] == "code":
             yield current
@@ -84,11 +87,11 @@ def blocks(lines):
         yield current
 
 
-def example(lines):
+def example(lines, paragraph=".PP"):
     while lines and not lines[-1].strip():
         lines = lines[:-1]
     margin = min(len(line) - len(line.lstrip()) for line in lines if line.strip())
-    return [".PP", ".in +4n", ".EX", *(code(line[margin:]) for line in lines), ".EE", ".in"]
+    return [paragraph, ".in +4n", ".EX", *(code(line[margin:]) for line in lines), ".EE", ".in"]
 
 
 def prose(lines, pages=None, here="", inside=False):
@@ -96,7 +99,7 @@ def prose(lines, pages=None, here="", inside=False):
     out, listed = [], False
     for number, (kind, content) in enumerate(blocks(lines)):
         if kind == "code":
-            out += example(content)
+            out += example(content, ".IP" if inside else ".PP")
             continue
         words = text(content, pages, here)
         if kind == "text":
