@@ -136,7 +136,8 @@ int main(int argc, char** argv) {
   const auto take_option = [&](const char* option) {
     return first < argc && std::strcmp(argv[first], option) == 0 && ++first != 0;
   };
-  const bool by_parts = take_option("--parts"), is_slow = take_option("--slow");
+  const bool by_parts = take_option("--parts");
+  const bool is_slow = take_option("--slow");
   if (argc < first + 2) fail("usage", "job_client [--parts] [--slow] SOCKET JOB [, JOB]...");
   open_standard_descriptors();
   Client client(argv[first], by_parts, is_slow);
