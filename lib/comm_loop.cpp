@@ -13,6 +13,7 @@
 #include <iterator>
 #include <new>
 
+#include "lib/at_scope_end.h"
 #include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
 #include "lib/loop_connection.h"
@@ -99,10 +100,13 @@ int comm_v4_loop::dispatch(unsigned long deadline_us) {
   if (count == 0) return 0;
   now = monotonic_clock_us();
   dispatching = true;
+  const AtScopeEnd end_turn([this] {
+    dispatching = false;
+    if (first_to_settle != nullptr) wake();
+  });
+  // What is not handled, since a handler throws, is ready again.
   for (int i = 0; i < count; ++i) handle(ready[i].data.u64, ready[i].events);
   settle_members();
-  dispatching = false;
-  if (first_to_settle != nullptr) wake();
   return 1;
 }
 
@@ -122,6 +126,8 @@ void comm_v4_loop::handle(std::uint64_t key, std::uint32_t events) {
 
 void comm_v4_loop::run_times() {
   read_number(timer.get());
+  const AtScopeEnd set_again(
+      [this] { set_timer(times.empty() ? LoopMember::never : times.begin()->first); });
   while (!times.empty() && times.begin()->first <= now) {
     LoopMember& m = *times.begin()->second;
     if (m.kind == LoopKind::timer) {
@@ -133,7 +139,6 @@ void comm_v4_loop::run_times() {
       on_due(m);
     }
   }
-  set_timer(times.empty() ? LoopMember::never : times.begin()->first);
 }
 
 // Those that wait by now; who comes meanwhile is settled in the next turn.

@@ -106,6 +106,7 @@ struct comm_v4_loop {
   void on_failed_accept(LoopMember& server, int error);
   LoopMember* add_client(LoopMember& server, comm_socket_v4_client& client);
   void announce(LoopMember& m);
+  void update_if_there(CommLoopId id);
   void try_to_connect(LoopMember& m);
   void read(LoopMember& m);
   void on_nothing_read(LoopMember& m, int error);

@@ -8,6 +8,7 @@
 #include <new>
 #include <utility>
 
+#include "lib/at_scope_end.h"
 #include "lib/endpoint_internal.h"
 #include "lib/loop_connection.h"
 #include "lib/loop_internal.h"
@@ -172,15 +173,18 @@ LoopMember* comm_v4_loop::add_client(LoopMember& server, comm_socket_v4_client& 
 void comm_v4_loop::announce(LoopMember& m) {
   const CommLoopId id = m.id;
   m.announced = true;
-  const bool welcome = m.handler->on_connect(loop, id, loop_connection::peer(m));
-  if (!is_there(id)) return;
-  if (welcome) {
-    update_due(m);
-    update_events(m);
-    return;
-  }
-  ++m.home->counters.turned_away_handler;
-  destroy(m);
+  bool welcome = false;
+  const AtScopeEnd let_in_or_not([&] {
+    if (!is_there(id)) return;
+    if (welcome) {
+      update_due(m);
+      update_events(m);
+      return;
+    }
+    ++m.home->counters.turned_away_handler;
+    destroy(m);
+  });
+  welcome = m.handler->on_connect(loop, id, loop_connection::peer(m));
 }
 
 void comm_v4_loop::try_to_connect(LoopMember& m) {
@@ -198,6 +202,7 @@ void comm_v4_loop::try_to_connect(LoopMember& m) {
 void comm_v4_loop::on_connection_events(LoopMember& m, std::uint32_t events) {
   if (m.connecting) return try_to_connect(m);
   const CommLoopId id = m.id;
+  const AtScopeEnd watch_on([&] { update_if_there(id); });
   if ((events & EPOLLRDHUP) != 0) m.sends_end = true;
   if ((events & (EPOLLHUP | EPOLLERR)) != 0 && !m.queue.empty()) {
     m.deaf = true;
@@ -208,7 +213,6 @@ void comm_v4_loop::on_connection_events(LoopMember& m, std::uint32_t events) {
     if (!is_there(id)) return;
   }
   if ((events & ~static_cast<std::uint32_t>(EPOLLOUT)) != 0) read(m);
-  if (is_there(id)) update_events(m);
 }
 
 // Only what is known to be there: a read that finds nothing costs two system calls, and what has
@@ -390,15 +394,17 @@ void comm_v4_loop::end_sending(LoopMember& m) {
 void comm_v4_loop::settle(LoopMember& m) {
   const CommLoopId id = m.id;
   if (m.going) {
+    const AtScopeEnd end([&] {
+      if (is_there(id)) destroy(m);
+    });
     if (m.announced || m.kind == LoopKind::connection) m.handler->on_gone(loop, id, m.why, m.error);
-    if (is_there(id)) destroy(m);
   } else if (m.kind == LoopKind::server) {
     m.handler->on_accept_failed(loop, id, m.error);
   } else if (!m.announced) {
     announce(m);
   } else {
+    const AtScopeEnd watch_on([&] { update_if_there(id); });
     read(m);
-    if (is_there(id)) update_events(m);
   }
 }
 
@@ -425,6 +431,10 @@ std::uint32_t comm_v4_loop::wanted_events(const LoopMember& m) noexcept {
     return (m.reads() ? EPOLLIN | EPOLLRDHUP : 0u) |
            (!m.queue.empty() && !m.send_put_off ? EPOLLOUT : 0u);
   return m.paused ? 0u : m.wanted_events;
+}
+
+void comm_v4_loop::update_if_there(CommLoopId id) {
+  if (LoopMember* const m = find(id)) update_events(*m);
 }
 
 // Where nothing is wanted the descriptor is not watched at all: a peer that has gone would be
@@ -488,9 +498,11 @@ void comm_v4_loop::on_due(LoopMember& m) {
   if (!m.finishing) {
     // In time, and not read since others took long.
     const CommLoopId id = m.id;
-    read(m);
+    {
+      const AtScopeEnd watch_on([&] { update_if_there(id); });
+      read(m);
+    }
     if (!is_there(id)) return;
-    update_events(m);
     if (patience_until(m) > now) return update_due(m);
   }
   const bool was_silent = !m.has_sent_a_packet && m.home->limits.first_packet_us != 0;

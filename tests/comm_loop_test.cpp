@@ -2,6 +2,7 @@
 // when they have gone.
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/un.h>
 #include <tarn_utils_v4/comm_loop.h>
 
@@ -615,6 +616,54 @@ TEST_F(CommLoopTest, AStopEndsOneRunWhereverItComesFrom) {
   };
   loop.after(1, handler);
   EXPECT_EQ((Lines{"time", "time"}), (until("time"), until("time"), Lines{"time", "time"}));
+}
+
+TEST_F(CommLoopTest, WhatAHandlerThrowsComesOutAndTheLoopGoesOn) {
+  // Whatever can be done now. All that is told throws.
+  const auto quiet_in_spite = [&] {
+    for (std::size_t thrown = 0;;) {
+      try {
+        if (loop.dispatch(0) == 1) continue;
+        EXPECT_EQ(handler.told.size(), thrown);
+        return std::exchange(handler.told, {});
+      } catch (int) {
+        ++thrown;
+      }
+    }
+  };
+  const CommDescriptor counter(eventfd(1, EFD_CLOEXEC));
+  std::uint64_t count;
+  handler.connect_hook = [](CommLoopId) -> bool { throw 1; };
+  handler.packet_hook = [](auto...) { throw 1; };
+  handler.other_hook = [] { throw 1; };
+  serve();
+  knock();
+  EXPECT_EQ(Lines{"0 connect"}, quiet_in_spite());
+  EXPECT_EQ((std::pair(0ul, 1ul)),
+            std::pair(counters().connections, counters().turned_away_handler));
+  handler.connect_hook = [](CommLoopId) { return true; };
+  comm_socket_v4* const slow = join();
+  comm_socket_v4* const other = join();
+  handler.told.clear();
+  send_from(slow);
+  send_from(other);
+  EXPECT_EQ((Lines{"1 ping", "2 ping"}), quiet_in_spite());
+  for (int sent = fill(peer(1)); sent > 0; --sent) EXPECT_NE(nullptr, retrieve(slow));
+  EXPECT_EQ(Lines{"1 room"}, quiet_in_spite());
+  clients.clear();
+  EXPECT_EQ((Lines{"1 ended", "2 ended"}), quiet_in_spite());
+  EXPECT_EQ(0u, counters().connections);
+  shutdown(loop.endpoint(server)->socket_fd, SHUT_RDWR);
+  EXPECT_EQ(Lines{"accept EINVAL"}, quiet_in_spite());
+  for (int i = 0; i < 2; ++i) loop.after(1, handler);
+  std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  EXPECT_EQ((Lines{"time", "time"}), quiet_in_spite());
+  loop.watch(counter.get(), POLLIN, handler);
+  handler.other_hook = [&] {
+    EXPECT_EQ(8, read(counter.get(), &count, sizeof count));
+    throw 1;
+  };
+  EXPECT_EQ(Lines{"ready 1"}, quiet_in_spite());
 }
 
 TEST_F(CommLoopTest, AServerWhoseSocketFailsServesItsClientsOn) {

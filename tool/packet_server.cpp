@@ -126,41 +126,38 @@ const char* PacketServer::objection_to(const struct ucred& cred) const {
 
 bool PacketServer::on_connect(CommLoop& /*loop*/, CommLoopId id, const struct ucred& who) {
   const char* const objection = objection_to(who);
-  const bool went_well = loop_.attempt([&] {
-    std::unique_ptr<Peer> made = make_peer();
-    Peer& peer = *made;
-    peer.id = id;
-    peer.number = ++connections_;
-    peer.cred = who;
-    if (objection != nullptr) return say(peer.name() + " turned away: " + objection);
-    comm_socket_v4_client* const client = loop_.client(id);
-    client->set_tag(reinterpret_cast<std::uintptr_t>(&peer));
-    client->set_recv_cb([](comm_socket_v4_client* from, comm_socket_v4_packet* packet) {
-      auto& server = *reinterpret_cast<PacketServer*>(from->get_server()->get_tag());
-      return server.receive(*reinterpret_cast<Peer*>(from->get_tag()), Sender::client, *packet);
-    });
-    peers_[id.generation] = std::move(made);
-    say(peer.name() + " connected");
-    on_client(peer);
+  std::unique_ptr<Peer> made = make_peer();
+  Peer& peer = *made;
+  peer.id = id;
+  peer.number = ++connections_;
+  peer.cred = who;
+  if (objection != nullptr) {
+    say(peer.name() + " turned away: " + objection);
+    return false;
+  }
+  comm_socket_v4_client* const client = loop_.client(id);
+  client->set_tag(reinterpret_cast<std::uintptr_t>(&peer));
+  client->set_recv_cb([](comm_socket_v4_client* from, comm_socket_v4_packet* packet) {
+    auto& server = *reinterpret_cast<PacketServer*>(from->get_server()->get_tag());
+    return server.receive(*reinterpret_cast<Peer*>(from->get_tag()), Sender::client, *packet);
   });
-  return went_well && objection == nullptr;
+  peers_[id.generation] = std::move(made);
+  say(peer.name() + " connected");
+  on_client(peer);
+  return true;
 }
 
 void PacketServer::on_gone(CommLoop& /*loop*/, CommLoopId id, CommLoopReason why, int error) {
-  loop_.attempt([&] {
-    Peer& ended = peer(id);
-    if (why == comm_loop_unsendable)
-      say(ended.name() + " takes no more packets: " + std::strerror(error));
-    say(ended.name() + " disconnected");
-    if (on_end(ended)) forget(ended);
-  });
+  Peer& ended = peer(id);
+  if (why == comm_loop_unsendable)
+    say(ended.name() + " takes no more packets: " + std::strerror(error));
+  say(ended.name() + " disconnected");
+  if (on_end(ended)) forget(ended);
 }
 
 void PacketServer::on_accept_failed(CommLoop& /*loop*/, CommLoopId /*server*/, int error) {
-  loop_.attempt([error] {
-    errno = error;
-    throw system_failure("cannot accept connections any more");
-  });
+  errno = error;
+  throw system_failure("cannot accept connections any more");
 }
 
 // --- Packets from and to a client ---------------------------------------------------------------
@@ -187,7 +184,7 @@ int PacketServer::receive(const Peer& peer, Sender sender, comm_socket_v4_packet
 }
 
 void PacketServer::on_packet(CommLoop& /*loop*/, CommLoopId from, comm_socket_v4_packet* packet) {
-  loop_.attempt([&] { on_request(peer(from), *packet); });
+  on_request(peer(from), *packet);
 }
 
 int PacketServer::send(CommLoopId to, comm_socket_v4_packet& packet) {

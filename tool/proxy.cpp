@@ -68,11 +68,11 @@ class Proxy : public PacketServer {
       return true;
     }
     void on_packet(CommLoop& /*loop*/, CommLoopId from, comm_socket_v4_packet* packet) override {
-      proxy.loop().attempt([&] { proxy.pass_on(from, id, *packet); });
+      proxy.pass_on(from, id, *packet);
     }
     void on_room(CommLoop& loop, CommLoopId /*id*/) override { loop.resume(id); }
     void on_gone(CommLoop& /*loop*/, CommLoopId /*id*/, CommLoopReason why, int error) override {
-      proxy.loop().attempt([&] { proxy.on_server_gone(*this, why, error); });
+      proxy.on_server_gone(*this, why, error);
     }
 
     Proxy& proxy;

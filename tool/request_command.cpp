@@ -137,7 +137,7 @@ void RequestCommand::leave_loop() {
 }
 
 void RequestCommand::on_ready(CommLoop& /*loop*/, CommLoopId watched, std::uint32_t /*events*/) {
-  loop_.attempt([&] { watched == process_id_ ? on_exit() : read_output(); });
+  watched == process_id_ ? on_exit() : read_output();
 }
 
 void RequestCommand::on_time(CommLoop& /*loop*/, CommLoopId /*timer*/) {

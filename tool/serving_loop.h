@@ -1,4 +1,4 @@
-// The loop of the subcommands that serve: it ends with a signal, or with what a handler throws.
+// The loop of the subcommands that serve: it ends with a signal, or with what is thrown.
 #ifndef TOOL_SERVING_LOOP_H
 #define TOOL_SERVING_LOOP_H
 
@@ -18,7 +18,8 @@ class ServingLoop : private StopSignals, private CommLoopHandler, public CommLoo
   }
   static bool is_member(CommLoopId id) { return id.generation != 0; }
 
-  // Does what a handler has to do, out of which nothing may be thrown. Returns whether nothing was.
+  // For receive callbacks, out of which nothing may be thrown: the run will throw it. Returns
+  // whether nothing was.
   template <class Act>
   bool attempt(const Act& act) noexcept {
     try {
@@ -30,7 +31,7 @@ class ServingLoop : private StopSignals, private CommLoopHandler, public CommLoo
       return false;
     }
   }
-  // Throws what an attempt has thrown.
+  // Throws what a handler throws, and what an attempt has thrown.
   void run_until_signal() {
     if (run() != 0) throw system_failure("cannot wait for events");
     if (failure_ != nullptr) std::rethrow_exception(failure_);

@@ -18,8 +18,10 @@
 //    be called from any thread and from a signal handler.
 //  - Handlers are called by dispatch() and run() only, never from within another call, and may call
 //    everything but these two: send, disconnect, pause, add and remove endpoints, their own
-//    included, and stop. They must not throw, nor destroy the loop. Receive callbacks and log sinks
-//    of comm.h are no handlers: they must not call the loop.
+//    included, and stop. They must not destroy the loop. What they throw comes out of dispatch()
+//    and run(), and the next call does what is left of the turn; a peer whose on_connect throws is
+//    turned away. Receive callbacks and log sinks of comm.h are no handlers: they must not call the
+//    loop, nor throw.
 //  - Endpoints in a loop belong to it. Settings and log functions of comm.h may be called on them,
 //    but nothing that opens, closes, reads, sends, accepts or releases, and no wait. `halt` and
 //    pending_response_packet of client records and flags.idle_enabled stay as they are: pause() is
