@@ -9,10 +9,6 @@
 
 namespace loop_connection {
 
-comm_socket_v4_client* record(const LoopMember& m) {
-  return m.kind == LoopKind::client ? &m.home->endpoint->client[m.record] : nullptr;
-}
-
 int fd(const LoopMember& m) {
   return m.kind == LoopKind::client ? record(m)->client_fd : m.home->endpoint->socket_fd;
 }
@@ -31,28 +27,6 @@ struct ucred peer(const LoopMember& m) {
   if (m.kind == LoopKind::client) return record(m)->cred;
   comm_socket_v4_get_server_cred(m.home->endpoint.get(), &who);
   return who;
-}
-
-Retrieved retrieve(LoopMember& m) {
-  comm_socket_v4* const endpoint = m.home->endpoint.get();
-  comm_v4_internals& own = comm_v4_internals::of(endpoint);
-  const std::uint64_t dropped_before = own.packets_dropped;
-  own.more_waits = false;
-  errno = 0;
-  Retrieved result;
-  result.packet.reset(m.kind == LoopKind::client
-                          ? comm_socket_v4_client_get_packet(record(m))
-                          : comm_socket_v4_client_get_packet_from_server(endpoint));
-  if (result.packet == nullptr) result.error = errno;
-  result.dropped = own.packets_dropped != dropped_before;
-  result.more_waits = own.more_waits;
-  return result;
-}
-
-int transmit(LoopMember& m, comm_socket_v4_packet& p) {
-  return m.kind == LoopKind::client
-             ? comm_socket_v4_packet_send_to_client(record(m), &p)
-             : comm_socket_v4_packet_send_to_server(m.home->endpoint.get(), &p);
 }
 
 int end_sending(const LoopMember& m) {

@@ -123,6 +123,7 @@ struct comm_v4_loop {
   std::uint64_t patience_until(const LoopMember& m) const noexcept;
 
   // --- lib/comm_loop ---
+  void fetch_ahead(std::uint64_t key) const noexcept;
   void handle(std::uint64_t key, std::uint32_t events);
   void run_times();
   void settle_members();

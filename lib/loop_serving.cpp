@@ -202,12 +202,16 @@ void comm_v4_loop::try_to_connect(LoopMember& m) {
 void comm_v4_loop::on_connection_events(LoopMember& m, std::uint32_t events) {
   if (m.connecting) return try_to_connect(m);
   const CommLoopId id = m.id;
-  const AtScopeEnd watch_on([&] { update_if_there(id); });
   if ((events & EPOLLRDHUP) != 0) m.sends_end = true;
   if ((events & (EPOLLHUP | EPOLLERR)) != 0 && !m.queue.empty()) {
     m.deaf = true;
     events |= EPOLLOUT;
   }
+  // Whatever else changes what is wanted says so itself.
+  const bool may_change = (events & EPOLLOUT) != 0 || m.sends_end;
+  const AtScopeEnd watch_on([&] {
+    if (may_change) update_if_there(id);
+  });
   if ((events & EPOLLOUT) != 0) {
     flush(m);
     if (!is_there(id)) return;
