@@ -228,6 +228,24 @@ CommLoopId CommLoop::connect(const char* path, CommLoopHandler& handler,
                  [&] { return comm_socket_v4_connect_to(endpoint.get(), path); });
 }
 
+CommLoopId CommLoop::connect(comm_socket_v4* endpoint, const char* path, CommLoopHandler& handler,
+                             const CommLoopLimits& limits) {
+  if (comm_socket_v4_is_open(endpoint)) return invalid(), nobody;
+  if (fd() < 0) return internals_->refuse(), nobody;
+  int& epoll = comm_v4_internals::of(endpoint).loop_epoll;
+  epoll = fd();
+  CommLoopId id = nobody;
+  try {
+    if (comm_socket_v4_connect_to(endpoint, path) == 0) id = add(endpoint, handler, limits);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+  }
+  if (id != nobody) return id;
+  comm_socket_v4_close(endpoint);
+  epoll = -1;
+  return nobody;
+}
+
 CommLoopId CommLoop::adopt(int descriptor, CommLoopHandler& handler, const CommLoopLimits& limits) {
   CommEndpoint endpoint;
   const CommLoopId id = add_new(*this, endpoint, handler, limits, [&] {

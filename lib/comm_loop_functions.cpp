@@ -93,6 +93,11 @@ CommLoopId comm_socket_v4_loop_adopt(CommLoop* loop, int descriptor, CommLoopHan
                                      const CommLoopLimits* limits) {
   return loop->adopt(descriptor, *handler, limits_or_defaults(limits));
 }
+CommLoopId comm_socket_v4_loop_connect_endpoint(CommLoop* loop, comm_socket_v4* endpoint,
+                                                const char* path, CommLoopHandler* handler,
+                                                const CommLoopLimits* limits) {
+  return loop->connect(endpoint, path, *handler, limits_or_defaults(limits));
+}
 int comm_socket_v4_loop_remove(CommLoop* loop, CommLoopId id) { return loop->remove(id); }
 int comm_socket_v4_loop_stop_listening(CommLoop* loop, CommLoopId server) {
   return loop->stop_listening(server);

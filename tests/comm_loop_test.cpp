@@ -475,7 +475,15 @@ TEST_F(CommLoopTest, AConnectThatMeetsAFullQueueCompletesByItself) {
   serve();
   loop.pause(server);
   knock();
-  const CommLoopId own = loop.connect(address.c_str(), handler);
+  CommEndpoint prepared = make_endpoint();
+  prepared->log_mask = 2;
+  comm_socket_v4* const endpoint = prepared.get();
+  EXPECT_EQ(Outcome(0, ENOENT),
+            outcome([&] { return there(loop.connect(endpoint, "/does/not/exist", handler)); }));
+  const CommLoopId own = loop.connect(prepared.release(), address.c_str(), handler);
+  EXPECT_EQ(std::make_pair(endpoint, 2), std::make_pair(loop.endpoint(own), +endpoint->log_mask));
+  EXPECT_EQ(Outcome(0, EINVAL),
+            outcome([&] { return there(loop.connect(endpoint, address.c_str(), handler)); }));
   EXPECT_EQ("0", send(own)) << "is queued until then";
   EXPECT_EQ(Lines{}, quiet());
   loop.resume(server);

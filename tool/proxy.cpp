@@ -92,10 +92,8 @@ class Proxy : public PacketServer {
       const auto& receiver = *reinterpret_cast<ProxiedPeer*>(from->get_tag());
       return receiver.proxy.receive(receiver, Sender::server, *packet);
     });
-    // Without waiting: what is not connected at once is tried again later.
-    comm_socket_v4_set_connect_timeout_routine(server.get(), 1);
-    comm_socket_v4_connect_to(server.get(), settings_.server_path.c_str());
-    if (server->socket_open()) peer.upstream = loop().add(server.get(), peer, upstream_limits());
+    peer.upstream =
+        loop().connect(server.get(), settings_.server_path.c_str(), peer, upstream_limits());
     if (!ServingLoop::is_member(peer.upstream))
       return on_server_gone(peer, comm_loop_failed, errno);
     static_cast<void>(server.release());

@@ -202,6 +202,11 @@ class COMM_V4_EXPORT CommLoop {
                      const CommLoopLimits& limits = CommLoopLimits());
   CommLoopId adopt(int descriptor, CommLoopHandler& handler,
                    const CommLoopLimits& limits = CommLoopLimits());
+  // connect on a closed endpoint, whose settings stay, those of add excepted; its timeouts are not
+  // looked at. The loop owns it from then on; when it fails it is still the caller's, and closed.
+  // Errno also EINVAL for an open one, which stays as it is.
+  CommLoopId connect(comm_socket_v4* endpoint, const char* path, CommLoopHandler& handler,
+                     const CommLoopLimits& limits = CommLoopLimits());
   // Removes a member at once, and calls no handler for it any more: closes a server with all its
   // clients, a connection, ends the watching of a descriptor, cancels a timer.
   // Returns 0; -1 when it has gone; errno ENOENT.
@@ -330,6 +335,11 @@ COMM_V4_EXPORT CommLoopId comm_socket_v4_loop_connect(CommLoop* loop, const char
 COMM_V4_EXPORT CommLoopId comm_socket_v4_loop_adopt(CommLoop* loop, int descriptor,
                                                     CommLoopHandler* handler,
                                                     const CommLoopLimits* limits);
+COMM_V4_EXPORT CommLoopId comm_socket_v4_loop_connect_endpoint(CommLoop* loop,
+                                                               comm_socket_v4* endpoint,
+                                                               const char* path,
+                                                               CommLoopHandler* handler,
+                                                               const CommLoopLimits* limits);
 COMM_V4_EXPORT int comm_socket_v4_loop_remove(CommLoop* loop, CommLoopId id);
 COMM_V4_EXPORT int comm_socket_v4_loop_stop_listening(CommLoop* loop, CommLoopId server);
 COMM_V4_EXPORT comm_socket_v4* comm_socket_v4_loop_get_endpoint(const CommLoop* loop,
