@@ -17,7 +17,7 @@ namespace {
 constexpr std::size_t most_packets = 4;
 constexpr std::size_t most_entries = 64;  // that the storage of a packet has room for
 constexpr std::size_t most_buffers = 2;
-constexpr std::size_t largest_buffer = 80 * 1024;
+constexpr std::size_t largest_buffer = 81920;
 constexpr std::size_t smallest_buffer = 1025;  // the allocator has smaller ones at hand
 
 constexpr int write_state_spare = INT_MIN;
@@ -88,9 +88,10 @@ bool is_kept_size(std::size_t size) { return size >= smallest_buffer && size <= 
 
 template <class Entry>
 std::vector<Entry> storage_of(std::vector<Entry>& entries) noexcept {
-  if (entries.capacity() > most_entries) return {};
-  entries.clear();
-  return std::move(entries);
+  std::vector<Entry> storage;
+  if (entries.capacity() <= most_entries) storage.swap(entries);
+  storage.clear();
+  return storage;
 }
 
 }  // namespace
@@ -132,16 +133,16 @@ unsigned char* spare_packets::allocate_buffer(std::size_t size) noexcept {
 }
 
 void spare_packets::free_buffer(unsigned char* buffer, std::size_t size) noexcept {
-  Buffer leaves = {buffer, size};
   if (buffer != nullptr && is_kept_size(size) && may_keep(spares)) {
     // The eldest leaves, unless there is a free place.
     for (Buffer& kept : spares.buffers) {
-      std::swap(kept, leaves);
-      if (leaves.bytes == nullptr) return;
+      std::swap(kept.bytes, buffer);
+      std::swap(kept.size, size);
+      if (buffer == nullptr) return;
     }
   }
   ErrnoGuard keep_errno;
-  std::free(leaves.bytes);
+  std::free(buffer);
 }
 
 void comm_socket_v4_packet_keep_spares(int keep) {

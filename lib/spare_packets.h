@@ -8,16 +8,22 @@
 
 #include <cstddef>
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define COMM_V4_IS_SANITIZED
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
+    __has_feature(memory_sanitizer)
+#define COMM_V4_IS_SANITIZED
+#endif
+#endif
+
 namespace spare_packets {
 
-// A sanitizer of memory could not tell a packet from the one before it: there every one is new.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// A sanitizer could not tell a packet from the one before it: there every one is new.
+#ifdef COMM_V4_IS_SANITIZED
 constexpr bool are_kept = false;
-#elif !defined(__has_feature)
-constexpr bool are_kept = true;
 #else
-constexpr bool are_kept = !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer) &&
-                          !__has_feature(memory_sanitizer);
+constexpr bool are_kept = true;
 #endif
 
 // A packet as it is created; null when there is none.
