@@ -85,6 +85,7 @@ comm_socket_v4_packet* comm_socket_v4_blocking_answer_to(CommClient* client, std
 comm_socket_v4_packet* comm_socket_v4_blocking_next(CommClient* client, std::uint64_t timeout_us) {
   return packet_or_null([&] { return client->next(duration(timeout_us)); });
 }
+void comm_socket_v4_blocking_give_up(CommClient* client, std::uint64_t id) { client->give_up(id); }
 std::uint64_t comm_socket_v4_blocking_next_id(CommClient* client) { return client->next_id(); }
 void comm_socket_v4_blocking_keep_at_most(CommClient* client, std::size_t packets) {
   client->keep_at_most(packets);

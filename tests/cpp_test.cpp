@@ -320,7 +320,12 @@ TEST_F(ClientTest, DropsAnswersThatCameTooLate) {
   answer(1, "late", CommMultipart::last);
   answer(1, "again");
   answer(3, "third");
+  answer(8, "fourth", CommMultipart::first);
   EXPECT_EQ("third", said(client.call(request(), 10s)));
+  client.give_up(8);
+  answer(8, "fourth", CommMultipart::last);
+  answer(8, "again");
+  EXPECT_EQ("again", said(client.answer_to(8, 10s)));
   EXPECT_EQ("again ETIMEDOUT", rest());
 }
 

@@ -679,6 +679,9 @@ class CommClient {
   // were sent with an id of next_id(), several at a time perhaps, and for further parts.
   // Returns it; null; errno ETIMEDOUT, ENOBUFS, ENOMEM, ENOTCONN, or that of the receive.
   CommPacket answer_to(std::uint64_t id, std::chrono::microseconds timeout);
+  // Drops the response with this message id that was kept, and what of it still comes, up to the
+  // last of a series. A call that fails does so by itself; for who waits by answer_to.
+  void give_up(std::uint64_t id) noexcept;
   // Returns the oldest packet that was kept, else the next that comes; null; errno ETIMEDOUT,
   // ENOMEM, ENOTCONN, or that of the receive.
   CommPacket next(std::chrono::microseconds timeout);
@@ -724,7 +727,6 @@ class CommClient {
   bool wait(short events, unsigned long deadline) const noexcept;
   bool read(CommPacket& packet);
   bool keep(CommPacket packet) noexcept;
-  void give_up(std::uint64_t id) noexcept;
   bool is_too_late(const comm_socket_v4_packet& p) noexcept;
 
   CommEndpoint endpoint_;
@@ -1178,11 +1180,14 @@ inline bool CommClient::keep(CommPacket packet) noexcept {
   }
 }
 
+// The oldest id is the lowest, unless somebody makes his own.
 inline void CommClient::give_up(std::uint64_t id) noexcept {
   const int error = errno;
   if (given_up_.size() >= most_given_up) given_up_.erase(given_up_.begin());
   try {
-    given_up_.push_back(id);
+    const auto place = std::lower_bound(given_up_.begin(), given_up_.end(), id);
+    if (place == given_up_.end() || *place != id) given_up_.insert(place, id);
+    kept_.remove_if([this](const CommPacket& p) { return is_too_late(*p); });
   } catch (const std::bad_alloc&) {  // Its answer will be kept like any other.
   }
   errno = error;
