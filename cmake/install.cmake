@@ -28,6 +28,11 @@ configure_file(cmake/libtarn_utils_v4_comm.pc.in libtarn_utils_v4_comm.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libtarn_utils_v4_comm.pc
   DESTINATION ${pkgconfig_dir})
 
+# The same on every machine: modules are found there by Debian's python3, and below another prefix
+# with PYTHONPATH.
+install(DIRECTORY python/tarn_comm DESTINATION lib/python3/dist-packages COMPONENT python
+  PATTERN __pycache__ EXCLUDE)
+
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES docs/guide.md docs/performance.md docs/wire-format.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs)

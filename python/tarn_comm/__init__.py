@@ -1,0 +1,53 @@
+"""Message channels between processes of one host: libtarn_utils_v4_comm for Python 3.9 and later.
+
+A client that waits for its answers:
+
+    with tarn_comm.Client("hello.socket", timeout=5) as server:
+        answer = server.call("greet", "world")
+        print(answer.args[0])
+
+A server, with one coroutine for each client, and a client of asyncio:
+
+    async def greet(client):
+        async for request in client:
+            await client.send(request.answer(f"Hello, {request.args[0]}!"))
+
+    asyncio.run(tarn_comm.serve("hello.socket", greet))
+
+    async with tarn_comm.connect("hello.socket") as server:
+        answer = await server.call("greet", "world")
+
+What each class does is said where it stands: Packet in packet.py, Client in client.py, connect,
+serve, Server and Connection in aio.py, Descriptor in descriptor.py. For all of them:
+
+- Times are in seconds, None waits for ever.
+- Addresses are paths, with a leading "@" abstract names, or a connected socket of the type
+  SOCK_SEQPACKET, such as an end of socket.socketpair(), which is taken over.
+- Text is str, and UTF-8 in the packet. Bytes of a peer that are none come as surrogates
+  (os.fsdecode does so, too), and go out as they came.
+- Failures are OSError with an errno. Of its subclasses PacketError says what a packet cannot hold,
+  TimeoutError that the time was over, Disconnected that the peer has ended the connection; those of
+  Python for ECONNREFUSED, EPIPE and so on come, too. A failure of what is sent as a packet (its
+  error_code) is none. What has the wrong type is a TypeError, a number beyond 64 bits an
+  OverflowError. What is closed is used no more: every call fails with ENOTCONN.
+- Threads: a Packet that is complete may be read by any; a Client is used by one at a time, and says
+  RuntimeError to a second; what belongs to asyncio is used by the thread of its event loop only,
+  and says RuntimeError elsewhere. Nothing here starts a thread.
+- Fork: a child may use no connection or server of its parent. It may drop them, which does nothing
+  to the parent.
+- The library logs to standard error; `log` is "normal", "debug" or "quiet".
+
+The shared library libtarn_utils_v4_comm.so.1 is looked for where the dynamic linker does.
+"""
+from .aio import Connection, Limits, Server, connect, serve
+from .client import Client
+from .descriptor import Descriptor
+from .errors import Disconnected, PacketError, Reason
+from .packet import (Argument, FourCC, Json, Multipart, Packet, Pairs, PairValue, UInt64, Value)
+from .peer import Peer
+
+__all__ = [
+    "Argument", "Client", "Connection", "Descriptor", "Disconnected", "FourCC", "Json", "Limits",
+    "Multipart", "Packet", "PacketError", "PairValue", "Pairs", "Peer", "Reason", "Server",
+    "UInt64", "Value", "connect", "serve"
+]
