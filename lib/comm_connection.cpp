@@ -231,20 +231,16 @@ int create_server_socket(comm_socket_v4* c) {
                          "you I'd remove that hack!)");
     return -1;
   }
-  if (open_server_socket(c) != 0) {
-    comm_socket_v4_close(c);
-    return -1;
-  }
+  if (open_server_socket(c) != 0) return -1;
   comm_socket_v4_client_disconnect_list_clear(c);
   return 0;
 }
 
+// Leaves errno alone where it can be asked for.
 bool has_option(int fd, int option, int wanted) {
   int value;
   socklen_t length = sizeof(value);
-  if (::getsockopt(fd, SOL_SOCKET, option, &value, &length) != 0) return false;
-  errno = EINVAL;
-  return value == wanted;
+  return ::getsockopt(fd, SOL_SOCKET, option, &value, &length) == 0 && value == wanted;
 }
 
 bool is_server_socket(int fd) {

@@ -75,10 +75,17 @@ TEST_F(ServerSocketTest, AnAbstractNameLeavesFilesAlone) {
     std::ofstream(name) << "text";
     fs::permissions(name, fs::perms(0600));
     const CommEndpoint c = make_endpoint();
+    comm_socket_v4_set_socket_mode(c.get(), 0640);  // without a meaning
     EXPECT_EQ(0, create(c, name));
     expect_refused(name, EADDRINUSE, {says + "cannot bind, Address already in use\n"});
     comm_socket_v4_close(c.get());
     EXPECT_EQ(fs::perms(0600), fs::status(name).permissions());
+    // And a file of such a name is none.
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    const sockaddr_un file = {AF_UNIX, "@file"};
+    EXPECT_EQ(0, bind(fd, reinterpret_cast<const sockaddr*>(&file), sizeof file) + listen(fd, 1));
+    EXPECT_EQ(0, comm_socket_v4_use_server_socket(c.get(), fd));
+    EXPECT_EQ("./@file", c->socket_path);
   });
 }
 

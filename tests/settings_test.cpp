@@ -114,6 +114,11 @@ TEST_F(SettingsTest, AServerHasItsAccessAndItsQueueBeforeAnybodyCanConnect) {
   });
   EXPECT_EQ("-1 ESTALE", faults.during(create_again));
   EXPECT_EQ(cannot + "Stale file handle\n" + failed, log());
+  fs::remove(path());
+  comm_socket_v4_set_socket_mode(&s, 0666);
+  comm_socket_v4_set_socket_group(&s, static_cast<gid_t>(-1));
+  EXPECT_EQ("-1 EMFILE", failing(Call::open, EMFILE, create_again, 2)) << "by default, too";
+  EXPECT_EQ(cannot + "Too many open files\n" + failed, log());
 }
 
 TEST_F(SettingsTest, AServerThatStopsListeningServesItsClientsOn) {
