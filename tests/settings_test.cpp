@@ -267,7 +267,9 @@ TEST_F(SettingsTest, AnAcceptWithAReserveSurvivesALackOfDescriptors) {
   EXPECT_EQ("-1 EMFILE", failing(Call::open, EMFILE, [&] { return reserve(1); }));
   const std::string warning =
       "WARNING: accept_connection() no descriptors left, closing new connections\n";
+  const int kept = static_cast<int>(lowest_free_descriptor());
   EXPECT_EQ("0", reserve(1));
+  EXPECT_EQ(FD_CLOEXEC, fcntl(kept, F_GETFD));
   for (int round = 0; round < 2; ++round) {
     Faults counted;
     EXPECT_EQ(Outcome(0, EAGAIN), counted.during(accept_without_any)) << "nobody waits";
