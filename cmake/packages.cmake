@@ -1,5 +1,5 @@
-# What `cpack` makes: Debian packages of the library, of what programs are built with, and of the
-# tool. Configure with the preset `package` before, which puts files where Debian has them.
+# What `cpack` makes: Debian packages of the library, of what programs are built with, of the Python
+# package, and of the tool. Configure with the preset `package` before, which puts files where Debian has them.
 #
 # A package is a component of install(), listed here with name, section and description. What every
 # package has beside its files (change log, copyright, compressed pages) comes from
@@ -13,7 +13,7 @@ set(COMM_PACKAGE_CONTACT
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "${COMM_PACKAGE_CONTACT}")
-set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_COMPONENTS_ALL runtime development python)
 if(COMM_BUILD_TOOL)
   list(APPEND CPACK_COMPONENTS_ALL tool)
 endif()
@@ -53,6 +53,20 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VE
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
   "This package holds the headers, the static library, the documents, the
 manual pages, examples, and what CMake and pkg-config need to find them.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-tarn-comm)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+  "python3:any (>= 3.9), ${library_package} (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_SOURCE_DIR}/cmake/debian/python/postinst
+  ${PROJECT_SOURCE_DIR}/cmake/debian/python/prerm)
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION
+  "This package holds the Python package tarn_comm: packets that read and
+write like Python objects, a blocking client, and connections and servers of
+asyncio.")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME tarn-comm)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
