@@ -64,6 +64,7 @@ enum class Fate { is_killed, goes_on };
 inline pid_t start_program(const std::vector<std::string>& words, const std::vector<int>& keep,
                            Fate fate) {
   std::vector<char*> pointers;
+  pointers.reserve(words.size() + 1);
   for (const std::string& word : words) pointers.push_back(const_cast<char*>(word.c_str()));
   pointers.push_back(nullptr);
   const pid_t parent = ::getpid();
