@@ -9,7 +9,6 @@
 #include <tarn_utils_v4/comm_loop.h>
 
 #include <algorithm>
-#include <list>
 #include <unordered_map>
 
 #include "../processes.h"
