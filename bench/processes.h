@@ -43,6 +43,7 @@ class Worker {
   Worker(int core, const std::function<Runner()>& prepare);
   void start(std::size_t count);
   void finish();
+  double processor_seconds() const { return child_.processor_seconds(); }
 
  private:
   void work(const Runner& run);

@@ -17,8 +17,12 @@ struct Stream {
   bool with_descriptor = false;
   DataFrom data_from = DataFrom::memory;
 };
-// It ends with the last copy of the runner.
-Runner raw_stream(const Stream& what, raw::Calls calls);
-Runner library_stream(const Stream& what);
+// It ends with the last copy of a member.
+struct StreamRunner {
+  Runner run;
+  Clock processors;  // the processor time of both processes
+};
+StreamRunner raw_stream(const Stream& what, raw::Calls calls);
+StreamRunner library_stream(const Stream& what);
 
 #endif
