@@ -12,7 +12,7 @@ import pytest
 from conftest import ROOT, soon
 
 import tarn_comm
-from tarn_comm import Disconnected, Limits, Packet, Server, connect
+from tarn_comm import Client, Disconnected, Limits, Packet, Server, connect
 
 
 async def echo(client):
@@ -90,6 +90,14 @@ def test_answers_find_their_calls(path):
             assert [answer.args for answer in answers] == [(1,), (2,)]
             # What was cancelled is answered in vain, once.
             assert [(await connection.next()).args for _ in range(2)] == [(), ("again",)]
+            # An answer that comes in the moment of a cancellation is not lost.
+            waiting = asyncio.ensure_future(connection.answer_to(77))
+            await asyncio.sleep(0)
+            connection._on_packet(Packet("ask", 77, request=False, message_id=77))
+            waiting.cancel()
+            with pytest.raises(asyncio.CancelledError):
+                await waiting
+            assert (await connection.answer_to(77)).args == (77,)
             request = await connection.next()
             await connection.send(request.answer(2))
             assert [packet async for packet in connection] == []
@@ -370,11 +378,16 @@ asyncio.run(main())
 
 def test_a_thousand_clients_leave_nothing(path):
     async def test(server):
+        def ask():
+            with Client(path, timeout=60) as client:
+                client.call("ask", 1, data=b"x").data.release()
+
         async def some(count):
             for i in range(count):
                 async with connect(path) as connection:
                     answer = await connection.call("ask", i, pairs={"n": [1]}, data=b"x")
                     assert answer.args == (i,) and answer.pairs["n"] == [1] and answer.data == b"x"
+                await in_thread(ask)
             await soon(lambda: not server.clients)
             gc.collect()
             return (len(os.listdir("/proc/self/fd")), len(gc.get_objects()),
