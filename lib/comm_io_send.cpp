@@ -116,6 +116,7 @@ int send_packet(const SendSide& side, comm_socket_v4_packet& p) {
   }
   // A CommLoop passes received packets on as they are.
   const bool is_passed_on = p.write_state == comm_socket_v4_packet::write_state_received &&
+                            side.endpoint != nullptr &&
                             comm_v4_internals::of(side.endpoint).in_loop();
   if (p.write_state == comm_socket_v4_packet::write_state_end || is_passed_on)
     return send_bytes(side, side.fd(), p);

@@ -10,7 +10,6 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
-#include <iterator>
 #include <new>
 
 #include "lib/at_scope_end.h"
@@ -93,23 +92,29 @@ int comm_v4_loop::dispatch(unsigned long deadline_us) {
     errno = EBUSY;
     return -1;
   }
-  struct epoll_event ready[64];
-  const int count =
-      ::epoll_wait(epoll.get(), ready, std::size(ready), milliseconds_until(deadline_us));
-  if (count < 0) return errno == EINTR ? 0 : -1;
-  if (count == 0) return 0;
+  // What is left of a turn comes before the next one, in which who throws would come first again.
+  const bool goes_on = in_turn && (next_ready < ready_count || first_to_settle != nullptr);
+  if (!goes_on) {
+    const int count = ::epoll_wait(epoll.get(), ready, most_ready, milliseconds_until(deadline_us));
+    if (count < 0) return errno == EINTR ? 0 : -1;
+    if (count == 0) return 0;
+    next_ready = 0;
+    ready_count = count;
+    in_turn = true;
+  }
   now = monotonic_clock_us();
   dispatching = true;
   const AtScopeEnd end_turn([this] {
     dispatching = false;
     if (first_to_settle != nullptr) wake();
   });
-  // What is not handled, since a handler throws, is ready again.
-  for (int i = 0; i < count; ++i) {
-    if (i + 1 < count) fetch_ahead(ready[i + 1].data.u64);
-    handle(ready[i].data.u64, ready[i].events);
+  while (next_ready < ready_count) {
+    const struct epoll_event event = ready[next_ready++];
+    if (next_ready < ready_count) fetch_ahead(ready[next_ready].data.u64);
+    handle(event.data.u64, event.events);
   }
   settle_members();
+  in_turn = false;
   return 1;
 }
 
@@ -155,7 +160,7 @@ void comm_v4_loop::run_times() {
 
 // Those that wait by now; who comes meanwhile is settled in the next turn.
 void comm_v4_loop::settle_members() {
-  last_of_turn = last_to_settle;
+  if (last_of_turn == nullptr) last_of_turn = last_to_settle;
   while (last_of_turn != nullptr) {
     LoopMember& m = *first_to_settle;
     stop_settling(m);
@@ -172,7 +177,7 @@ int CommLoop::fd() const { return internals_->epoll.get(); }
 int CommLoop::dispatch(unsigned long deadline_us) { return internals_->dispatch(deadline_us); }
 
 int CommLoop::run() {
-  if (internals_->dispatching) return internals_->dispatch(0);
+  if (internals_->dispatching || fd() < 0) return internals_->dispatch(0);
   while (!internals_->stopped.exchange(false))
     if (internals_->dispatch(ULONG_MAX) < 0) return -1;
   return 0;
@@ -198,6 +203,7 @@ namespace {
 template <class Open>
 CommLoopId add_new(CommLoop& loop, CommEndpoint& endpoint, CommLoopHandler& handler,
                    const CommLoopLimits& limits, const Open& open) {
+  if (loop.fd() < 0) return loop.add(nullptr, handler, limits);  // It fails, and says why.
   try {
     endpoint.reset(comm_socket_v4_create());
     if (endpoint == nullptr) throw std::bad_alloc();
@@ -230,7 +236,7 @@ CommLoopId CommLoop::connect(const char* path, CommLoopHandler& handler,
 
 CommLoopId CommLoop::connect(comm_socket_v4* endpoint, const char* path, CommLoopHandler& handler,
                              const CommLoopLimits& limits) {
-  if (comm_socket_v4_is_open(endpoint)) return invalid(), nobody;
+  if (endpoint == nullptr || comm_socket_v4_is_open(endpoint)) return invalid(), nobody;
   if (fd() < 0) return internals_->refuse(), nobody;
   int& epoll = comm_v4_internals::of(endpoint).loop_epoll;
   epoll = fd();

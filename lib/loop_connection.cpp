@@ -39,9 +39,13 @@ void close(LoopMember& m) {
     comm_socket_v4_close(m.home->endpoint.get());
     return;
   }
+  release(*record(m));
+}
+
+void release(comm_socket_v4_client& client) {
   // The loop knows by itself who is to be released.
-  comm_socket_v4_client_disconnect_list_clear(m.home->endpoint.get());
-  comm_socket_v4_free_client(record(m));
+  comm_socket_v4_client_disconnect_list_clear(client.server);
+  comm_socket_v4_free_client(&client);
 }
 
 }  // namespace loop_connection

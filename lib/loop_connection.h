@@ -52,6 +52,7 @@ int end_sending(const LoopMember& m);
 // Ends the connection for the peer, too, whoever else has a copy of the descriptor. What was sent
 // to it can still be read.
 void close(LoopMember& m);
+void release(comm_socket_v4_client& client);
 
 }  // namespace loop_connection
 

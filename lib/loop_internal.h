@@ -2,6 +2,7 @@
 #ifndef TARN_LIB_LOOP_INTERNAL_H
 #define TARN_LIB_LOOP_INTERNAL_H
 
+#include <sys/epoll.h>
 #include <sys/types.h>
 #include <tarn_utils_v4/comm_cpp.h>
 #include <tarn_utils_v4/comm_loop.h>
@@ -79,6 +80,11 @@ struct comm_v4_loop {
   std::atomic<bool> stopped = false;
   bool dispatching = false;
   std::uint64_t now = 0;
+  static constexpr int most_ready = 64;
+  struct epoll_event ready[most_ready];  // in this turn
+  int ready_count = 0;
+  int next_ready = 0;    // to be handled
+  bool in_turn = false;  // which a handler may have left by what it threw
 
   std::vector<std::unique_ptr<LoopMember>> members;  // by slot
   std::vector<std::uint64_t> free_slots;

@@ -85,6 +85,10 @@ bool comm_v4_loop::watch_endpoint(LoopMember& m, comm_socket_v4* endpoint) noexc
 void comm_v4_loop::adopt_clients(LoopMember& server) {
   for (comm_socket_v4_client& client : server.home->endpoint->client) {
     if (client.client_fd < 0) continue;
+    if (!client.client_is_open()) {
+      loop_connection::release(client);
+      continue;
+    }
     LoopMember* const m = add_client(server, client);
     if (m == nullptr) continue;
     m->since = monotonic_clock_us();
@@ -156,8 +160,7 @@ LoopMember* comm_v4_loop::add_client(LoopMember& server, comm_socket_v4_client& 
     reason = &counters.turned_away_failed;
   if (reason != nullptr) {
     ++*reason;
-    comm_socket_v4_client_disconnect_list_clear(server.home->endpoint.get());
-    comm_socket_v4_free_client(&client);
+    loop_connection::release(client);
     return nullptr;
   }
   LoopMember* const m = create(LoopKind::client, *server.handler, server.home);
@@ -201,6 +204,7 @@ void comm_v4_loop::try_to_connect(LoopMember& m) {
 
 void comm_v4_loop::on_connection_events(LoopMember& m, std::uint32_t events) {
   if (m.connecting) return try_to_connect(m);
+  if (!m.announced) return;  // on_connect comes first, at the end of the turn.
   const CommLoopId id = m.id;
   if ((events & EPOLLRDHUP) != 0) m.sends_end = true;
   if ((events & (EPOLLHUP | EPOLLERR)) != 0 && !m.queue.empty()) {
@@ -509,11 +513,13 @@ void comm_v4_loop::on_due(LoopMember& m) {
     if (!is_there(id)) return;
     if (patience_until(m) > now) return update_due(m);
   }
-  const bool was_silent = !m.has_sent_a_packet && m.home->limits.first_packet_us != 0;
+  const CommLoopLimits& limits = m.home->limits;
+  const bool first_is_late = !m.has_sent_a_packet && limits.first_packet_us != 0 &&
+                             (limits.idle_us == 0 || limits.first_packet_us <= limits.idle_us);
   leave(m,
-        m.finishing  ? comm_loop_not_finished
-        : was_silent ? comm_loop_no_first
-                     : comm_loop_idle,
+        m.finishing     ? comm_loop_not_finished
+        : first_is_late ? comm_loop_no_first
+                        : comm_loop_idle,
         0);
 }
 

@@ -425,7 +425,7 @@ TEST_F(CommLoopTest, WhoTakesTooLongIsEnded) {
   join();
   EXPECT_EQ((Lines{"0 connect", "0 no first"}), until("0 no first"));
   loop.remove(first);
-  limits.first_packet_us = 0;
+  limits.first_packet_us = 60000000;
   limits.idle_us = 20000;
   serve();
   comm_socket_v4* const c = join();
@@ -653,9 +653,10 @@ TEST_F(CommLoopTest, WhatAHandlerThrowsComesOutAndTheLoopGoesOn) {
   comm_socket_v4* const slow = join();
   comm_socket_v4* const other = join();
   handler.told.clear();
-  send_from(slow);
+  for (int i = 0; i < 3; ++i) send_from(slow);
   send_from(other);
-  EXPECT_EQ((Lines{"1 ping", "2 ping"}), quiet_in_spite());
+  EXPECT_EQ((Lines{"1 ping", "2 ping", "1 ping", "1 ping"}), quiet_in_spite())
+      << "who throws all the time takes no turn of another";
   for (int sent = fill(peer(1)); sent > 0; --sent) EXPECT_NE(nullptr, retrieve(slow));
   EXPECT_EQ(Lines{"1 room"}, quiet_in_spite());
   clients.clear();
@@ -717,14 +718,27 @@ TEST_F(CommLoopTest, TakesOverWhatIsOpen) {
   comm_socket_v4_idle(s.get());
   comm_socket_v4_idle(s.get());
   EXPECT_NE(nullptr, s->client[index].next_packet);
+  auto [given_up, other] = ::join(s.get());
+  comm_socket_v4_disconnect_client(&s->client[other]);
   const CommEndpoint closed = make_endpoint();
   EXPECT_EQ(Outcome(0, EINVAL), outcome([&] { return there(loop.add(closed.get(), handler)); }));
   handler.connect_hook = [&](CommLoopId id) { return loop.pause(id) == 0; };
   limits.idle_us = 60000000;
   EXPECT_NE(0u, loop.add(s.release(), handler, limits).generation);
   EXPECT_EQ(Lines{"0 connect"}, quiet());
+  EXPECT_EQ(nullptr, retrieve(given_up.get()));
+  EXPECT_EQ(0, comm_socket_v4_is_open(given_up.get()));
   loop.resume(peer());
   EXPECT_EQ(Lines{"0 ping"}, quiet());
+
+  int pair[2];
+  ASSERT_EQ(0, comm_socket_v4_make_socketpair(pair));
+  const CommDescriptor theirs(pair[1]);
+  const CommLoopId own = loop.adopt(pair[0], handler);
+  while (send(own) == "1") continue;
+  while (recv(theirs.get(), nullptr, 0, MSG_DONTWAIT | MSG_TRUNC) > 0) continue;
+  handler.connect_hook = [](CommLoopId) { return true; };
+  EXPECT_EQ((Lines{"1 connect", "1 room"}), quiet()) << "in this order";
 }
 
 }  // namespace

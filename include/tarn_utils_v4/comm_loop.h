@@ -188,9 +188,10 @@ class COMM_V4_EXPORT CommLoop {
   //
   // An open endpoint, which the loop owns from then on; when it fails it is still the caller's. The
   // limits replace what comm_socket_v4_set_max_descriptors and _set_descriptor_reserve set. Clients
-  // that a server has already are reported by on_connect, like a connection that is complete.
-  // Errno EINVAL for a closed endpoint and for more descriptors_per_packet than
-  // COMM_V4_MAX_SEND_FDS, ENOMEM, or that of timerfd_create(2) or epoll_ctl(2).
+  // that a server has already are reported by on_connect, like a connection that is complete; those
+  // that it has disconnected are released. Errno EINVAL for a closed endpoint and for more
+  // descriptors_per_packet than COMM_V4_MAX_SEND_FDS, ENOMEM, or that of timerfd_create(2) or
+  // epoll_ctl(2).
   CommLoopId add(comm_socket_v4* endpoint, CommLoopHandler& handler,
                  const CommLoopLimits& limits = CommLoopLimits());
   // comm_socket_v4_create_server, comm_socket_v4_connect_to and
@@ -204,7 +205,7 @@ class COMM_V4_EXPORT CommLoop {
                    const CommLoopLimits& limits = CommLoopLimits());
   // connect on a closed endpoint, whose settings stay, those of add excepted; its timeouts are not
   // looked at. The loop owns it from then on; when it fails it is still the caller's, and closed.
-  // Errno also EINVAL for an open one, which stays as it is.
+  // Errno also EINVAL for null, and for an open one, which stays as it is.
   CommLoopId connect(comm_socket_v4* endpoint, const char* path, CommLoopHandler& handler,
                      const CommLoopLimits& limits = CommLoopLimits());
   // Removes a member at once, and calls no handler for it any more: closes a server with all its
