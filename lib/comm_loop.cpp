@@ -218,6 +218,17 @@ CommLoopId add_new(CommLoop& loop, CommEndpoint& endpoint, CommLoopHandler& hand
   return id;
 }
 
+// Without a path connect_to has no errno of its own, and so without a socket use_socketpair.
+int connect_endpoint(comm_socket_v4* endpoint, const char* path) {
+  errno = EINVAL;
+  return comm_socket_v4_connect_to(endpoint, path);
+}
+
+int use_descriptor(comm_socket_v4* endpoint, int fd) {
+  errno = fd < 0 ? EBADF : ENOTSOCK;
+  return comm_socket_v4_connect_use_socketpair(endpoint, fd);
+}
+
 }  // namespace
 
 CommLoopId CommLoop::serve(const char* path, CommLoopHandler& handler,
@@ -231,7 +242,7 @@ CommLoopId CommLoop::connect(const char* path, CommLoopHandler& handler,
                              const CommLoopLimits& limits) {
   CommEndpoint endpoint;
   return add_new(*this, endpoint, handler, limits,
-                 [&] { return comm_socket_v4_connect_to(endpoint.get(), path); });
+                 [&] { return connect_endpoint(endpoint.get(), path); });
 }
 
 CommLoopId CommLoop::connect(comm_socket_v4* endpoint, const char* path, CommLoopHandler& handler,
@@ -242,7 +253,7 @@ CommLoopId CommLoop::connect(comm_socket_v4* endpoint, const char* path, CommLoo
   epoll = fd();
   CommLoopId id = nobody;
   try {
-    if (comm_socket_v4_connect_to(endpoint, path) == 0) id = add(endpoint, handler, limits);
+    if (connect_endpoint(endpoint, path) == 0) id = add(endpoint, handler, limits);
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;
   }
@@ -254,9 +265,8 @@ CommLoopId CommLoop::connect(comm_socket_v4* endpoint, const char* path, CommLoo
 
 CommLoopId CommLoop::adopt(int descriptor, CommLoopHandler& handler, const CommLoopLimits& limits) {
   CommEndpoint endpoint;
-  const CommLoopId id = add_new(*this, endpoint, handler, limits, [&] {
-    return comm_socket_v4_connect_use_socketpair(endpoint.get(), descriptor);
-  });
+  const CommLoopId id = add_new(*this, endpoint, handler, limits,
+                                [&] { return use_descriptor(endpoint.get(), descriptor); });
   // It stays the caller's then.
   if (id == nobody && endpoint != nullptr) endpoint->socket_fd = -1;
   return id;

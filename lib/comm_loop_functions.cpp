@@ -11,7 +11,7 @@ class CallbackHandler final : public CommLoopHandler {
   explicit CallbackHandler(const CommLoopCallbacks& callbacks) : do_(callbacks) {}
 
   bool on_connect(CommLoop& loop, CommLoopId peer, const struct ucred& who) override {
-    return do_.on_connect == nullptr || do_.on_connect(do_.user, &loop, peer, &who) != 0;
+    return do_.on_connect == nullptr || do_.on_connect(do_.user, &loop, peer, &who) > 0;
   }
   void on_packet(CommLoop& loop, CommLoopId from, comm_socket_v4_packet* packet) override {
     if (do_.on_packet != nullptr) do_.on_packet(do_.user, &loop, from, packet);

@@ -722,6 +722,9 @@ TEST_F(CommLoopTest, TakesOverWhatIsOpen) {
   comm_socket_v4_disconnect_client(&s->client[other]);
   const CommEndpoint closed = make_endpoint();
   EXPECT_EQ(Outcome(0, EINVAL), outcome([&] { return there(loop.add(closed.get(), handler)); }));
+  EXPECT_EQ(Outcome(0, EINVAL), outcome([&] { return there(loop.connect("", handler)); }));
+  EXPECT_EQ(Outcome(0, EBADF), outcome([&] { return there(loop.adopt(-1, handler)); }));
+  EXPECT_EQ(Outcome(0, ENOTSOCK), outcome([&] { return there(loop.adopt(loop.fd(), handler)); }));
   handler.connect_hook = [&](CommLoopId id) { return loop.pause(id) == 0; };
   limits.idle_us = 60000000;
   EXPECT_NE(0u, loop.add(s.release(), handler, limits).generation);

@@ -157,7 +157,7 @@ TEST_F(FunctionsOfAServerTest, AQueueThrowsNothing) {
 // What each callback was told.
 struct Callbacks {
   Lines told;
-  CommLoopHandler* handler = nullptr;
+  int welcome = -1;
 
   static void tell(void* user, const char* what) {
     static_cast<Callbacks*>(user)->told.emplace_back(what);
@@ -167,7 +167,7 @@ struct Callbacks {
     all.user = this;
     all.on_connect = [](void* user, CommLoop*, CommLoopId, const ucred* who) {
       tell(user, who->pid == getpid() ? "connect" : "who?");
-      return 1;
+      return static_cast<Callbacks*>(user)->welcome;
     };
     all.on_packet = [](void* user, CommLoop* loop, CommLoopId from, comm_socket_v4_packet* p) {
       tell(user, p->command());
@@ -200,6 +200,11 @@ TEST_F(FunctionsTest, ALoopIsServedByCallbacksAndAskedByABlockingClient) {
   CommClient* const client = comm_socket_v4_blocking_create(nullptr);
   EXPECT_EQ(Outcome(-1, EINVAL),
             outcome([&] { return comm_socket_v4_blocking_connect(client, "", 0, 0); }));
+  ASSERT_EQ(0, comm_socket_v4_blocking_connect(client, address.c_str(), UINT64_MAX, 0));
+  while (here.told.empty()) comm_socket_v4_loop_dispatch(loop, ULONG_MAX);
+  EXPECT_EQ(Outcome(0, ENOTCONN),
+            outcome([&] { return comm_socket_v4_blocking_next(client, UINT64_MAX) != nullptr; }));
+  here = {{}, 1};
   ASSERT_EQ(0, comm_socket_v4_blocking_connect(client, address.c_str(), UINT64_MAX, 0));
   const CommPacket request = ping_packet();
   EXPECT_EQ(Outcome(0, ETIMEDOUT), outcome([&] {

@@ -195,8 +195,9 @@ class COMM_V4_EXPORT CommLoop {
   CommLoopId add(comm_socket_v4* endpoint, CommLoopHandler& handler,
                  const CommLoopLimits& limits = CommLoopLimits());
   // comm_socket_v4_create_server, comm_socket_v4_connect_to and
-  // comm_socket_v4_connect_use_socketpair on a new endpoint, with their errno. connect waits for
-  // nothing: it goes on by itself while the server's queue is full.
+  // comm_socket_v4_connect_use_socketpair on a new endpoint, with their errno, and EINVAL without a
+  // path, EBADF or ENOTSOCK for what is no socket. connect waits for nothing: it goes on by itself
+  // while the server's queue is full. adopt that fails leaves the descriptor to the caller.
   CommLoopId serve(const char* path, CommLoopHandler& handler,
                    const CommLoopLimits& limits = CommLoopLimits());
   CommLoopId connect(const char* path, CommLoopHandler& handler,
@@ -288,8 +289,8 @@ extern "C" {
 #endif
 
 // A handler in C: one function for each of CommLoopHandler, which says what it is told. `user` is
-// passed to all of them. A null pointer stands for a function that does nothing, on_connect for one
-// that says yes.
+// passed to all of them. on_connect says yes with a result above 0, and turns away with any other.
+// A null pointer stands for a function that does nothing, on_connect for one that says yes.
 typedef struct CommLoopCallbacks {
   void* user;
   int (*on_connect)(void* user, CommLoop* loop, CommLoopId peer, const struct ucred* who);
