@@ -487,6 +487,9 @@ TEST_F(ClientTest, AwaitsItsServer) {
   });
   ASSERT_TRUE(client.connect(late.c_str(), 100s, CommMissingServer::is_awaited));
   EXPECT_EQ("here", said(client.call(request(), CommClient::endless)));
+  Builder long_request = Builder::request("long");
+  const CommPacket nobody_takes = long_request.limit(65552).data(texts(65485)).finish();
+  EXPECT_EQ("EMSGSIZE", said(client.call(nobody_takes, 0s))) << nobody_takes->buffer_length;
 }
 
 }  // namespace

@@ -667,7 +667,8 @@ class CommClient {
   // read and kept, so that two who send to each other do not wait for ever.
   // Returns true when it is on its way; false and nothing was sent; errno ETIMEDOUT, ENOBUFS,
   // ENOTCONN, that of the receive, or of comm_socket_v4_packet_send_to_server; EINVAL for a packet
-  // that was never written; untouched for null, so that it is still that of the builder.
+  // that was never written; EMSGSIZE for one above COMM_V4_MAX_RECEIVED_PACKET, which the server
+  // would drop; untouched for null, so that it is still that of the builder.
   bool send(const CommPacket& packet, std::chrono::microseconds timeout);
   // Sends a request and waits for its answer: the first response with its message id. That id is
   // next_id(), whatever it was before. Further parts of a multipart answer come from answer_to(id)
@@ -1075,8 +1076,9 @@ inline bool CommClient::send(const CommPacket& packet, std::chrono::microseconds
 }
 
 inline bool CommClient::send_until(const CommPacket& packet, unsigned long deadline) {
-  if (packet->write_state == comm_socket_v4_packet::write_state_none) {
-    errno = EINVAL;
+  const bool is_too_long = packet->buffer_length > COMM_V4_MAX_RECEIVED_PACKET;
+  if (is_too_long || packet->write_state == comm_socket_v4_packet::write_state_none) {
+    errno = is_too_long ? EMSGSIZE : EINVAL;
     return false;
   }
   for (;;) {
