@@ -15,11 +15,27 @@ int comm_socket_v4_is_server(const comm_socket_v4* c) { return c->flags.server; 
 int comm_socket_v4_is_socketpair(const comm_socket_v4* c) { return c->flags.socketpair; }
 int comm_socket_v4_is_bound(const comm_socket_v4* c) { return c->flags.bound; }
 void comm_socket_v4_set_bound(comm_socket_v4* c, int on) { c->flags.bound = on > 0; }
+int comm_socket_v4_is_debug(const comm_socket_v4* c) { return c->flags.debug; }
 void comm_socket_v4_set_debug(comm_socket_v4* c, int on) { c->flags.debug = on > 0; }
+int comm_socket_v4_is_idle_enabled(const comm_socket_v4* c) { return c->flags.idle_enabled; }
 void comm_socket_v4_set_idle_enabled(comm_socket_v4* c, int on) { c->flags.idle_enabled = on > 0; }
+comm_socket_v4_packet* comm_socket_v4_get_next_packet(const comm_socket_v4* c) {
+  return c->next_packet;
+}
 void comm_socket_v4_set_recv_cb(comm_socket_v4* c,
                                 int (*cb)(comm_socket_v4*, comm_socket_v4_packet*)) {
   c->recv_cb = cb;
+}
+unsigned comm_socket_v4_get_log_mask(const comm_socket_v4* c) { return c->log_mask; }
+void comm_socket_v4_set_log_mask(comm_socket_v4* c, unsigned mask) { c->log_mask = mask & 15; }
+std::uint64_t comm_socket_v4_get_connect_timeout(const comm_socket_v4* c) {
+  return c->connect_timeout;
+}
+std::uint64_t comm_socket_v4_get_connect_timeout_routine(const comm_socket_v4* c) {
+  return c->connect_timeout_routine;
+}
+std::size_t comm_socket_v4_client_disconnect_list_count(const comm_socket_v4* c) {
+  return c->disconnect_list.size();
 }
 unsigned long comm_socket_v4_client_maximum_index(const comm_socket_v4* c) {
   return c->client_maximum_index();
@@ -54,6 +70,9 @@ comm_socket_v4_packet* comm_socket_v4_client_get_pending_response_packet(
 void comm_socket_v4_client_set_pending_response_packet(comm_socket_v4_client* c,
                                                        comm_socket_v4_packet* p) {
   c->pending_response_packet = p;
+}
+comm_socket_v4_packet* comm_socket_v4_client_get_next_packet(const comm_socket_v4_client* c) {
+  return c->next_packet;
 }
 void comm_socket_v4_client_set_recv_cb(comm_socket_v4_client* c,
                                        int (*cb)(comm_socket_v4_client*, comm_socket_v4_packet*)) {

@@ -5,6 +5,17 @@
 #include <cerrno>
 #include <new>
 
+namespace {
+
+comm_socket_v4_packet* take_oldest(CommLargePacketQueue& q) {
+  comm_socket_v4_packet* const oldest = q.queued_packets.front();
+  q.queued_packets.pop_front();
+  if (q.queued_count > 0) --q.queued_count;
+  return oldest;
+}
+
+}  // namespace
+
 CommLargePacketQueue::CommLargePacketQueue() : queued_count(0) {}
 
 CommLargePacketQueue::~CommLargePacketQueue() { dump_queued_packets(); }
@@ -27,11 +38,8 @@ int CommLargePacketQueue::send_packet(comm_socket_v4_client* c, comm_socket_v4_p
 
 void CommLargePacketQueue::flush_queued_packet(comm_socket_v4_client* c) {
   while (!queued_packets.empty()) {
-    comm_socket_v4_packet* const oldest = queued_packets.front();
-    if (comm_socket_v4_packet_send_to_client(c, oldest) <= 0) return;
-    queued_packets.pop_front();
-    if (queued_count > 0) --queued_count;
-    comm_socket_v4_packet_release(oldest);
+    if (comm_socket_v4_packet_send_to_client(c, queued_packets.front()) <= 0) return;
+    comm_socket_v4_packet_release(take_oldest(*this));
   }
 }
 
@@ -44,7 +52,9 @@ void CommLargePacketQueue::dump_queued_packets() {
 // --- The same as functions ----------------------------------------------------------------------
 
 CommLargePacketQueue* comm_socket_v4_queue_create() {
-  return new (std::nothrow) CommLargePacketQueue;
+  auto* const q = new (std::nothrow) CommLargePacketQueue;
+  if (q == nullptr) errno = ENOMEM;
+  return q;
 }
 void comm_socket_v4_queue_destroy(CommLargePacketQueue* q) { delete q; }
 
@@ -61,6 +71,9 @@ void comm_socket_v4_queue_flush_queued_packet(CommLargePacketQueue* q, comm_sock
   q->flush_queued_packet(c);
 }
 void comm_socket_v4_queue_dump_queued_packets(CommLargePacketQueue* q) { q->dump_queued_packets(); }
+comm_socket_v4_packet* comm_socket_v4_queue_take_oldest(CommLargePacketQueue* q) {
+  return q->queued_packets.empty() ? nullptr : take_oldest(*q);
+}
 std::uint64_t comm_socket_v4_queue_get_queued_count(const CommLargePacketQueue* q) {
   return q->queued_count;
 }

@@ -52,7 +52,9 @@ CommLoop* create_loop() {
 }  // namespace
 
 CommLoopHandler* comm_socket_v4_loop_handler_create(const CommLoopCallbacks* callbacks) {
-  return new (std::nothrow) CallbackHandler(*callbacks);
+  auto* const handler = new (std::nothrow) CallbackHandler(*callbacks);
+  if (handler == nullptr) errno = ENOMEM;
+  return handler;
 }
 void comm_socket_v4_loop_handler_destroy(CommLoopHandler* handler) { delete handler; }
 

@@ -282,7 +282,11 @@ std::uint64_t comm_socket_v4_packet_get_tag(const comm_socket_v4_packet* p) { re
 void comm_socket_v4_packet_set_tag(comm_socket_v4_packet* p, std::uint64_t value) {
   p->tag = value;
 }
+int comm_socket_v4_packet_get_refcount(const comm_socket_v4_packet* p) { return p->refcount; }
 int comm_socket_v4_packet_get_write_state(const comm_socket_v4_packet* p) { return p->write_state; }
+void comm_socket_v4_packet_set_write_state(comm_socket_v4_packet* p, int state) {
+  p->write_state = state;
+}
 const char* comm_socket_v4_packet_write_state_to_str(int state) {
   return comm_socket_v4_packet::write_state_to_str(state);
 }

@@ -31,6 +31,10 @@ TEST_F(FunctionsTest, ReachTheFieldsOfAPacket) {
   expect_field(p, 4ul, comm_socket_v4_packet_get_tag, comm_socket_v4_packet_set_tag, &Packet::tag);
   expect_field(p, 0xfffffff3u, comm_socket_v4_packet_get_flags, comm_socket_v4_packet_set_flags,
                &Packet::flags);
+  expect_field(p, 4, comm_socket_v4_packet_get_write_state, comm_socket_v4_packet_set_write_state,
+               &Packet::write_state);
+  comm_socket_v4_packet_set_write_state(p, comm_v4_write_state_header);
+  EXPECT_EQ(1, comm_socket_v4_packet_get_refcount(p));
   comm_socket_v4_packet_set_multipart(p, 4 | comm_v4_multipart_last);
   EXPECT_EQ(std::tuple(3u, 0xffffffffu),
             std::tuple(comm_socket_v4_packet_get_multipart(p), p->flags));
@@ -98,6 +102,18 @@ TEST_F(FunctionsOfAServerTest, ReachItsFieldsAndThoseOfARecord) {
                &comm_socket_v4_client::tag);
   expect_field(c, 3, comm_socket_v4_client_get_halt, comm_socket_v4_client_set_halt,
                &comm_socket_v4_client::halt);
+  s.connect_timeout = 3;
+  s.connect_timeout_routine = 4;
+  s.next_packet = make_packet().release();
+  c->next_packet = make_packet().release();
+  s.disconnect_list = {COMM_V4_NO_INDEX};
+  comm_socket_v4_set_log_mask(&s, 0xf9);
+  EXPECT_EQ(
+      std::tuple(3ul, 4ul, s.next_packet, c->next_packet, 1ul, 9u),
+      std::tuple(comm_socket_v4_get_connect_timeout(&s),
+                 comm_socket_v4_get_connect_timeout_routine(&s), comm_socket_v4_get_next_packet(&s),
+                 comm_socket_v4_client_get_next_packet(c),
+                 comm_socket_v4_client_disconnect_list_count(&s), comm_socket_v4_get_log_mask(&s)));
   const CommPacket pending = make_packet();
   expect_field(c, pending.get(), comm_socket_v4_client_get_pending_response_packet,
                comm_socket_v4_client_set_pending_response_packet,
@@ -112,8 +128,9 @@ TEST_F(FunctionsOfAServerTest, ReachItsFieldsAndThoseOfARecord) {
     comm_socket_v4_set_debug(&s, on);
     comm_socket_v4_set_idle_enabled(&s, on);
     const int bound = s.flags.bound, debug = s.flags.debug, idle = s.flags.idle_enabled;
-    EXPECT_EQ(std::tuple(on, on, on, on),
-              std::tuple(comm_socket_v4_is_bound(&s), bound, debug, idle));
+    EXPECT_EQ(std::tuple(on, on, on, bound, debug, idle),
+              std::tuple(comm_socket_v4_is_bound(&s), comm_socket_v4_is_debug(&s),
+                         comm_socket_v4_is_idle_enabled(&s), on, on, on));
   }
   c->status.error = 1;
   ucred cred;
@@ -148,6 +165,11 @@ TEST_F(FunctionsOfAServerTest, AQueueThrowsNothing) {
       Outcome(-1, ENOMEM), failing(Call::operator_new, ENOMEM, [&] {
         return outcome([&] { return comm_socket_v4_queue_send_packet(q, record(), p.get()); });
       }));
+  const CommPacket oldest(comm_socket_v4_queue_take_oldest(q));
+  EXPECT_EQ(std::pair(comm_socket_v4_queue_take_oldest(q), 0ul),
+            std::pair(static_cast<comm_socket_v4_packet*>(nullptr),
+                      comm_socket_v4_queue_get_queued_count(q)));
+  EXPECT_EQ(1, send().first);
   while (CommPacket(comm_socket_v4_client_get_packet_from_server(client())) != nullptr) continue;
   comm_socket_v4_queue_flush_queued_packet(q, record());
   EXPECT_EQ(0u, comm_socket_v4_queue_get_queued_count(q));
@@ -249,6 +271,13 @@ TEST_F(FunctionsTest, MakersWithoutMemoryOrDescriptorsSayWhyAndKeepNothing) {
         nth);
   };
   EXPECT_EQ(Outcome(0, ENOMEM), without_memory(endpoint.get(), 1));
+  EXPECT_EQ(Outcome(0, ENOMEM), failing(Call::operator_new, ENOMEM, [] {
+              return outcome([] { return comm_socket_v4_queue_create() != nullptr; });
+            }));
+  EXPECT_EQ(Outcome(0, ENOMEM), failing(Call::operator_new, ENOMEM, [] {
+              const CommLoopCallbacks none = {};
+              return outcome([&] { return comm_socket_v4_loop_handler_create(&none) != nullptr; });
+            }));
   for (const unsigned nth : {1u, 2u, 3u})
     EXPECT_EQ(Outcome(0, ENOMEM), without_memory(nullptr, nth)) << nth;
 }

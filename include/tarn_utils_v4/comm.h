@@ -92,8 +92,8 @@ class COMM_V4_EXPORT comm_socket_v4_client {
   std::uint64_t accept_time_us;        // when, on the clock of the deadlines; only for reading
   comm_socket_v4_packet* next_packet;  // the packet that waits to be retrieved, one reference owned
   comm_socket_v4* server;              // null when empty
-  std::uint64_t tag;                   // the application's; a reused slot still has the old value,
-  int (*recv_cb)(comm_socket_v4_client*, comm_socket_v4_packet*);  // and so with this
+  std::uint64_t tag;                   // the application's; a reused slot still has the old value
+  int (*recv_cb)(comm_socket_v4_client*, comm_socket_v4_packet*);  // see set_recv_cb; likewise
 
   comm_socket_v4_client() noexcept;  // an empty slot
 
@@ -135,12 +135,12 @@ class COMM_V4_EXPORT comm_socket_v4 {
   } status;
   std::uint64_t tag;  // the application's
   int (*recv_cb)(comm_socket_v4*, comm_socket_v4_packet*);
-  std::int32_t socket_fd;   // -1 when closed
-  std::string socket_path;  // a leading "@" is an abstract name; not to be changed while open
-  struct sockaddr_un sun;   // of a client: the address it connects to
-  std::uint64_t connect_start;
-  std::uint64_t connect_timeout;
-  std::uint64_t connect_timeout_routine;
+  std::int32_t socket_fd;         // -1 when closed
+  std::string socket_path;        // a leading "@" is an abstract name; not to be changed while open
+  struct sockaddr_un sun;         // of a client: the address it connects to
+  std::uint64_t connect_start;    // of a client: when its connect began
+  std::uint64_t connect_timeout;  // see comm_socket_v4_set_connect_timeout
+  std::uint64_t connect_timeout_routine;      // likewise
   std::vector<comm_socket_v4_client> client;  // of a server: the slots
   std::uint64_t client_max;                   // highest index handed out
   std::uint64_t client_next;                  // where the search for an empty slot starts
@@ -243,8 +243,8 @@ COMM_V4_EXPORT int comm_socket_v4_destroy(comm_socket_v4* c);
 // Returns 0.
 COMM_V4_EXPORT int comm_socket_v4_close(comm_socket_v4* c);
 // The fields of the endpoint: its socket, -1 when there is none; its path, good until it is
-// changed; the tag; the flags, as 1 or 0, of which the application may set three. set_recv_cb is
-// the member.
+// changed; the tag; the flags, as 1 or 0, of which the application may set three, with `on` above 0
+// or not; the packet that waits, which stays the endpoint's, or null. set_recv_cb is the member.
 COMM_V4_EXPORT int comm_socket_v4_get_socket_fd(const comm_socket_v4* c);
 COMM_V4_EXPORT const char* comm_socket_v4_get_socket_path(const comm_socket_v4* c);
 COMM_V4_EXPORT uint64_t comm_socket_v4_get_tag(const comm_socket_v4* c);
@@ -253,8 +253,11 @@ COMM_V4_EXPORT int comm_socket_v4_is_server(const comm_socket_v4* c);
 COMM_V4_EXPORT int comm_socket_v4_is_socketpair(const comm_socket_v4* c);
 COMM_V4_EXPORT int comm_socket_v4_is_bound(const comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_set_bound(comm_socket_v4* c, int on);
+COMM_V4_EXPORT int comm_socket_v4_is_debug(const comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_set_debug(comm_socket_v4* c, int on);
+COMM_V4_EXPORT int comm_socket_v4_is_idle_enabled(const comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_set_idle_enabled(comm_socket_v4* c, int on);
+COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_get_next_packet(const comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_set_recv_cb(comm_socket_v4* c,
                                                int (*cb)(comm_socket_v4*, comm_socket_v4_packet*));
 // Returns 1 while there is a socket, else 0; 0 for null.
@@ -273,6 +276,10 @@ COMM_V4_EXPORT int comm_socket_v4_set_socket_path(comm_socket_v4* c, const char*
 COMM_V4_EXPORT void comm_socket_v4_normal_logging(comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_debug_logging(comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_shut_up(comm_socket_v4* c);
+// The field log_mask, of which the lowest four bits are kept: 1 for errors, 2 for warnings and bug
+// reports, 8 for debug.
+COMM_V4_EXPORT unsigned comm_socket_v4_get_log_mask(const comm_socket_v4* c);
+COMM_V4_EXPORT void comm_socket_v4_set_log_mask(comm_socket_v4* c, unsigned mask);
 // A line "comm_socket_v4 LEVEL [address]: message" if the function's bit of log_mask is set: 1 for
 // errors, 2 for warnings and bug reports, 8 for debug. Otherwise the format is not looked at. A
 // newline is added to every message, also to one that ends in one. A line goes to stderr in one
@@ -382,8 +389,9 @@ COMM_V4_EXPORT comm_socket_v4_client* comm_socket_v4_index2client(comm_socket_v4
                                                                   unsigned long index);
 COMM_V4_EXPORT int comm_socket_v4_client_is_open(const comm_socket_v4_client* c);
 // The members of the endpoint, and the fields of the record: the flags as 1 or 0, the time of the
-// accept, the tag, halt, and pending_response_packet, of which a setter takes a reference over and
-// a getter gives none: null gives it back. set_recv_cb is the member.
+// accept, the tag, halt, and its two packets, of which a getter gives no reference. The setter of
+// pending_response_packet takes one over, and gives the one of the packet before, if there was one,
+// back to the caller. set_recv_cb is the member.
 COMM_V4_EXPORT unsigned long comm_socket_v4_client_maximum_index(const comm_socket_v4* c);
 COMM_V4_EXPORT unsigned long comm_socket_v4_client_allocation_count(const comm_socket_v4* c);
 COMM_V4_EXPORT comm_socket_v4* comm_socket_v4_client_get_server(const comm_socket_v4_client* c);
@@ -399,6 +407,8 @@ COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_client_get_pending_response
     const comm_socket_v4_client* c);
 COMM_V4_EXPORT void comm_socket_v4_client_set_pending_response_packet(comm_socket_v4_client* c,
                                                                       comm_socket_v4_packet* p);
+COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_client_get_next_packet(
+    const comm_socket_v4_client* c);
 COMM_V4_EXPORT void comm_socket_v4_client_set_recv_cb(comm_socket_v4_client* c,
                                                       int (*cb)(comm_socket_v4_client*,
                                                                 comm_socket_v4_packet*));
@@ -461,6 +471,8 @@ COMM_V4_EXPORT void comm_socket_v4_drop_clients(comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_free_clients(comm_socket_v4* c);
 // Forgets what is on the list. The clients stay in their slots and are never reported.
 COMM_V4_EXPORT void comm_socket_v4_client_disconnect_list_clear(comm_socket_v4* c);
+// Returns how many entries are on the list, cancelled ones included.
+COMM_V4_EXPORT size_t comm_socket_v4_client_disconnect_list_count(const comm_socket_v4* c);
 
 // --- Client -------------------------------------------------------------------------------------
 
@@ -481,6 +493,8 @@ COMM_V4_EXPORT int comm_socket_v4_connect_to(comm_socket_v4* c, const char* path
 // noticed at the next try, up to 10 ms later. Close keeps both.
 COMM_V4_EXPORT void comm_socket_v4_set_connect_timeout(comm_socket_v4* c, uint64_t usec);
 COMM_V4_EXPORT void comm_socket_v4_set_connect_timeout_routine(comm_socket_v4* c, uint64_t usec);
+COMM_V4_EXPORT uint64_t comm_socket_v4_get_connect_timeout(const comm_socket_v4* c);
+COMM_V4_EXPORT uint64_t comm_socket_v4_get_connect_timeout_routine(const comm_socket_v4* c);
 // Tries once to complete a pending connect, without waiting; idle does this too. It closes the
 // endpoint when it fails, also a server or an end of a pair, for which it is not meant.
 // Returns 1 when connected, errno 0, or when nothing is pending; 0 when not yet; -1 when it failed;
@@ -537,8 +551,8 @@ COMM_V4_EXPORT int comm_socket_v4_connect_use_socketpair(comm_socket_v4* c, int 
 // ended, errno ENOTCONN, failed or could not be made, errno why: the endpoint is closed then; and
 // when nothing was read and it stays open, errno ENOMEM or that of ioctl(2).
 COMM_V4_EXPORT int comm_socket_v4_idle(comm_socket_v4* s);
-// The client's half of it, and one record's. An empty record aborts, in
-// comm_socket_v4_client_get_packet too.
+// The client's half of it, and one record's. The record of an empty slot aborts, also in
+// comm_socket_v4_client_get_packet.
 // Returns 0, also while a packet waits, while a connect is pending or halt is set, and when a
 // connection ended but memory to list it ran out: the next read tries again. -1 as idle; errno also
 // EBADF on a closed endpoint, ENOTCONN or EINVAL on a record that ended or failed before.
@@ -607,7 +621,7 @@ COMM_V4_EXPORT int comm_socket_v4_packet_send_to_server(comm_socket_v4* s,
                                                         comm_socket_v4_packet* p);
 
 // A CommLargePacketQueue and its members. destroy takes null.
-// Returns a queue; null without memory.
+// Returns a queue; null without memory, errno ENOMEM.
 COMM_V4_EXPORT CommLargePacketQueue* comm_socket_v4_queue_create(void);
 COMM_V4_EXPORT void comm_socket_v4_queue_destroy(CommLargePacketQueue* q);
 // Returns what the member returns; -1 also when the list cannot grow, nothing queued, errno ENOMEM.
@@ -617,6 +631,9 @@ COMM_V4_EXPORT int comm_socket_v4_queue_send_packet(CommLargePacketQueue* q,
 COMM_V4_EXPORT void comm_socket_v4_queue_flush_queued_packet(CommLargePacketQueue* q,
                                                              comm_socket_v4_client* c);
 COMM_V4_EXPORT void comm_socket_v4_queue_dump_queued_packets(CommLargePacketQueue* q);
+// Takes the packet out that is the next to be sent, such as one that can never be.
+// Returns it, with its reference; null when there is none.
+COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_queue_take_oldest(CommLargePacketQueue* q);
 // Returns the number of packets in it.
 COMM_V4_EXPORT uint64_t comm_socket_v4_queue_get_queued_count(const CommLargePacketQueue* q);
 

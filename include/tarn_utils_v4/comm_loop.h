@@ -303,9 +303,9 @@ typedef struct CommLoopCallbacks {
   void (*reserved[4])(void);  // null
 } CommLoopCallbacks;
 
-// Returns a handler with a copy of the callbacks; null without memory. As an object of C++ it has
-// to live until the endpoints that it serves are removed, and may be destroyed by a function of its
-// own that has removed them. destroy takes null.
+// Returns a handler with a copy of the callbacks; null without memory, errno ENOMEM. As an object
+// of C++ it has to live until the endpoints that it serves are removed, and may be destroyed by a
+// function of its own that has removed them. destroy takes null.
 COMM_V4_EXPORT CommLoopHandler* comm_socket_v4_loop_handler_create(
     const CommLoopCallbacks* callbacks);
 COMM_V4_EXPORT void comm_socket_v4_loop_handler_destroy(CommLoopHandler* handler);

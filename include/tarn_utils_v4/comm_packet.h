@@ -443,7 +443,8 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
 
 // ------------------------------------------------------------------------------------------------
 // The members as functions with C linkage. Each returns what the member returns. Null is taken only
-// where it is mentioned.
+// where it is mentioned. What a text calls entry->type() and entry->length() are type_code and
+// value_length.
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -460,7 +461,8 @@ COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_packet_release(comm_socket_
 // calling thread has, and nothing is kept any more in the whole process. Any other value turns it
 // on again. In a library that was built with a sanitizer it is always off.
 COMM_V4_EXPORT void comm_socket_v4_packet_keep_spares(int keep);
-// Returns -1 for null.
+// As the members.
+// Returns what they return; -1 for null.
 COMM_V4_EXPORT int comm_socket_v4_packet_resize_buffer(comm_socket_v4_packet* p, size_t size);
 COMM_V4_EXPORT int comm_socket_v4_packet_enlarge_buffer(comm_socket_v4_packet* p, size_t size);
 COMM_V4_EXPORT int comm_socket_v4_packet_shrinkfit_buffer(comm_socket_v4_packet* p);
@@ -471,7 +473,9 @@ COMM_V4_EXPORT void comm_socket_v4_packet_make_response(comm_socket_v4_packet* p
 COMM_V4_EXPORT void comm_socket_v4_packet_set_request(comm_socket_v4_packet* p, int v);
 COMM_V4_EXPORT void comm_socket_v4_packet_set_async(comm_socket_v4_packet* p, int v);
 // The fields. set_flags replaces all of them, set_multipart only the multipart value, of which the
-// lowest two bits count.
+// lowest two bits count. set_write_state is for a received packet that is sent on: with
+// comm_v4_write_state_end that warns of nothing. set_complete_cb and the two of the signature are
+// the members.
 COMM_V4_EXPORT uint32_t comm_socket_v4_packet_get_flags(const comm_socket_v4_packet* p);
 COMM_V4_EXPORT void comm_socket_v4_packet_set_flags(comm_socket_v4_packet* p, uint32_t flags);
 COMM_V4_EXPORT uint32_t comm_socket_v4_packet_get_multipart(const comm_socket_v4_packet* p);
@@ -484,15 +488,18 @@ COMM_V4_EXPORT uint64_t comm_socket_v4_packet_get_error_code(const comm_socket_v
 COMM_V4_EXPORT void comm_socket_v4_packet_set_error_code(comm_socket_v4_packet* p, uint64_t code);
 COMM_V4_EXPORT uint64_t comm_socket_v4_packet_get_tag(const comm_socket_v4_packet* p);
 COMM_V4_EXPORT void comm_socket_v4_packet_set_tag(comm_socket_v4_packet* p, uint64_t value);
+COMM_V4_EXPORT int comm_socket_v4_packet_get_refcount(const comm_socket_v4_packet* p);
 COMM_V4_EXPORT int comm_socket_v4_packet_get_write_state(const comm_socket_v4_packet* p);
+COMM_V4_EXPORT void comm_socket_v4_packet_set_write_state(comm_socket_v4_packet* p, int state);
 COMM_V4_EXPORT const char* comm_socket_v4_packet_write_state_to_str(int state);
 COMM_V4_EXPORT uint32_t comm_socket_v4_packet_get_sighdr(const comm_socket_v4_packet* p);
 COMM_V4_EXPORT void comm_socket_v4_packet_set_sighdr(comm_socket_v4_packet* p, uint32_t signature);
 COMM_V4_EXPORT void comm_socket_v4_packet_set_complete_cb(comm_socket_v4_packet* p,
                                                           int (*cb)(comm_socket_v4_packet*));
 
-// Returns the packet as it is sent, and stores how long it is: what to write to a file. Null, and a
-// length of 0, before a buffer was needed; before the end of the writing the length is 0, too.
+// Stores how many bytes the packet has in *length, unless `length` is null. Those of a complete
+// packet are what is sent, and what to write to a file; while it is written they are the first
+// ones. Returns them; null, and a length of 0, before a buffer was needed.
 COMM_V4_EXPORT const unsigned char* comm_socket_v4_packet_get_buffer(const comm_socket_v4_packet* p,
                                                                      size_t* length);
 // Fills a packet that was never written with a copy of bytes, as if they had been received. Pass it
@@ -501,7 +508,7 @@ COMM_V4_EXPORT const unsigned char* comm_socket_v4_packet_get_buffer(const comm_
 COMM_V4_EXPORT int comm_socket_v4_packet_set_buffer(comm_socket_v4_packet* p,
                                                     const unsigned char* bytes, size_t length);
 
-// attach_... return 1 or 0.
+// As the members: attach_... return 1 in place of true, or 0.
 COMM_V4_EXPORT int comm_socket_v4_packet_attach_fd_to_send(comm_socket_v4_packet* p, int fd);
 COMM_V4_EXPORT int comm_socket_v4_packet_attach_fd_to_send_cloexec(comm_socket_v4_packet* p,
                                                                    int fd);
@@ -568,11 +575,13 @@ COMM_V4_EXPORT size_t comm_socket_v4_packet_get_argc(const comm_socket_v4_packet
 COMM_V4_EXPORT size_t comm_socket_v4_packet_nv_entries(const comm_socket_v4_packet* p);
 COMM_V4_EXPORT const char* comm_socket_v4_packet_get_command(const comm_socket_v4_packet* p);
 COMM_V4_EXPORT const char* comm_socket_v4_packet_get_error_string(const comm_socket_v4_packet* p);
-// Stores the length of the data in *length, unless `length` is null.
-// Returns the data.
+// Stores the length of the data, 0 without any, in *length, unless `length` is null.
+// Returns the data, or null.
 COMM_V4_EXPORT const unsigned char* comm_socket_v4_packet_get_data(const comm_socket_v4_packet* p,
                                                                    size_t* length);
-// Returns the value of an argument, and the last its entry.
+// The value of an argument by index, read as its name says, and its entry. As argv_text,
+// argv_uint64, argv_int64, argv_double and argv: what is absent or of another type reads as "", 0,
+// 0.0 or null.
 COMM_V4_EXPORT const char* comm_socket_v4_packet_get_argv(const comm_socket_v4_packet* p,
                                                           size_t index);
 COMM_V4_EXPORT uint64_t comm_socket_v4_packet_get_argv_uint64(const comm_socket_v4_packet* p,
