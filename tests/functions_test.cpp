@@ -162,7 +162,7 @@ TEST_F(FunctionsOfAServerTest, AQueueThrowsNothing) {
   while (comm_socket_v4_queue_get_queued_count(q) == 0) ASSERT_EQ(1, send().first);
   const CommPacket p = ping_packet();
   EXPECT_EQ(
-      Outcome(-1, ENOMEM), failing(Call::operator_new, ENOMEM, [&] {
+      Outcome(-1, ENOMEM), failing(Call::operator_new, EDOM, [&] {
         return outcome([&] { return comm_socket_v4_queue_send_packet(q, record(), p.get()); });
       }));
   const CommPacket oldest(comm_socket_v4_queue_take_oldest(q));
@@ -264,17 +264,17 @@ TEST_F(FunctionsTest, MakersWithoutMemoryOrDescriptorsSayWhyAndKeepNothing) {
   const CommEndpoint endpoint = make_endpoint();
   const auto without_memory = [](comm_socket_v4* given, unsigned nth) {
     return failing(
-        Call::operator_new, ENOMEM,
+        Call::operator_new, EDOM,
         [given] {
           return outcome([given] { return comm_socket_v4_blocking_create(given) != nullptr; });
         },
         nth);
   };
   EXPECT_EQ(Outcome(0, ENOMEM), without_memory(endpoint.get(), 1));
-  EXPECT_EQ(Outcome(0, ENOMEM), failing(Call::operator_new, ENOMEM, [] {
+  EXPECT_EQ(Outcome(0, ENOMEM), failing(Call::operator_new, EDOM, [] {
               return outcome([] { return comm_socket_v4_queue_create() != nullptr; });
             }));
-  EXPECT_EQ(Outcome(0, ENOMEM), failing(Call::operator_new, ENOMEM, [] {
+  EXPECT_EQ(Outcome(0, ENOMEM), failing(Call::operator_new, EDOM, [] {
               const CommLoopCallbacks none = {};
               return outcome([&] { return comm_socket_v4_loop_handler_create(&none) != nullptr; });
             }));

@@ -36,7 +36,9 @@ def text(words, pages=None, here=""):
         if match[2]:
             return f"\0\\fB{match[2][:-3]}\\fP{match[2][-3:]}\0"
         page = (pages or {}).get(match[3])
-        elsewhere = page and page[0] != here and not match.string.startswith("::", match.end())
+        is_quoted = match.string.startswith('"', match.start() - 1)  # the beginning of an output
+        elsewhere = (page and page[0] != here and not is_quoted and
+                     not match.string.startswith(("::", "("), match.end()))
         section = f"({page[1]})" if elsewhere else match[4] or ""
         return f"\0{bold_name(match[3])}{section}\0"
     parts = NAMES.sub(name, " ".join(words.split())).split("\0")

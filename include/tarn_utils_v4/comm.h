@@ -29,9 +29,10 @@
 //  8. Memory. Running out of memory for packets and their buffers is answered by null or -1, and
 //     ENOMEM where the function says so; the writers of a packet answer as they say. Where a
 //     std::vector, std::deque, std::list or std::string must grow, std::bad_alloc propagates and
-//     the object stays as it was, except where a function says that it returns -1; it ends a
-//     program that catches nothing, such as one in C. Broken internal invariants print what broke
-//     and where, then abort.
+//     the object stays as it was, except where a function says that it returns -1. It ends a
+//     program that catches nothing, such as one in C, and comes from comm_socket_v4_create, from
+//     what sets a path, which opening does, from attach_fd_to_send and its like, and from what adds
+//     an argument or a pair. Broken internal invariants print what broke and where, then abort.
 //  9. Trust. A packet that reached a slot has passed comm_socket_v4_validate_packet_contents: every
 //     accessor may be used on it. What the values mean is still the peer's word. The ids of the
 //     peer's process, user and group come from the kernel (SO_PEERCRED, unix(7)) and are not.
@@ -62,7 +63,7 @@ struct ucred;  // sys/socket.h, which C programs get it from by _GNU_SOURCE
 #define COMM_V4_MAX_SERVER_PATH 106ul
 #define COMM_V4_MAX_ABSTRACT_NAME 108ul    // that a client connects to, with its "@"
 #define COMM_V4_MAX_CLIENTS 1048576ul      // records of a server
-#define COMM_V4_FIRST_CLIENTS 16ul         // which it begins with
+#define COMM_V4_FIRST_CLIENTS 16ul         // records that a server begins with
 #define COMM_V4_MAX_QUEUED_PACKETS 4096ul  // in a CommLargePacketQueue
 
 // A read asks for the size that the kernel reports plus 16 bytes; beyond this cap, for the cap.

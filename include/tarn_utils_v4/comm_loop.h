@@ -62,7 +62,7 @@ typedef enum CommLoopReason COMM_V4_ENUM_BASE {
   comm_loop_failed = 1,        // a system call on it failed; the error says why
   comm_loop_unsendable = 2,    // a packet to it can never be sent; the error says why
   comm_loop_no_first = 3,      // no packet came within CommLoopLimits::first_packet_us
-  comm_loop_idle = 4,          // nor within idle_us since the last one
+  comm_loop_idle = 4,          // no packet came within CommLoopLimits::idle_us of the one before
   comm_loop_not_finished = 5,  // finish() took longer than finish_us
   comm_loop_disconnected = 6,  // by disconnect()
   comm_loop_finished = 7       // by finish(): everything was sent, and the peer has ended
@@ -175,7 +175,8 @@ class COMM_V4_EXPORT CommLoop {
   // Dispatches until stop() is called, or was called since the last run. A stop ends one run.
   // Returns 0; -1 as dispatch.
   int run();
-  // Leaves errno alone.
+  // Ends run(), the next one if none runs, from any thread and from a signal handler. A turn that
+  // has begun is done to its end. Leaves errno alone.
   void stop();
   // Returns whether stop() was called and no run has ended by it; a loop around this one asks after
   // a dispatch.
@@ -187,11 +188,11 @@ class COMM_V4_EXPORT CommLoop {
   // an end of a pair is the id of its connection. `handler` must outlive it.
   //
   // An open endpoint, which the loop owns from then on; when it fails it is still the caller's. The
-  // limits replace what comm_socket_v4_set_max_descriptors and _set_descriptor_reserve set. Clients
-  // that a server has already are reported by on_connect, like a connection that is complete; those
-  // that it has disconnected are released. Errno EINVAL for a closed endpoint and for more
-  // descriptors_per_packet than COMM_V4_MAX_SEND_FDS, ENOMEM, or that of timerfd_create(2) or
-  // epoll_ctl(2).
+  // limits replace what comm_socket_v4_set_max_descriptors set, and a descriptor that
+  // comm_socket_v4_set_descriptor_reserve keeps is given back. Clients that a server has already
+  // are reported by on_connect, like a connection that is complete; those that it has disconnected
+  // are released. Errno EINVAL for a closed endpoint and for more descriptors_per_packet than
+  // COMM_V4_MAX_SEND_FDS, ENOMEM, or that of timerfd_create(2) or epoll_ctl(2).
   CommLoopId add(comm_socket_v4* endpoint, CommLoopHandler& handler,
                  const CommLoopLimits& limits = CommLoopLimits());
   // comm_socket_v4_create_server, comm_socket_v4_connect_to and
@@ -337,11 +338,14 @@ COMM_V4_EXPORT CommLoopId comm_socket_v4_loop_connect(CommLoop* loop, const char
 COMM_V4_EXPORT CommLoopId comm_socket_v4_loop_adopt(CommLoop* loop, int descriptor,
                                                     CommLoopHandler* handler,
                                                     const CommLoopLimits* limits);
+
+// The connect of CommLoop that takes a closed endpoint.
 COMM_V4_EXPORT CommLoopId comm_socket_v4_loop_connect_endpoint(CommLoop* loop,
                                                                comm_socket_v4* endpoint,
                                                                const char* path,
                                                                CommLoopHandler* handler,
                                                                const CommLoopLimits* limits);
+
 COMM_V4_EXPORT int comm_socket_v4_loop_remove(CommLoop* loop, CommLoopId id);
 COMM_V4_EXPORT int comm_socket_v4_loop_stop_listening(CommLoop* loop, CommLoopId server);
 COMM_V4_EXPORT comm_socket_v4* comm_socket_v4_loop_get_endpoint(const CommLoop* loop,

@@ -49,10 +49,10 @@ COMM_V4_CLASS(comm_socket_v4_packet);
 
 #define COMM_V4_MAX_ARGUMENTS 255ul
 #define COMM_V4_MAX_PAIRS 4095ul              // with more of them it goes out without any
-#define COMM_V4_MAX_COMMAND 255ul             // a longer one is cut, and so are
-#define COMM_V4_MAX_ERROR_STRING 4095ul       // this,
-#define COMM_V4_MAX_NAME 4095ul               // this
-#define COMM_V4_MAX_TEXT 65535ul              // and this, of an argument or a pair
+#define COMM_V4_MAX_COMMAND 255ul             // a longer one is cut
+#define COMM_V4_MAX_ERROR_STRING 4095ul       // a longer one is cut
+#define COMM_V4_MAX_NAME 4095ul               // of a pair; a longer one is cut
+#define COMM_V4_MAX_TEXT 65535ul              // of an argument or a pair; a longer one is cut
 #define COMM_V4_MAX_FORMATTED_ARGUMENT 256ul  // a longer one is refused
 #define COMM_V4_MAX_DATA_PER_WRITE 262144ul   // any number of writes may follow
 #define COMM_V4_MAX_ATTACHED_FDS 8ul          // by attach_fd_to_send
