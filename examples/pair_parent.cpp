@@ -25,13 +25,8 @@ class Parent : public CommLoopHandler {
   Parent(std::vector<const char*> files, bool shows)
       : files_(std::move(files)), sums_(files_.size()), shows_(shows) {}
 
-  void add_worker(CommLoop& loop, CommEndpoint end) {
-    if (loop.add(end.get(), *this).generation == 0) fail("cannot watch a worker");
-    static_cast<void>(end.release());
-    ++workers_;
-  }
-
   bool on_connect(CommLoop& loop, CommLoopId worker, const struct ucred& /*who*/) override {
+    ++workers_;
     give_next_file(loop, worker);
     return true;
   }
@@ -95,11 +90,9 @@ int main(int argc, char** argv) {
   CommLoop loop;
   std::vector<pid_t> pids;
   for (int i = first + 1; i < argc && pids.size() < most_workers; ++i) {
-    CommEndpoint end{comm_socket_v4_create()};
-    if (!end) fail("no memory");
-    pids.push_back(start_worker(end.get(), program));
+    CommLoopId worker;
+    pids.push_back(start_worker(loop, parent, program, worker));
     if (pids.back() < 0) fail("cannot start a worker");
-    parent.add_worker(loop, std::move(end));
   }
   if (loop.run() != 0) fail("cannot wait");
   for (const pid_t pid : pids) {

@@ -6,6 +6,7 @@
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
+#include <tarn_utils_v4/comm_loop.h>
 
 #include <initializer_list>
 #include <list>
@@ -97,12 +98,18 @@ class EndedProcesses {
   std::list<pid_t> awaited_;
 };
 
-// Opens the endpoint on one end of a new pair, and starts the program with the number of the other
-// as its argument; it is killed when we end. Our copy of that end is closed, so that the death of
-// the program ends the connection. Returns its process id; -1 with errno.
-inline pid_t start_worker(comm_socket_v4* endpoint, const std::string& program) {
-  if (comm_socket_v4_connect_new_socketpair(endpoint) != 0) return -1;
-  const CommDescriptor theirs{comm_socket_v4_socketpair_get_remote_end(endpoint)};
+// Starts the program with the number of one end of a new pair as its argument; it is killed when we
+// end. The other end comes into the loop, under this id. Our copy of that of the program is closed,
+// so that its death ends the connection. Returns its process id; -1 with errno.
+inline pid_t start_worker(CommLoop& loop, CommLoopHandler& handler, const std::string& program,
+                          CommLoopId& id) {
+  CommEndpoint ours(comm_socket_v4_create());
+  if (ours == nullptr) throw std::bad_alloc();
+  if (comm_socket_v4_connect_new_socketpair(ours.get()) != 0) return -1;
+  const CommDescriptor theirs(comm_socket_v4_socketpair_get_remote_end(ours.get()));
+  id = loop.add(ours.get(), handler);
+  if (id.generation == 0) return -1;
+  static_cast<void>(ours.release());
   return start_program({program, std::to_string(theirs.get())}, {theirs.get()}, Fate::is_killed);
 }
 

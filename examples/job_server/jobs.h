@@ -22,7 +22,9 @@ class Jobs : public CommLoopHandler {
   // What the endpoint of the server may take.
   static CommLoopLimits limits() {
     CommLoopLimits limits;
-    limits.clients = most_clients;
+    // With two descriptors for each client, one for each worker, and those of each job that wait
+    // with its request, this stays below the usual limit of 1024.
+    limits.clients = 64;
     limits.descriptors_per_packet = 2;
     limits.first_packet_us = limits.finish_us = patience_us;
     return limits;
@@ -41,12 +43,23 @@ class Jobs : public CommLoopHandler {
   // --- From the clients to the workers -----------------------------------------------------------
 
   // Anybody may connect to the socket: what the kernel says of the peer decides.
-  bool on_connect(CommLoop& /*loop*/, CommLoopId peer, const struct ucred& who) override {
+  bool on_connect(CommLoop& loop, CommLoopId peer, const struct ucred& who) override {
     const bool is_trusted = who.uid == ::geteuid() || who.uid == 0;
     std::printf("client %" PRIu64 ": pid %d, uid %u%s\n", peer.generation, who.pid, who.uid,
                 is_trusted ? "" : ", turned away");
-    if (is_trusted) clients_[peer.generation].id = peer;
-    return is_trusted;
+    if (!is_trusted) return false;
+    Client& client = clients_[peer.generation];
+    client.id = peer;
+    // The end of one that is not read is seen on a copy, which tells that alone.
+    client.copy = CommDescriptor(::fcntl(loop.client(peer)->client_fd, F_DUPFD_CLOEXEC, 0));
+    client.watch = loop.watch(client.copy.get(), 0, *this);
+    loop.set_tag(client.watch, peer.generation);
+    return true;
+  }
+
+  // Whose end is closed takes no answer any more.
+  void on_ready(CommLoop& loop, CommLoopId watch, std::uint32_t /*events*/) override {
+    loop.disconnect(clients_.at(loop.tag(watch)).id);
   }
 
   void on_packet(CommLoop& loop, CommLoopId from, comm_socket_v4_packet* packet) override {
@@ -76,6 +89,7 @@ class Jobs : public CommLoopHandler {
     std::printf("client %" PRIu64 " has left\n", peer.generation);
     Client& client = clients_.at(peer.generation);
     while (client.jobs != 0) end(*find_worker(&client), ECANCELED);
+    loop_.remove(client.watch);
     clients_.erase(peer.generation);
     if (drains_ && clients_.empty()) loop_.stop();
   }
@@ -87,16 +101,14 @@ class Jobs : public CommLoopHandler {
   }
 
  private:
-  // With a descriptor for each client, one for each worker, and those of each job that wait with
-  // its request, these stay below the usual limit of 1024.
-  static constexpr std::uint32_t most_clients = 64;
   static constexpr std::size_t most_jobs_per_client = 4;
   static constexpr std::size_t most_kept = 4;  // workers that stay for what comes
   static constexpr std::uint64_t patience_us = 60000000;
 
   struct Worker;
   struct Client {
-    CommLoopId id = {0, 0};
+    CommLoopId id = {0, 0}, watch = {0, 0};
+    CommDescriptor copy;
     std::size_t jobs = 0;        // that run
     Worker* receiver = nullptr;  // of a job whose input is not complete
     bool has_room = true, is_slow = false;
@@ -110,8 +122,7 @@ class Jobs : public CommLoopHandler {
       has_room = true;
       if (client != nullptr) jobs.update(*client);
     }
-    void on_gone(CommLoop& /*loop*/, CommLoopId /*id*/, CommLoopReason /*why*/,
-                 int /*error*/) override {
+    void on_gone(CommLoop& /*l*/, CommLoopId /*id*/, CommLoopReason /*why*/, int /*e*/) override {
       jobs.end(*this, EOWNERDEAD);
     }
     void on_time(CommLoop& /*loop*/, CommLoopId /*timer*/) override { jobs.end(*this, ETIMEDOUT); }
@@ -141,7 +152,8 @@ class Jobs : public CommLoopHandler {
     worker.request = comm_share_packet(&request);
     client.receiver = &worker;
     ++client.jobs;
-    if (worker.process < 0 && !start(worker)) return end(worker, errno);
+    if (worker.process < 0) worker.process = start_worker(loop_, worker, program_, worker.id);
+    if (worker.process < 0) return end(worker, errno);
     std::printf("client %" PRIu64 ": %s, worker %d\n", client.id.generation, request.command(),
                 worker.process);
   }
@@ -208,17 +220,6 @@ class Jobs : public CommLoopHandler {
   std::list<Worker>::iterator find_worker(const Client* of) {
     const auto is_its = [of](const Worker& worker) { return worker.client == of; };
     return std::find_if(workers_.begin(), workers_.end(), is_its);
-  }
-
-  // False with errno.
-  bool start(Worker& worker) {
-    CommEndpoint ours(comm_socket_v4_create());
-    if (ours == nullptr) throw std::bad_alloc();
-    worker.process = start_worker(ours.get(), program_);
-    if (worker.process > 0) worker.id = loop_.add(ours.get(), worker);
-    if (worker.id.generation == 0) return false;
-    static_cast<void>(ours.release());
-    return true;
   }
 
   // A pipe whose other end does nothing would keep a worker for ever, and so would a client that
