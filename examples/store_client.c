@@ -24,6 +24,19 @@ static void print(FILE* out, const char* text, const char* end) {
   fputs(end, out);
 }
 
+/* How many arguments a command has. Who sent fewer or more would be answered, but not as meant. */
+static int is_usage(int argc, char** argv) {
+  static const struct {
+    const char* command;
+    int count;
+  } known[] = {{"set", 3}, {"get", 2}, {"list", 1}};
+  for (size_t i = 0; i < sizeof known / sizeof *known; ++i)
+    if (strcmp(argv[0], known[i].command) == 0)
+      /* An empty argument is none, and those behind it would move up. */
+      return argc == known[i].count && (argc < 2 || *argv[1] != '\0');
+  return 0;
+}
+
 /* Null without memory. */
 static comm_socket_v4_packet* make_request(int argc, char** argv) {
   comm_socket_v4_packet* const request = comm_socket_v4_packet_create();
@@ -65,7 +78,7 @@ static int ask(CommClient* server, const char* path, int argc, char** argv) {
 }
 
 int main(int argc, char** argv) {
-  if (argc < 3) {
+  if (argc < 3 || !is_usage(argc - 2, argv + 2)) {
     fputs("usage: store_client SOCKET set NAME TEXT | get NAME | list\n", stderr);
     return 2;
   }

@@ -14,8 +14,8 @@
 #include <sys/socket.h>
 #include <tarn_utils_v4/comm_loop.h>
 
-/* What is kept has bounds, like everything that others may fill. */
-enum { most_notes = 100, longest_name = 64, longest_text = 512 };
+/* What is kept has bounds, like everything that others may fill. No user has all places. */
+enum { most_notes = 200, most_of_one = 100, longest_name = 64, longest_text = 512 };
 
 struct note {
   uid_t owner;
@@ -35,6 +35,12 @@ static void on_signal(int number) {
   comm_socket_v4_loop_stop(loop_of_signals);
 }
 
+static size_t count_of(const struct store* store, uid_t owner) {
+  size_t count = 0;
+  for (size_t i = 0; i < store->count; ++i) count += store->notes[i].owner == owner;
+  return count;
+}
+
 static struct note* find(struct store* store, uid_t owner, const char* name) {
   for (size_t i = 0; i < store->count; ++i) {
     struct note* const note = &store->notes[i];
@@ -49,6 +55,7 @@ static int set(struct store* store, uid_t owner, const char* name, const char* t
   struct note* note = find(store, owner, name);
   if (note == NULL) {
     if (store->count == most_notes) return ENOSPC;
+    if (count_of(store, owner) == most_of_one) return EDQUOT;
     note = &store->notes[store->count++];
     note->owner = owner;
     strcpy(note->name, name);
