@@ -431,6 +431,8 @@ stop TERM json
 
 # --- Several packets over one connection
 start echo serve -f none echo
+"$tool" call -f none -F -j - echo <<< '{"command":"a"}' &
+following=$! since=$SECONDS
 head -c 3000000 /dev/urandom > big
 expect 0 "" call -f data -u big echo put
 check "a file in parts comes back" cmp big out
@@ -468,6 +470,8 @@ check "a full disk: $?" [ $? -eq 1 ]
 check "a full disk is said" grep -q "cannot write standard output: No space left" err
 patient decode evil 2> err | read -r
 check "a reader that leaves" grep -q "cannot write standard output: Broken pipe" err
+while [ $SECONDS -lt $((since + 7)) ]; do sleep 0.1; done
+check "following ends after the time of an answer" kill $following
 stop TERM echo
 
 [ $failures -eq 0 ]

@@ -59,9 +59,9 @@ bool Conversation::is_complete() const {
   return awaited_.empty();
 }
 
-// A single request has its time for all; with more of them each step has.
+// A single request has its time for all, and so has the following; with more requests each step has.
 void Conversation::step_forward() {
-  if (!rules_.any_response) deadline_us_ = now_us() + rules_.timeout_us;
+  if (!rules_.any_response && !is_following()) deadline_us_ = now_us() + rules_.timeout_us;
 }
 
 // --- Out ----------------------------------------------------------------------------------------
