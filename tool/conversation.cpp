@@ -59,7 +59,7 @@ bool Conversation::is_complete() const {
   return awaited_.empty();
 }
 
-// A single request has its time for all, and so has the following; with more requests each step has.
+// A single request has its time for all, and so has the following; of several requests each step.
 void Conversation::step_forward() {
   if (!rules_.any_response && !is_following()) deadline_us_ = now_us() + rules_.timeout_us;
 }
