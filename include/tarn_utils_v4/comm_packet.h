@@ -174,7 +174,7 @@ void comm_v4_takes_va_list(std::nullptr_t) = delete;
 // often as wished. Packets whose references are counted come from comm_socket_v4_packet_create.
 class COMM_V4_EXPORT comm_socket_v4_packet {
  public:
-  // The constants above under the names of the class. Set a multipart value as
+  // The constants comm_v4_... under the names of the class. Set a multipart value as
   // `flags = (flags & ~multipart_mask) | (multipart_first << multipart_shift)`.
   enum : std::uint32_t {
     flag_request = comm_v4_flag_request,
@@ -200,18 +200,18 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   std::size_t buffer_alloc;   // bytes allocated
   std::size_t buffer_write;   // where the writer goes on
   std::size_t buffer_length;  // bytes of the packet; a NUL follows a complete one, and is not sent
-  std::uint32_t flags;        // copied into the packet by write_begin, out of it by a receive, like
-  std::uint64_t message_id;   // message_id,
-  std::uint64_t error_code;   // error_code and stream_id
-  std::atomic<std::int32_t> refcount;
-  int write_state;
+  std::uint32_t flags;        // copied into the packet by write_begin, out of it by a receive
+  std::uint64_t message_id;   // likewise
+  std::uint64_t error_code;   // likewise
+  std::atomic<std::int32_t> refcount;                     // see addref
+  int write_state;                                        // write_state_none and so on
   std::vector<comm_socket_v4_packet_argv> wr_argv;        // entries waiting for their table
   std::vector<comm_socket_v4_packet_nv_pair> wr_nv_pair;  // likewise
   std::vector<int> attached_fd;  // owned; sent with the packet or received with it, -1 is empty
-  std::uint64_t stream_id;
-  int (*complete_cb)(comm_socket_v4_packet*);
-  std::uint64_t tag;          // the caller's, never sent
-  std::size_t data_reserved;  // bytes of the room of reserve_data
+  std::uint64_t stream_id;       // as flags
+  int (*complete_cb)(comm_socket_v4_packet*);  // see set_complete_cb
+  std::uint64_t tag;                           // the caller's, never sent
+  std::size_t data_reserved;                   // bytes of the room of reserve_data
 
   comm_socket_v4_packet() noexcept;
   // Closes what is still attached and frees the buffer.
