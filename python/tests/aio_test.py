@@ -47,7 +47,7 @@ def test_server_of_python_and_client_in_c(start, run, path):
     server = start("examples/python/store_server.py", path)
     assert run("examples/store_client", path, "set", "name", "text") == ""
     assert run("examples/store_client", path, "get", "name") == "text\n"
-    assert run("examples/store_client", path, "list", "") == "name: text\n"
+    assert run("examples/store_client", path, "list") == "name: text\n"
     listing = run("tool/tarn-comm", "call", path, "get", "other")
     assert os.strerror(errno.ENOENT) in listing
     server.terminate()
