@@ -1,6 +1,6 @@
 // Raw peers against a CommLoop with a server and an end of a pair: any records, descriptors, ends
-// and halves of ends, and any calls, from within handlers too. Nobody gets what is another's, in
-// the end everything that could arrive has arrived, and the loop comes to rest.
+// and halves of ends, and any calls, from within handlers too, which may throw. Nobody gets what is
+// another's, in the end everything that could arrive has arrived, and the loop comes to rest.
 #include <sys/socket.h>
 #include <tarn_utils_v4/comm_loop.h>
 
@@ -17,6 +17,8 @@ struct Peer {
   CommLoopId id = {0, 0};
   std::deque<Record> to_loop, from_loop;
 };
+
+struct Thrown {};
 
 class World : CommLoopHandler {
  public:
@@ -40,7 +42,7 @@ class World : CommLoopHandler {
     loop_.resume(server_);
     for (int quiet = 0, turns = 0; quiet < 2; ++turns) {
       REQUIRE(turns < 10000);
-      quiet = loop_.dispatch(0) == 0 ? quiet + 1 : 0;
+      quiet = dispatch() == 0 ? quiet + 1 : 0;
       for (Peer& peer : peers_)
         while (receive(peer)) quiet = 0;
     }
@@ -99,7 +101,14 @@ class World : CommLoopHandler {
     const CommLoopId id = in_.yes() ? any_peer().id : server_;
     in_.yes() ? loop_.pause(id) : loop_.resume(id);
   }
-  void turn() { REQUIRE(loop_.dispatch(0) >= 0); }
+  void turn() { REQUIRE(dispatch() >= 0); }
+  int dispatch() {
+    try {
+      return loop_.dispatch(0);
+    } catch (const Thrown&) {
+      return 1;
+    }
+  }
 
   // --- What crosses them ------------------------------------------------------------------------
 
@@ -148,11 +157,12 @@ class World : CommLoopHandler {
     act();
     if (peer.id == id) peer.id = {0, 0};
   }
+  void fail() { throw Thrown(); }
   // What an application may do at any moment.
   void act() {
     if (in_.yes())
-      make_step(in_, *this, "sdfznxo", &World::send, &World::disconnect, &World::finish,
-                &World::pause, &World::serve, &World::remove, &World::adopt);
+      make_step(in_, *this, "sdfznxo!", &World::send, &World::disconnect, &World::finish,
+                &World::pause, &World::serve, &World::remove, &World::adopt, &World::fail);
   }
 
   Input in_;
