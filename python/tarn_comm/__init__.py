@@ -17,22 +17,22 @@ A server, with one coroutine for each client, and a client of asyncio:
     async with tarn_comm.connect("hello.socket") as server:
         answer = await server.call("greet", "world")
 
-What each class does is said where it stands: Packet in packet.py, Client in client.py, connect,
-serve, Server and Connection in aio.py, Descriptor in descriptor.py. For all of them:
+help() of each class and function says what it does: of Packet, Client, connect, serve, Server,
+Connection, Limits, Descriptor and others. For all of them:
 
 - Times are in seconds, None waits for ever.
 - Addresses are paths, with a leading "@" abstract names, or a connected socket of the type
   SOCK_SEQPACKET, such as an end of socket.socketpair(), which is taken over.
-- Text is str, and UTF-8 in the packet. Bytes of a peer that are none come as surrogates
-  (os.fsdecode does so, too), and go out as they came.
+- Text is str, and UTF-8 in the packet. Bytes of a peer that are not UTF-8 come as surrogates, as
+  from os.fsdecode, and go out as they came.
 - Failures are OSError with an errno. Of its subclasses PacketError says what a packet cannot hold,
   TimeoutError that the time was over, Disconnected that the peer has ended the connection; those of
   Python for ECONNREFUSED, EPIPE and so on come, too. A failure of what is sent as a packet (its
   error_code) is none. What has the wrong type is a TypeError, a number beyond 64 bits an
-  OverflowError. What is closed is used no more: every call fails with ENOTCONN.
-- Threads: a Packet that is complete may be read by any; a Client is used by one at a time, and says
-  RuntimeError to a second; what belongs to asyncio is used by the thread of its event loop only,
-  and says RuntimeError elsewhere. Nothing here starts a thread.
+  OverflowError. When something is closed every call on it fails with ENOTCONN.
+- Threads: a Packet may be read by any; a Client is used by one at a time, and raises RuntimeError
+  in a second; what belongs to asyncio is used by the thread of its event loop only, and raises
+  RuntimeError elsewhere. Nothing here starts a thread.
 - Fork: a child may use no connection or server of its parent. It may drop them, which does nothing
   to the parent.
 - The library logs to standard error; `log` is "normal", "debug" or "quiet".

@@ -35,7 +35,7 @@ _FAILURES = ("failed", "unsendable")
 @dataclass
 class Limits:
     """What a server, or a connection of its own, may use up. Change what does not fit. Times are in
-    seconds; what each means is said at CommLoopLimits in comm_loop.h."""
+    seconds; CommLoopLimits in comm_loop.h says what each means."""
 
     clients: int = 1024
     clients_per_user: int = 512
@@ -116,12 +116,12 @@ class Connection:
 
     async def send(self, packet: Packet) -> None:
         """Returns when the packet is on its way or queued. A packet with descriptors can be sent
-        once. When the peer has gone, what it will never read is dropped without an error as long
-        as packets of it are to be taken, and behind the last of them, so that the requests of who
-        sends and leaves are carried out; but no more than 64 packets between two that are taken."""
+        once. When the peer has gone before all of its packets were taken, what is sent is dropped
+        without an error, so that the requests of a peer that sends and leaves are carried out: up
+        to 64 packets before and behind each that is taken. Any other send raises Disconnected."""
         self._sends += 1
         if self._sends % _SENDS_IN_A_ROW == 0:
-            await asyncio.sleep(0)  # Else who sends without pause would never hear of an end.
+            await asyncio.sleep(0)  # Or a task that only sends would never hear of an end.
         while not self._drops():
             self._check()
             self._look_for_end()
@@ -272,7 +272,7 @@ class Connection:
             raise self._ending()
 
     def _tell(self, function: Callable[..., Any]) -> None:
-        """The loop, unless it has gone before its connections, with the event loop."""
+        """Tells the loop, unless it has gone, with the event loop, before its connections."""
         if self._hub.pointer is not None:
             function(self._hub.pointer, self._id)
 
@@ -284,15 +284,15 @@ class Connection:
         return ending
 
     def _drops(self) -> bool:
-        """Whether a packet is for a peer that has gone, but not for who waits here."""
+        """Whether a packet is dropped in silence, as send() says."""
         if self._end != ("peer_ended", 0) or self._drops_left == 0:
             return False
         self._drops_left -= 1
         return True
 
     def _look_for_end(self) -> None:
-        """The loop does not look at who is paused, and a coroutine that only sends never reads.
-        What is left of a peer that has hung up is no more than fits into a socket: all is read."""
+        """The loop does not look at a paused connection, and a coroutine that only sends does not
+        read. Of a peer that has hung up no more is left than fits into a socket: all is read."""
         if self._paused and not self._hung_up:
             if self._poll is None:
                 self._poll = select.poll()
@@ -607,7 +607,7 @@ class _Listening(_Connections):
     def on_accept_failed(self, error: int) -> None:
         if not self.over.done():
             self.over.set_exception(error_of(error))
-            self.over.exception()  # Who does not wait is not told of it later.
+            self.over.exception()  # Where nobody waits nothing is to be logged later.
 
     async def _attend(self, connection: Connection) -> None:
         try:

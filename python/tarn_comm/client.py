@@ -19,8 +19,7 @@ from .peer import Peer
 
 Address = Union[str, bytes, "os.PathLike[str]", socket.socket]
 
-# A call of the library that is worth it reads what has come, and looks at its clock between two
-# packets.
+# What a call of the library gets to read what has come; it looks at its clock between two packets.
 _SLICE_US = 1000
 _RETRY_PAUSE = 0.01
 _LONGEST_POLL_MS = 1 << 30
@@ -28,8 +27,8 @@ _DEFAULT: Any = object()  # that of the client
 
 
 def set_up_endpoint(endpoint: int, log: str) -> None:
-    """Its log level; and what it receives is not inherited by programs that are started, as Python
-    has it everywhere."""
+    """Sets the log level. What is received is not inherited by programs that are started, as with
+    every descriptor of Python."""
     levels = {"normal": lib.normal_logging, "debug": lib.debug_logging, "quiet": lib.shut_up}
     if log not in levels:
         raise ValueError("log is normal, debug or quiet")

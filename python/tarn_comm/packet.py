@@ -75,7 +75,7 @@ Argument = Union[str, int, float]
 # What pairs hold, as it is read. Numbers are always a list, as they are in the packet.
 Value = Union[str, Json, bytes, FourCC, List[int], List[UInt64], List[float]]
 # What may be written as a pair: a number is a list of one. All numbers of a list are of one type;
-# that of an empty one is said by an array.array of the type "q", "Q" or "d".
+# that of an empty one comes from an array.array of the type "q", "Q" or "d".
 PairValue = Union[str, bytes, bytearray, memoryview, int, float, Sequence[int], Sequence[float],
                   "array.array[Any]"]
 PairsToWrite = Union[Mapping[str, PairValue], Iterable[Tuple[str, PairValue]]]
@@ -370,8 +370,8 @@ class Packet:
         return cast(int, lib.packet_attached_fd_count(self._handle.pointer))
 
     def take_descriptors(self) -> List[Descriptor]:
-        """Hands the descriptors over, once. Who does not take them has them closed with the packet;
-        from then on the packet goes without them, where it is sent on."""
+        """Hands the descriptors over, once; if the packet is sent on, it goes without them. Those
+        that nobody takes are closed with it."""
         pointer, taken = self._handle.pointer, []
         for i in range(self.descriptor_count):
             fd = lib.packet_get_attached_fd(pointer, i)
