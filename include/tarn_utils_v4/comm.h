@@ -19,7 +19,8 @@
 //     resized, which any write may do; an empty text is static.
 //  5. Blocking. Only the four waits, comm_socket_v4_connect_to and
 //     comm_socket_v4_connect_wait_for_completion block, and comm_socket_v4_create_server for about
-//     two seconds at most. What others lend may block all the same: standard error, when it is a
+//     two seconds at most; beside this header run() and dispatch() of a CommLoop and the calls of a
+//     CommClient. What others lend may block all the same: standard error, when it is a
 //     full pipe, and the close of a descriptor that a peer has sent. No send and no log line raises
 //     SIGPIPE, and a signal that ends a wait or a transfer is no failure.
 //  6. Threads. None inside. One thread at a time uses an endpoint, its client records and its
@@ -243,9 +244,9 @@ COMM_V4_EXPORT int comm_socket_v4_destroy(comm_socket_v4* c);
 // the connection: the peer gets ECONNRESET in place of what still waits for it. Leaves errno alone.
 // Returns 0.
 COMM_V4_EXPORT int comm_socket_v4_close(comm_socket_v4* c);
-// The fields of the endpoint: its socket, -1 when there is none; its path, good until it is
-// changed; the tag; the flags, as 1 or 0, of which the application may set three, with `on` above 0
-// or not; the packet that waits, which stays the endpoint's, or null. set_recv_cb is the member.
+// The fields of the endpoint; set_recv_cb is the member. `on` above 0 sets a flag, else it clears.
+// Returns the socket, -1 when there is none; the path, good until it is changed; the tag; a flag,
+// as 1 or 0; the packet that waits, which stays the endpoint's, or null.
 COMM_V4_EXPORT int comm_socket_v4_get_socket_fd(const comm_socket_v4* c);
 COMM_V4_EXPORT const char* comm_socket_v4_get_socket_path(const comm_socket_v4* c);
 COMM_V4_EXPORT uint64_t comm_socket_v4_get_tag(const comm_socket_v4* c);
@@ -277,8 +278,8 @@ COMM_V4_EXPORT int comm_socket_v4_set_socket_path(comm_socket_v4* c, const char*
 COMM_V4_EXPORT void comm_socket_v4_normal_logging(comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_debug_logging(comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_shut_up(comm_socket_v4* c);
-// The field log_mask, of which the lowest four bits are kept: 1 for errors, 2 for warnings and bug
-// reports, 8 for debug.
+// Returns the field log_mask, of which the lowest four bits are kept: 1 for errors, 2 for warnings
+// and bug reports, 8 for debug.
 COMM_V4_EXPORT unsigned comm_socket_v4_get_log_mask(const comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_set_log_mask(comm_socket_v4* c, unsigned mask);
 // A line "comm_socket_v4 LEVEL [address]: message" if the function's bit of log_mask is set: 1 for
@@ -377,8 +378,8 @@ COMM_V4_EXPORT int comm_socket_v4_set_descriptor_reserve(comm_socket_v4* c, int 
 
 // Table of slots. Both are called by the library itself. alloc makes COMM_V4_FIRST_CLIENTS slots
 // and aborts over a table that exists. expand makes up to `add` more, COMM_V4_MAX_CLIENTS in all;
-// may move all records. Returns 0; -1, the table unchanged, when memory runs out or the table is
-// full; errno ENOMEM.
+// may move all records.
+// Returns 0; -1, the table unchanged, when memory runs out or the table is full; errno ENOMEM.
 COMM_V4_EXPORT int comm_socket_v4_alloc_client_list(comm_socket_v4* c);
 COMM_V4_EXPORT int comm_socket_v4_expand_client_list(comm_socket_v4* c, unsigned long add);
 // As the members; the two that return an index do the same. client_is_open does not take null.
@@ -389,10 +390,10 @@ COMM_V4_EXPORT unsigned long comm_socket_v4_client_ptr2index_noerr(
 COMM_V4_EXPORT comm_socket_v4_client* comm_socket_v4_index2client(comm_socket_v4* c,
                                                                   unsigned long index);
 COMM_V4_EXPORT int comm_socket_v4_client_is_open(const comm_socket_v4_client* c);
-// The members of the endpoint, and the fields of the record: the flags as 1 or 0, the time of the
-// accept, the tag, halt, and its two packets, of which a getter gives no reference. The setter of
-// pending_response_packet takes one over, and gives the one of the packet before, if there was one,
-// back to the caller. set_recv_cb is the member.
+// The members of the endpoint, and the fields of the record; set_recv_cb is the member. The setter
+// of pending_response_packet takes a reference over, and gives the one of the packet before, if
+// there was one, back to the caller.
+// Returns what the name says: a flag as 1 or 0, a packet without a reference.
 COMM_V4_EXPORT unsigned long comm_socket_v4_client_maximum_index(const comm_socket_v4* c);
 COMM_V4_EXPORT unsigned long comm_socket_v4_client_allocation_count(const comm_socket_v4* c);
 COMM_V4_EXPORT comm_socket_v4* comm_socket_v4_client_get_server(const comm_socket_v4_client* c);
@@ -445,7 +446,7 @@ COMM_V4_EXPORT int comm_socket_v4_get_server_cred(const comm_socket_v4* c, struc
 
 // A connection that ended, failed or was disconnected stays in its slot, its descriptor open, until
 // the application takes it here, once, in order, and releases it with comm_socket_v4_free_client.
-// Null endpoints, closed ones and others than servers get a line.
+// For null, a closed endpoint and one that is no server a line is logged.
 // Returns the record; null when the list is empty, and once for an entry that a release cancelled:
 // the entries behind it come with the next call.
 COMM_V4_EXPORT comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* c);
@@ -538,8 +539,9 @@ COMM_V4_EXPORT int comm_socket_v4_socketpair_get_remote_end(comm_socket_v4* c);
 COMM_V4_EXPORT void comm_socket_v4_socketpair_close_remote_end(comm_socket_v4* c);
 // Opens a closed endpoint on `fd`, which it owns from then on, and empties the path. Blocking mode,
 // close-on-exec and type of the socket are left as they are. Leave SO_PASSPIDFD off: its
-// descriptors would pile up. Returns 0; -1, and fd is still the caller's, when fd is no socket or
-// the endpoint is open or a server, which stays as it is.
+// descriptors would pile up.
+// Returns 0; -1, and fd is still the caller's, when fd is no socket or the endpoint is open or a
+// server, which stays as it is.
 COMM_V4_EXPORT int comm_socket_v4_connect_use_socketpair(comm_socket_v4* c, int fd);
 
 // --- The application's loop ---------------------------------------------------------------------
@@ -659,17 +661,17 @@ COMM_V4_EXPORT int comm_socket_v4_set_max_descriptors(comm_socket_v4* c, unsigne
 // closed then; -1 when nothing was read, and nothing is lost; errno ENOMEM or that of ioctl(2),
 // EBADF on a closed endpoint included.
 COMM_V4_EXPORT int comm_socket_v4_idle_clientside_read(comm_socket_v4* s);
-// Accepts the received bytes of `p` and copies the header's values into the packet. Flips bits
+// Validates the received bytes of `p` and copies the header's values into the packet. Flips bits
 // first when comm_socket_v4_recv_corrupt_debug is set. Leaves errno and the references alone.
 // Returns 0; -1 for null, no buffer, fewer than COMM_V4_MIN_RECEIVED_PACKET bytes or no NUL behind
-// them, without a line, and for a packet that is not valid, with the line of the validation.
+// them, which is not logged, and for a packet that is not valid, which the validation logs.
 COMM_V4_EXPORT int comm_socket_v4_client_on_recv_packet(comm_socket_v4* s,
                                                         comm_socket_v4_packet* p);
 // Whether every offset, count and length in `p` stays inside it, so that accessors need no checks
 // of their own. `header` is the start of p->buffer; p has at least COMM_V4_MIN_RECEIVED_PACKET
 // bytes and a NUL behind them. Not checked: header_length, flags, ids, types of pairs, overlaps,
-// where a text ends, whether the length of a list is a multiple of 8. Only reads; leaves errno
-// alone. Returns 0; -1 and one debug line that names the first broken rule.
+// where a text ends, whether the length of a list is a multiple of 8. Leaves errno alone.
+// Returns 0; -1 and one debug line that names the first broken rule.
 COMM_V4_EXPORT int comm_socket_v4_validate_packet_contents(
     comm_socket_v4* c, const comm_socket_v4_packet* p, const comm_socket_v4_packet_header* header);
 

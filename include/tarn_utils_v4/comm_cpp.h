@@ -235,7 +235,7 @@ class CommPacketBuilder {
   CommPacketBuilder& multipart(CommMultipart part) {
     return set([&](comm_socket_v4_packet& p) { comm_set_multipart(p, part); });
   }
-  // The same from where the packet stands; one that is both has none.
+  // The same by place; a packet that is both first and last is no part of a series.
   CommPacketBuilder& multipart(bool is_first, bool is_last) {
     if (is_first) return multipart(is_last ? CommMultipart::none : CommMultipart::first);
     return multipart(is_last ? CommMultipart::last : CommMultipart::middle);
@@ -338,7 +338,7 @@ class CommPacketBuilder {
   // Returns it; null when something failed, and when it was called before; errno as the reason has
   // it.
   [[nodiscard]] CommPacket finish();
-  // Whether nothing has failed so far.
+  // Returns whether nothing has failed so far.
   explicit operator bool() const noexcept { return error_.reason == CommPacketReason::none; }
   // Returns what failed first.
   const CommPacketError& error() const noexcept { return error_; }
@@ -592,7 +592,8 @@ class CommPacketReader {
   bool is_request() const noexcept { return has(comm_socket_v4_packet::flag_request); }
   bool is_async() const noexcept { return has(comm_socket_v4_packet::flag_async); }
   CommMultipart multipart() const noexcept { return comm_get_multipart(*packet_); }
-  // Whether nothing of a series comes before it, or behind it; both of a packet that stands alone.
+  // Return whether nothing of its series comes before it, or behind it: both true of a packet that
+  // stands alone.
   bool begins_series() const noexcept {
     return multipart() == CommMultipart::none || multipart() == CommMultipart::first;
   }
@@ -659,8 +660,8 @@ class CommClient {
   // Closes, and forgets what was kept. With packets of the server unread, those of ours that it has
   // not read yet are lost: end with a call, not with a send, where that matters.
   void close() noexcept;
-  // For settings and the log: it stays the client's, and so do the packets that come. Null without
-  // memory.
+  // Returns the endpoint, for settings and the log: it stays the client's, and so do the packets
+  // that come. Null without memory.
   comm_socket_v4* endpoint() const noexcept { return endpoint_.get(); }
 
   // Sends the packet; the caller keeps it. While the socket takes no more what the server sends is
@@ -693,7 +694,7 @@ class CommClient {
   void keep_at_most(std::size_t packets) noexcept { most_kept_ = packets; }
 
  private:
-  // Of that many calls that timed out it is known that their answers are to be dropped.
+  // So many ids of calls that timed out are remembered, to drop their answers.
   static constexpr std::size_t most_given_up = 4096;
   static constexpr unsigned long retry_pause_us = 10000;
 

@@ -72,8 +72,8 @@ typedef enum CommLoopReason COMM_V4_ENUM_BASE {
 // ------------------------------------------------------------------------------------------------
 // What a server, or a connection that was added by itself, may use up. Change what does not fit.
 typedef struct CommLoopLimits {
-  // Of a server. Who is too much is accepted and closed at once. One user, root and the server's
-  // own included, may have half of the places, so that no user keeps all others out.
+  // Of a server. A client beyond these is accepted and closed at once. One user, root and the
+  // server's own included, may have half of the places, so that no user keeps all others out.
   uint32_t clients COMM_V4_DEFAULT(1024);
   uint32_t clients_per_user COMM_V4_DEFAULT(512);
   // How much of one server and of one connection is done before it is the turn of the others; 0
@@ -84,8 +84,8 @@ typedef struct CommLoopLimits {
   // nothing more may be sent to it, until all that is queued has gone.
   uint32_t queued_packets COMM_V4_DEFAULT(64);
   uint64_t queued_bytes COMM_V4_DEFAULT(1048576);
-  // comm_socket_v4_set_max_descriptors: a packet with more is dropped. Whoever is to pass
-  // descriptors to this side has to be allowed to.
+  // comm_socket_v4_set_max_descriptors: a packet with more is dropped. 0 takes none: raise it where
+  // peers are to pass descriptors.
   uint32_t descriptors_per_packet COMM_V4_DEFAULT(0);
   // A client of a server that sends no packet for so long, from its accept on and since its last
   // one, is disconnected, also when it is not read because its queue is full. 0: no limit. A client
@@ -99,7 +99,7 @@ typedef struct CommLoopLimits {
   uint64_t reserved[4] COMM_V4_DEFAULT({});  // 0
 } CommLoopLimits;
 
-// What happened, since it was added to the loop, and what is there.
+// What happened to a member since it was added to the loop, and what is there now.
 typedef struct CommLoopCounters {
   uint64_t accepted COMM_V4_DEFAULT(0);                  // those that were turned away included
   uint64_t turned_away_full COMM_V4_DEFAULT(0);          // CommLoopLimits::clients
@@ -133,7 +133,8 @@ class COMM_V4_EXPORT CommLoopHandler {
   virtual ~CommLoopHandler();
   // A client of a server was accepted, or an endpoint of ours is connected. `who` is the peer as
   // the kernel knows it: who connected, who listens, or who made the pair. It may be sent to from
-  // now on. False turns it away, without an on_gone.
+  // now on.
+  // Returns whether it may stay; false turns it away, without an on_gone.
   virtual bool on_connect(CommLoop& loop, CommLoopId peer, const struct ucred& who);
   // `packet` passed the validation. It is the loop's: take a reference to keep it. It may be sent
   // on as it is, its descriptors included, if nobody has taken them.
@@ -168,9 +169,9 @@ class COMM_V4_EXPORT CommLoop {
   // do. It is the loop's.
   int fd() const;
   // Waits until something is to be done, at most until the deadline, and does a turn of it:
-  // whatever is ready gets its share, and what is left is ready again. Returns 1 when something was
-  // done; 0 at the deadline and when a signal came; -1; errno EBUSY from within a handler, or that
-  // of epoll_wait(2).
+  // whatever is ready gets its share, and what is left is ready again.
+  // Returns 1 when something was done; 0 at the deadline and when a signal came; -1; errno EBUSY
+  // from within a handler, or that of epoll_wait(2).
   int dispatch(unsigned long deadline_us);
   // Dispatches until stop() is called, or was called since the last run. A stop ends one run.
   // Returns 0; -1 as dispatch.
@@ -240,16 +241,17 @@ class COMM_V4_EXPORT CommLoop {
   int disconnect(CommLoopId peer);
   // Ends it once all that is queued has been sent: tells the peer that this is the end
   // (comm_socket_v4_client_end_sending) and waits for it to end, too. What it still sends is
-  // dropped. Returns as disconnect.
+  // dropped.
+  // Returns as disconnect.
   int finish(CommLoopId peer);
   // pause: no packet is handed over, nobody is accepted, no event of a watched descriptor is told,
   // until resume. A pause counts once, however often it is called. That a paused connection has
   // ended may be told only then.
-  // Return 0; -1; errno ENOENT when it has gone, EINVAL for a timer.
+  // Returns 0; -1; errno ENOENT when it has gone, EINVAL for a timer.
   int pause(CommLoopId id);
   int resume(CommLoopId id);
   // A value of the application's for each member, 0 at first.
-  // Return 0 or the tag; -1 or 0 when it has gone, errno ENOENT.
+  // Returns 0, or the tag; -1, or a tag of 0, when the member has gone; errno ENOENT.
   int set_tag(CommLoopId id, std::uint64_t tag);
   std::uint64_t tag(CommLoopId id) const;
   // Returns the client record of a server's client, for comm_socket_v4_client_get_pidfd and the

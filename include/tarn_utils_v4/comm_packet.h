@@ -60,7 +60,7 @@ COMM_V4_CLASS(comm_socket_v4_packet);
 // What is received; longer packets can be sent, and the receiver drops them.
 #define COMM_V4_MIN_RECEIVED_PACKET 64ul
 #define COMM_V4_MAX_RECEIVED_PACKET 65551ul
-// What 32 bits of offset and length hold, and where the value of an argument may start at the last.
+// What 32 bits of offset and length hold, and the last byte where an argument's value may start.
 #define COMM_V4_MAX_PACKET 0xFFFFFFFFul
 #define COMM_V4_MAX_ARGUMENT_OFFSET 0xFFFFFFul
 
@@ -219,8 +219,8 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   comm_socket_v4_packet(const comm_socket_v4_packet&) = delete;
   comm_socket_v4_packet& operator=(const comm_socket_v4_packet&) = delete;
 
-  // Lifetime. The release that reaches 0 destroys and frees the packet; one of a packet whose count
-  // is already 0 says so on standard error and does the same.
+  // Lifetime. The release that reaches 0 destroys and frees the packet; a release of a packet whose
+  // count is already 0 does the same and prints a line to standard error.
   // Returns the new count; 0 when the packet was destroyed.
   int addref();
   int release();
@@ -289,7 +289,7 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   // before, errno untouched.
   int write_begin(const char* command, const char* error_string, std::size_t size_hint);
   // A null or empty text adds nothing.
-  // Returns 0; -1 as said above, here and below where nothing else is said.
+  // Returns 0; -1 as above; so do those below whose text says nothing else.
   int write_argv(const char* text);
   // Formatted text of at most COMM_V4_MAX_FORMATTED_ARGUMENT bytes, which is not cut. The second
   // form takes a va_list. (It is a template so that `write_argvf("%d", 0)` cannot mistake 0 for
@@ -336,11 +336,11 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   // as zeros, never as what the memory held before. It ends with a commit_data that succeeds, with
   // the next reserve_data, write_data_binary or write_end, a send, and a change of the buffer's
   // size. Both may be called again and again, in any mix with write_data_binary; as there no
-  // argument or pair can follow. Returns the room; null in the wrong state, for a length of 0, for
-  // more than COMM_V4_MAX_DATA_PER_WRITE bytes, past COMM_V4_MAX_PACKET and without memory: try
-  // again.
+  // argument or pair can follow.
+  // Returns the room; null in the wrong state, for a length of 0, for more than
+  // COMM_V4_MAX_DATA_PER_WRITE bytes, past COMM_V4_MAX_PACKET and without memory: try again.
   unsigned char* reserve_data(std::size_t most);
-  // Of 0 bytes the room ends, and nothing is added.
+  // With a length of 0 the room ends, and nothing is added.
   // Returns `length`; -1 without a room, and for more than was reserved: the room stays.
   int commit_data(std::size_t length);
   // Completes the packet and runs the completion callback.
@@ -499,7 +499,8 @@ COMM_V4_EXPORT void comm_socket_v4_packet_set_complete_cb(comm_socket_v4_packet*
 
 // Stores how many bytes the packet has in *length, unless `length` is null. Those of a complete
 // packet are what is sent, and what to write to a file; while it is written they are the first
-// ones. Returns them; null, and a length of 0, before a buffer was needed.
+// ones.
+// Returns them; null, and a length of 0, before a buffer was needed.
 COMM_V4_EXPORT const unsigned char* comm_socket_v4_packet_get_buffer(const comm_socket_v4_packet* p,
                                                                      size_t* length);
 // Fills a packet that was never written with a copy of bytes, as if they had been received. Pass it
@@ -579,9 +580,9 @@ COMM_V4_EXPORT const char* comm_socket_v4_packet_get_error_string(const comm_soc
 // Returns the data, or null.
 COMM_V4_EXPORT const unsigned char* comm_socket_v4_packet_get_data(const comm_socket_v4_packet* p,
                                                                    size_t* length);
-// The value of an argument by index, read as its name says, and its entry. As argv_text,
-// argv_uint64, argv_int64, argv_double and argv: what is absent or of another type reads as "", 0,
-// 0.0 or null.
+// As argv_text, argv_uint64, argv_int64, argv_double and argv by index.
+// Returns the value, and the last the entry; "", 0, 0.0 or null for what is absent or of another
+// type.
 COMM_V4_EXPORT const char* comm_socket_v4_packet_get_argv(const comm_socket_v4_packet* p,
                                                           size_t index);
 COMM_V4_EXPORT uint64_t comm_socket_v4_packet_get_argv_uint64(const comm_socket_v4_packet* p,
