@@ -118,7 +118,7 @@ class Connection:
         """Returns when the packet is on its way or queued. A packet with descriptors can be sent
         once. When the peer has gone before all of its packets were taken, what is sent is dropped
         without an error, so that the requests of a peer that sends and leaves are carried out: up
-        to 64 packets before and behind each that is taken. Any other send raises Disconnected."""
+        to 64 packets before and behind each that is taken. After that Disconnected is raised."""
         self._sends += 1
         if self._sends % _SENDS_IN_A_ROW == 0:
             await asyncio.sleep(0)  # Or a task that only sends would never hear of an end.
