@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <new>
+#include <utility>
 
 #include "lib/at_scope_end.h"
 #include "lib/endpoint_internal.h"
@@ -253,7 +254,11 @@ CommLoopId CommLoop::connect(comm_socket_v4* endpoint, const char* path, CommLoo
   epoll = fd();
   CommLoopId id = nobody;
   try {
-    if (connect_endpoint(endpoint, path) == 0) id = add(endpoint, handler, limits);
+    if (connect_endpoint(endpoint, path) == 0) {
+      // Of an earlier connection.
+      CommPacket(std::exchange(endpoint->next_packet, nullptr)).reset();
+      id = add(endpoint, handler, limits);
+    }
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;
   }

@@ -480,6 +480,7 @@ TEST_F(CommLoopTest, AConnectThatMeetsAFullQueueCompletesByItself) {
   comm_socket_v4* const endpoint = prepared.get();
   EXPECT_EQ(Outcome(0, ENOENT),
             outcome([&] { return there(loop.connect(endpoint, "/does/not/exist", handler)); }));
+  endpoint->next_packet = ping_packet().release();  // of an earlier connection
   const CommLoopId own = loop.connect(prepared.release(), address.c_str(), handler);
   EXPECT_EQ(std::make_pair(endpoint, 2), std::make_pair(loop.endpoint(own), +endpoint->log_mask));
   EXPECT_EQ(Outcome(0, EINVAL),

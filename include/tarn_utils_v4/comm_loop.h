@@ -207,7 +207,8 @@ class COMM_V4_EXPORT CommLoop {
   CommLoopId adopt(int descriptor, CommLoopHandler& handler,
                    const CommLoopLimits& limits = CommLoopLimits());
   // connect on a closed endpoint, whose settings stay, those of add excepted; its timeouts are not
-  // looked at. The loop owns it from then on; when it fails it is still the caller's, and closed.
+  // looked at, and a packet that an earlier connection has left is released. The loop owns it from
+  // then on; when it fails it is still the caller's, and closed.
   // Errno also EINVAL for null, and for an open one, which stays as it is.
   CommLoopId connect(comm_socket_v4* endpoint, const char* path, CommLoopHandler& handler,
                      const CommLoopLimits& limits = CommLoopLimits());
