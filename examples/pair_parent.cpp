@@ -1,5 +1,5 @@
 // Starts workers, each joined to it through a socket pair, and has them compute checksums of files
-// that it sends as open descriptors. Who is done gets the next file.
+// that it sends as open descriptors. A worker that is done gets the next file.
 //
 //   pair_parent [--show] WORKER FILE...
 #include <tarn_utils_v4/comm_loop.h>

@@ -2,7 +2,7 @@
 //
 // The packets of a job pass between its client and its worker as they are, their descriptors
 // included. Nothing of a file is kept here but a packet that waits for room, and while one waits no
-// other is read: who reads slowly is worked for slowly, and holds up nobody else.
+// other is read: a slow reader is worked for slowly, and holds up nobody else.
 #ifndef EXAMPLES_JOB_SERVER_JOBS_H
 #define EXAMPLES_JOB_SERVER_JOBS_H
 

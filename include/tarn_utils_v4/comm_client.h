@@ -82,13 +82,13 @@ COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_blocking_answer_to(CommClie
 COMM_V4_EXPORT comm_socket_v4_packet* comm_socket_v4_blocking_next(CommClient* client,
                                                                    uint64_t timeout_us);
 // Drops the response with this message id that was kept, and what of it still comes, up to the last
-// of a series. A call that fails does so by itself; for who waits by answer_to.
+// of a series. A call that fails does so by itself; this is for answer_to.
 COMM_V4_EXPORT void comm_socket_v4_blocking_give_up(CommClient* client, uint64_t id);
 // Returns a message id that no call and no next_id had before; never 0.
 COMM_V4_EXPORT uint64_t comm_socket_v4_blocking_next_id(CommClient* client);
 // How many packets may be kept, COMM_V4_MAX_QUEUED_PACKETS at first. With 0 a send waits for room
-// and reads nothing: for who answers while it reads, and shall be sent no more than its answers are
-// taken. call and answer_to fail then.
+// and reads nothing: for a client that answers what it reads, and shall be sent no more than its
+// answers are taken. call and answer_to fail then.
 COMM_V4_EXPORT void comm_socket_v4_blocking_keep_at_most(CommClient* client, size_t packets);
 
 #ifdef __cplusplus

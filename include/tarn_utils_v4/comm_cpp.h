@@ -138,8 +138,8 @@ constexpr std::uint32_t comm_fourcc(const char (&text)[5]) noexcept {
   return type;
 }
 
-// Returns the first bytes of a packet that was begun, to be written by who alone has the packet;
-// null before. What was sent does not change.
+// Returns the first bytes of a packet that was begun, to be changed while nobody else has the
+// packet; null before. What was sent does not change.
 inline comm_socket_v4_packet_header* comm_get_header(comm_socket_v4_packet& p) noexcept {
   return p.buffer != nullptr && p.buffer_length >= COMM_V4_HEADER_LENGTH
              ? reinterpret_cast<comm_socket_v4_packet_header*>(p.buffer)
@@ -682,15 +682,16 @@ class CommClient {
   // Returns it; null; errno ETIMEDOUT, ENOBUFS, ENOMEM, ENOTCONN, or that of the receive.
   CommPacket answer_to(std::uint64_t id, std::chrono::microseconds timeout);
   // Drops the response with this message id that was kept, and what of it still comes, up to the
-  // last of a series. A call that fails does so by itself; for who waits by answer_to.
+  // last of a series. A call that fails does so by itself; this is for answer_to.
   void give_up(std::uint64_t id) noexcept;
   // Returns the oldest packet that was kept, else the next that comes; null; errno ETIMEDOUT,
   // ENOMEM, ENOTCONN, or that of the receive.
   CommPacket next(std::chrono::microseconds timeout);
   // Returns a message id that no call and no next_id had before; never 0.
   std::uint64_t next_id() noexcept { return ++last_id_; }
-  // How many packets may be kept. With 0 a send waits for room and reads nothing: for who answers
-  // while it reads, and shall be sent no more than its answers are taken. call and answer_to fail.
+  // How many packets may be kept. With 0 a send waits for room and reads nothing: for a client that
+  // answers what it reads, and shall be sent no more than its answers are taken. call and answer_to
+  // fail then.
   void keep_at_most(std::size_t packets) noexcept { most_kept_ = packets; }
 
  private:

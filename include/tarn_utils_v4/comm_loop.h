@@ -228,7 +228,7 @@ class COMM_V4_EXPORT CommLoop {
 
   // Sends now, or puts the packet behind what is queued. The caller keeps its reference; the packet
   // must not be changed until it was sent. A packet with descriptors can be sent once. What the
-  // peer will never read is dropped without an error: that it has gone is told by on_gone.
+  // peer will never read is dropped without an error: on_gone tells that it has gone.
   // Returns 1 when it was sent, 0 when it was queued; -1, nothing sent, the connection as it was;
   // errno ENOENT when it has gone or is going, EAGAIN when its queue is full (on_room tells when it
   // is not), EINVAL for null, a packet that is not complete and an id of no connection, EMSGSIZE
@@ -245,9 +245,9 @@ class COMM_V4_EXPORT CommLoop {
   // dropped.
   // Returns as disconnect.
   int finish(CommLoopId peer);
-  // pause: no packet is handed over, nobody is accepted, no event of a watched descriptor is told,
-  // until resume. A pause counts once, however often it is called. That a paused connection has
-  // ended may be told only then.
+  // pause: until resume no packet is handed over, nobody is accepted, no event of a watched
+  // descriptor is reported, and perhaps no end of a connection. A pause counts once, however often
+  // it is called.
   // Returns 0; -1; errno ENOENT when it has gone, EINVAL for a timer.
   int pause(CommLoopId id);
   int resume(CommLoopId id);
