@@ -493,6 +493,7 @@ COMM_V4_EXPORT int comm_socket_v4_connect_to(comm_socket_v4* c, const char* path
 // From the start of connect_to, in microseconds, 0 for none. The first makes it fail; the second
 // makes it return 0 with the connection pending. Of equal ones the first wins. An expired one is
 // noticed at the next try, up to 10 ms later. Close keeps both.
+// Returns the timeout.
 COMM_V4_EXPORT void comm_socket_v4_set_connect_timeout(comm_socket_v4* c, uint64_t usec);
 COMM_V4_EXPORT void comm_socket_v4_set_connect_timeout_routine(comm_socket_v4* c, uint64_t usec);
 COMM_V4_EXPORT uint64_t comm_socket_v4_get_connect_timeout(const comm_socket_v4* c);

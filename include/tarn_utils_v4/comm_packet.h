@@ -472,10 +472,11 @@ COMM_V4_EXPORT void comm_socket_v4_packet_make_response(comm_socket_v4_packet* p
 // Set when v is above 0, cleared otherwise.
 COMM_V4_EXPORT void comm_socket_v4_packet_set_request(comm_socket_v4_packet* p, int v);
 COMM_V4_EXPORT void comm_socket_v4_packet_set_async(comm_socket_v4_packet* p, int v);
-// The fields. set_flags replaces all of them, set_multipart only the multipart value, of which the
-// lowest two bits count. set_write_state is for a received packet that is sent on: with
-// comm_v4_write_state_end that warns of nothing. set_complete_cb and the two of the signature are
-// the members.
+// The fields; set_complete_cb and the two of the signature are the members. set_flags replaces all
+// flags, set_multipart only the multipart value, of which the lowest two bits count.
+// set_write_state is for a received packet that is sent on: with comm_v4_write_state_end the send
+// warns of nothing.
+// Returns the field.
 COMM_V4_EXPORT uint32_t comm_socket_v4_packet_get_flags(const comm_socket_v4_packet* p);
 COMM_V4_EXPORT void comm_socket_v4_packet_set_flags(comm_socket_v4_packet* p, uint32_t flags);
 COMM_V4_EXPORT uint32_t comm_socket_v4_packet_get_multipart(const comm_socket_v4_packet* p);
