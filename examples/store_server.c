@@ -124,7 +124,10 @@ static int serve(CommLoop* loop, CommLoopHandler* handler, const char* path) {
   struct sigaction action = {.sa_handler = on_signal};
   if (sigaction(SIGTERM, &action, NULL) != 0 || sigaction(SIGINT, &action, NULL) != 0)
     return fail("sigaction");
-  return comm_socket_v4_loop_run(loop) == 0 ? EXIT_SUCCESS : fail("run");
+  const int status = comm_socket_v4_loop_run(loop) == 0 ? EXIT_SUCCESS : fail("run");
+  signal(SIGTERM, SIG_IGN); /* The loop goes now. */
+  signal(SIGINT, SIG_IGN);
+  return status;
 }
 
 int main(int argc, char** argv) {
