@@ -372,6 +372,9 @@ open("odd", "wb").write(struct.pack("<IIQQQIIIBIHIII", 0xABCD0201, 63, 2**64 - 1
 END
 json_of good > good.json
 json_of odd > odd.json
+cp good mute
+patch mute 63 '\0'
+check "an empty command is not lost" grep -q '^{"packet_base64"' <(json_of mute)
 json_of evil > evil.json
 start json serve -f json --json odd.json json
 start between proxy -f none --save sent between json

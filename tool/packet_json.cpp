@@ -73,7 +73,8 @@ class JsonPacket {
     add_list("arguments", read_.arguments(), [this](auto& value) { add_argument(value); });
     add_list("pairs", read_.pairs(), [this](auto& pair) { add_pair(pair); });
     add_bytes("data", read_.data().as_characters(), false);
-    if (!has_room()) {
+    // A writer leaves an empty command out.
+    if (!has_room() || read_.command().empty()) {
       json_ = "{";
       add_bytes("packet", {reinterpret_cast<const char*>(packet_.buffer), packet_.buffer_length},
                 true);
