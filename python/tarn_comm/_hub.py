@@ -98,8 +98,12 @@ class Hub:
 
     def check(self) -> None:
         """Another thread, and a forked child, would break what the library does."""
-        if threading.get_ident() != self._thread:
+        if not self.is_here():
             raise RuntimeError("used outside the thread, or the process, of its event loop")
+
+    def is_here(self) -> bool:
+        """Whether this is the thread, and the process, of the event loop."""
+        return threading.get_ident() == self._thread
 
     def leave_to_parent(self) -> None:
         """In a forked child."""
@@ -115,6 +119,8 @@ class Hub:
         lib.loop_destroy(pointer)
 
     def _dispatch(self) -> None:
+        if not self.is_here():
+            return  # A forked child goes on with the event loop, and what comes is its parent's.
         if lib.loop_dispatch(self.pointer, 0) < 0:
             raise last_error()
         failures, self.failures = self.failures, []

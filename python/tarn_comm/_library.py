@@ -7,9 +7,10 @@ ctypes copies what it takes for a text.
 from __future__ import annotations
 
 import ctypes
+import operator
 from ctypes import (POINTER, Structure, c_char_p, c_double, c_int, c_int64, c_size_t,
                     c_uint, c_uint8, c_uint16, c_uint32, c_uint64, c_ulong, c_void_p)
-from typing import Any, Callable, List
+from typing import Any, Callable, List, SupportsIndex
 
 # use_errno: the errno of a call is kept for ctypes.get_errno, whatever Python does meanwhile.
 _LIBRARY = ctypes.CDLL("libtarn_utils_v4_comm.so.1", use_errno=True)
@@ -59,6 +60,21 @@ class CommLoopLimits(Structure):
                 ("descriptors_per_packet", c_uint32), ("first_packet_us", c_uint64),
                 ("idle_us", c_uint64), ("connect_us", c_uint64), ("finish_us", c_uint64),
                 ("reserved", c_uint64 * 4)]
+
+
+def as_int(number: SupportsIndex) -> int:
+    """A number that fits into an int: ctypes would cut it to one in silence."""
+    fitting = operator.index(number)
+    if not -1 << 31 <= fitting < 1 << 31:
+        raise OverflowError(f"{fitting} is no int")
+    return fitting
+
+
+def as_unsigned(number: SupportsIndex, bits: int = 32) -> int:
+    fitting = operator.index(number)
+    if not 0 <= fitting < 1 << bits:
+        raise OverflowError(f"{fitting} is no uint{bits}")
+    return fitting
 
 
 def _numbers(*names: str) -> List[Any]:

@@ -119,6 +119,8 @@ class Connection:
         once. When the peer has gone before all of its packets were taken, what is sent is dropped
         without an error, so that the requests of a peer that sends and leaves are carried out: up
         to 64 packets before and behind each that is taken. After that Disconnected is raised."""
+        if not isinstance(packet, Packet):
+            raise TypeError(f"what is sent is a Packet, not {type(packet).__name__}")
         self._sends += 1
         if self._sends % _SENDS_IN_A_ROW == 0:
             await asyncio.sleep(0)  # Or a task that only sends would never hear of an end.
@@ -272,8 +274,9 @@ class Connection:
             raise self._ending()
 
     def _tell(self, function: Callable[..., Any]) -> None:
-        """Tells the loop, unless it has gone, with the event loop, before its connections."""
-        if self._hub.pointer is not None:
+        """Tells the loop, unless it has gone, with the event loop, before its connections, or is
+        that of the parent, whose coroutines end in a forked child, too."""
+        if self._hub.pointer is not None and self._hub.is_here():
             function(self._hub.pointer, self._id)
 
     def _ending(self) -> Exception:
@@ -532,10 +535,10 @@ class Server:
         endpoint = None
         try:
             endpoint = open_endpoint(self._log)
-            lib.set_socket_mode(endpoint, self._mode)
+            lib.set_socket_mode(endpoint, lib.as_unsigned(self._mode))
             if self._group is not None:
-                lib.set_socket_group(endpoint, self._group)
-            lib.set_listen_backlog(endpoint, self._backlog)
+                lib.set_socket_group(endpoint, lib.as_unsigned(self._group))
+            lib.set_listen_backlog(endpoint, lib.as_int(self._backlog))
             if lib.create_server(endpoint, self._path) != 0:
                 raise last_error(os.fsdecode(self._path))
             member.add(endpoint)

@@ -8,13 +8,12 @@ import select
 import socket
 import threading
 import time
-from contextlib import contextmanager
 from types import TracebackType
-from typing import Any, Callable, Iterator, Optional, Type, Union
+from typing import Any, Callable, Iterator, NoReturn, Optional, Type, Union
 
 from . import _library as lib
 from .errors import Disconnected, error_of, last_error
-from .packet import Argument, Packet
+from .packet import Argument, Packet, UInt64
 from .peer import Peer
 
 Address = Union[str, bytes, "os.PathLike[str]", socket.socket]
@@ -85,23 +84,24 @@ class Client:
                  max_descriptors: int = lib.MAX_SEND_FDS, log: str = "normal"):
         """With `wait_for_server` it tries until a server is there. A packet that brings more than
         `max_descriptors` is dropped."""
-        self._client: Optional[int] = None
+        self._pointer: Optional[int] = None
         self._in_use = threading.Lock()
         self._sending = select.POLLOUT | (select.POLLIN if keep > 0 else 0)
         self.timeout = timeout
         endpoint = open_endpoint(log)
         try:
-            if lib.set_max_descriptors(endpoint, max_descriptors) != 0:
+            keep = lib.as_unsigned(keep, 64)
+            if lib.set_max_descriptors(endpoint, lib.as_unsigned(max_descriptors)) != 0:
                 raise last_error()
             if isinstance(address, socket.socket):
                 take_socket_over(endpoint, address)
-            self._client = lib.blocking_create(endpoint)
-            if self._client is None:
+            self._pointer = lib.blocking_create(endpoint)
+            if self._pointer is None:
                 raise MemoryError
         except BaseException:
             lib.destroy(endpoint)
             raise
-        lib.blocking_keep_at_most(self._client, keep)
+        lib.blocking_keep_at_most(self._pointer, keep)
         if not isinstance(address, socket.socket):
             try:
                 self._connect(os.fsencode(address), wait_for_server)
@@ -114,7 +114,7 @@ class Client:
         if b"\0" in path:
             raise ValueError("a path with a NUL in it")
         deadline = _Deadline(self.timeout)
-        while lib.blocking_connect(self._client, path, 0, 0) != 0:
+        while lib.blocking_connect(self._pointer, path, 0, 0) != 0:
             error = ctypes.get_errno()
             is_missing = error in (errno.ENOENT, errno.ECONNREFUSED)
             if error != errno.ETIMEDOUT and not (is_missing and wait_for_server):
@@ -128,12 +128,13 @@ class Client:
         """Sends a packet. While the socket takes no more what the server sends is read and kept, so
         that two who send to each other do not wait for ever. A packet that was received and is sent
         on costs a warning in the log."""
-        with self._using() as client:
-            self._send(client, packet, self._deadline(timeout))
+        with self._using():
+            self._send(self._client, packet, self._deadline(timeout))
 
     def next(self, timeout: Optional[float] = _DEFAULT) -> Packet:
         """The oldest packet that was kept, else the next that comes."""
-        with self._using() as client:
+        with self._using():
+            client = self._client
             return self._receive(client, self._deadline(timeout), lib.blocking_next, client, 0)
 
     def call(self, command: str, *args: Argument, timeout: Optional[float] = _DEFAULT,
@@ -142,7 +143,8 @@ class Client:
         with its message id. Further parts of an answer come from answer_to(answer.message_id). An
         answer that comes when its call has failed is dropped; the request may have been carried
         out all the same."""
-        with self._using() as client:
+        with self._using():
+            client = self._client
             deadline = self._deadline(timeout)
             message_id = lib.blocking_next_id(client)
             request = Packet(command, *args, message_id=message_id, **fields)
@@ -156,49 +158,50 @@ class Client:
     def answer_to(self, message_id: int, timeout: Optional[float] = _DEFAULT) -> Packet:
         """Waits for a response with this message id, and looks at what was kept first. For further
         parts, and for packets that were sent with an id of next_id()."""
-        with self._using() as client:
-            return self._answer_to(client, message_id, self._deadline(timeout))
+        with self._using():
+            return self._answer_to(self._client, UInt64(message_id), self._deadline(timeout))
 
     def give_up(self, message_id: int) -> None:
         """Responses with this message id are dropped from now on, up to the last of a series."""
-        with self._using() as client:
-            lib.blocking_give_up(client, message_id)
+        with self._using():
+            lib.blocking_give_up(self._client, UInt64(message_id))
 
     def next_id(self) -> int:
         """A message id that no call and no next_id() had before; never 0."""
-        with self._using() as client:
-            return lib.blocking_next_id(client)  # type: ignore[no-any-return]
+        with self._using():
+            return lib.blocking_next_id(self._client)  # type: ignore[no-any-return]
 
     def fileno(self) -> int:
         """The socket, to wait for; it stays the client's. What was kept does not make it
         readable."""
-        with self._using() as client:
-            return self._fileno(client)
+        with self._using():
+            return self._fileno(self._client)
 
     @property
     def is_connected(self) -> bool:
         """Whether there is a connection whose end has not been read."""
-        if self._client is None:
+        if self._pointer is None:
             return False
-        with self._using() as client:
-            return bool(lib.blocking_is_connected(client))
+        with self._using():
+            return bool(lib.blocking_is_connected(self._client))
 
     @property
     def peer(self) -> Peer:
         """Who listens there, or made the pair."""
-        with self._using() as client:
+        with self._using():
             who = lib.Ucred()
-            if lib.get_server_cred(lib.blocking_get_endpoint(client), who) != 0:
+            if lib.get_server_cred(lib.blocking_get_endpoint(self._client), who) != 0:
                 raise last_error()
             return Peer(who.pid, who.uid, who.gid)
 
     def close(self) -> None:
         """Does nothing a second time."""
-        if self._client is None:
+        if self._pointer is None:
             return
-        with self._using() as client:
-            self._client = None
-            lib.blocking_destroy(client)
+        with self._using():
+            pointer, self._pointer = self._pointer, None
+            if pointer is not None:
+                lib.blocking_destroy(pointer)
 
     def __enter__(self) -> Client:
         return self
@@ -217,20 +220,26 @@ class Client:
             yield packet
 
     def __del__(self, destroy: Callable[[int], None] = lib.blocking_destroy) -> None:
-        client = getattr(self, "_client", None)
-        if client is not None:
-            destroy(client)
+        pointer = getattr(self, "_pointer", None)
+        if pointer is not None:
+            destroy(pointer)
 
-    @contextmanager
-    def _using(self) -> Iterator[int]:
-        if not self._in_use.acquire(blocking=False):
+    def __reduce__(self) -> NoReturn:
+        raise TypeError("a Client is not copied or pickled")
+
+    def _using(self) -> threading.Lock:
+        """For `with`, at once: what a signal handler raises never leaves the lock taken, as it
+        might do in an acquire() or __enter__ of Python. Two threads that both find it free take
+        turns."""
+        if self._in_use.locked():
             raise RuntimeError("another thread, or the one that was interrupted, uses this client")
-        try:
-            if self._client is None:
-                raise error_of(errno.ENOTCONN)
-            yield self._client
-        finally:
-            self._in_use.release()
+        return self._in_use
+
+    @property
+    def _client(self) -> int:
+        if self._pointer is None:
+            raise error_of(errno.ENOTCONN)
+        return self._pointer
 
     def _deadline(self, timeout: Optional[float]) -> _Deadline:
         return _Deadline(self.timeout if timeout is _DEFAULT else timeout)
@@ -249,10 +258,12 @@ class Client:
             left = deadline.left()
             if left == 0:
                 raise error_of(errno.ETIMEDOUT)
-            if poll.poll(None if left is None else min(int(left * 1000) + 1, _LONGEST_POLL_MS)):
+            if poll.poll(None if left is None else int(min(left * 1000, _LONGEST_POLL_MS)) + 1):
                 return
 
     def _send(self, client: int, packet: Packet, deadline: _Deadline) -> None:
+        if not isinstance(packet, Packet):
+            raise TypeError(f"what is sent is a Packet, not {type(packet).__name__}")
         slice_us = 0
         while lib.blocking_send(client, packet._handle.pointer, slice_us) != 0:
             if ctypes.get_errno() != errno.ETIMEDOUT:

@@ -4,7 +4,7 @@ from __future__ import annotations
 import os
 import warnings
 from types import TracebackType
-from typing import Optional, Type
+from typing import NoReturn, Optional, Type
 
 
 class Descriptor:
@@ -60,6 +60,9 @@ class Descriptor:
             return
         warnings.warn(f"unclosed {self!r}", ResourceWarning, source=self)
         self.close()
+
+    def __reduce__(self) -> NoReturn:
+        raise TypeError("a Descriptor is not copied or pickled: each closes its own")
 
     def __repr__(self) -> str:
         return f"<Descriptor {'closed' if self.closed else self._fd}>"

@@ -5,7 +5,7 @@ import ctypes
 import enum
 import errno
 import os
-from typing import Optional
+from typing import Any, Optional, Tuple
 
 
 class Reason(enum.Enum):
@@ -33,6 +33,9 @@ class PacketError(OSError, ValueError):
         where = f"{part} {index}" if part in ("argument", "pair", "descriptor") else part
         super().__init__(error, f"{where}: {reason.value}")
         self.reason, self.part, self.index = reason, part, index
+
+    def __reduce__(self) -> Tuple[Any, ...]:
+        return type(self), (self.reason, self.part, self.index, self.errno)
 
 
 class Disconnected(ConnectionError):

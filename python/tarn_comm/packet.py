@@ -8,8 +8,8 @@ import errno
 import json
 import operator
 import struct
-from typing import (Any, Dict, Iterable, Iterator, List, Mapping, Optional, Protocol, Sequence,
-                    SupportsIndex, Tuple, Union, cast)
+from typing import (Any, Dict, Iterable, Iterator, List, Mapping, NoReturn, Optional, Protocol,
+                    Sequence, SupportsIndex, Tuple, Union, cast)
 
 from . import _library as lib
 from .descriptor import Descriptor
@@ -57,6 +57,9 @@ class FourCC(bytes):
         this.code = code
         return this
 
+    def __getnewargs__(self) -> Tuple[int, bytes]:  # type: ignore[override]
+        return self.code, bytes(self)
+
     def __repr__(self) -> str:
         return f"FourCC({self.code:#x}, {bytes(self)!r})"
 
@@ -78,7 +81,7 @@ Value = Union[str, Json, bytes, FourCC, List[int], List[UInt64], List[float]]
 # that of an empty one comes from an array.array of the type "q", "Q" or "d".
 PairValue = Union[str, bytes, bytearray, memoryview, int, float, Sequence[int], Sequence[float],
                   "array.array[Any]"]
-PairsToWrite = Union[Mapping[str, PairValue], Iterable[Tuple[str, PairValue]]]
+PairsToWrite = Union["Pairs", Mapping[str, PairValue], Iterable[Tuple[str, PairValue]]]
 
 
 class HasFileno(Protocol):
@@ -131,7 +134,10 @@ class Handle:
         self.pointer = pointer
 
     def __del__(self, release: Any = lib.packet_release) -> None:
-        release(self.pointer)
+        release(getattr(self, "pointer", None))  # None when __init__ was interrupted.
+
+    def __reduce__(self) -> NoReturn:
+        raise TypeError("a packet is not copied or pickled; bytes(packet) and from_bytes() are")
 
 
 class _Window(ctypes.c_ubyte * (lib.MAX_RECEIVED_PACKET + 1)):  # type: ignore[misc]
@@ -200,9 +206,9 @@ class Pairs:
             raise KeyError(name)
         return self._value(self._entries[found[0]])
 
-    def get(self, name: str) -> Optional[Value]:
+    def get(self, name: str, default: Optional[Value] = None) -> Optional[Value]:
         found = self._find(name)
-        return self._value(self._entries[found[0]]) if found else None
+        return self._value(self._entries[found[0]]) if found else default
 
     def get_all(self, name: str) -> List[Value]:
         return [self._value(self._entries[i]) for i in self._find(name)]
@@ -215,6 +221,11 @@ class Pairs:
 
     def __repr__(self) -> str:
         return f"<Pairs of {len(self)}>"
+
+    def as_they_are(self) -> Iterator[Tuple[str, int, memoryview]]:
+        """Names, types and bytes."""
+        return ((self._name(entry), entry[3], self._bytes[entry[1]:entry[1] + entry[2]])
+                for entry in self._entries)
 
     def _find(self, name: str) -> List[int]:
         if self._index is None:
@@ -254,13 +265,15 @@ class Packet:
     empty text does not fit: the library would leave it out, and what follows would move up.
 
     args          text, int (an int64), UInt64 or float (a double)
-    pairs         a mapping, or names and values in a row; see PairValue and Pairs
+    pairs         a mapping, or names and values in a row; see PairValue. Those of another packet go
+                  byte by byte
     data          bytes, or what has a buffer
     descriptors   at most 8 numbers or open files. Duplicates go into the packet, what is given
                   stays the caller's. Once the packet was sent they are closed: it cannot be sent
                   again
     user_flags    bits 4 to 31
 
+    A packet is not copied or pickled: bytes(packet) and from_bytes() do that, without descriptors.
     Packets that were received have passed validation, which says nothing of what their values mean.
     """
 
@@ -446,9 +459,7 @@ class _Writer:
             raise PacketError(Reason.TOO_MANY, "argument", lib.MAX_ARGUMENTS)
         for index, argument in enumerate(args):
             self._write_argument(argument, index)
-        named = pairs.items() if isinstance(pairs, Mapping) else pairs
-        for index, (name, value) in enumerate(named):
-            self._write_pair(name, value, index)
+        self._write_pairs(pairs)
         self._write_data(data)
         for index, descriptor in enumerate(descriptors):
             self._attach(descriptor, index)
@@ -476,13 +487,24 @@ class _Writer:
         if done != 0:
             raise MemoryError
 
-    def _write_pair(self, name: str, value: PairValue, index: int) -> None:
+    def _write_pairs(self, pairs: PairsToWrite) -> None:
+        if isinstance(pairs, Pairs):
+            for index, (name, kind, value) in enumerate(pairs.as_they_are()):
+                self._reserve(len(value), "pair", index)
+                self._write_pair(name, kind, bytes(value), index)
+            return
+        named = pairs.items() if isinstance(pairs, Mapping) else pairs
+        for index, (name, given) in enumerate(named):
+            kind, encoded = self._encode_value(given, index)
+            self._reserve(len(encoded), "pair", index)
+            self._write_pair(name, kind, encoded, index)
+
+    def _write_pair(self, name: str, kind: int, value: bytes, index: int) -> None:
         if index >= lib.MAX_PAIRS:
             raise PacketError(Reason.TOO_MANY, "pair", index)
         named = encode_checked(name, lib.MAX_NAME, "pair", index)
-        kind, written = self._encode_value(value, index)
-        self._reserve(len(named) + len(written), "pair", index)
-        if lib.packet_write_nv_pair_raw(self._pointer, named, written, len(written), kind) != 0:
+        self._reserve(len(named), "pair", index)
+        if lib.packet_write_nv_pair_raw(self._pointer, named, value, len(value), kind) != 0:
             raise MemoryError
 
     @staticmethod
@@ -519,7 +541,9 @@ class _Writer:
     def _attach(self, descriptor: Union[int, HasFileno], index: int) -> None:
         if index >= lib.MAX_ATTACHED_FDS:
             raise PacketError(Reason.TOO_MANY, "descriptor", index)
-        fd = descriptor if isinstance(descriptor, int) else descriptor.fileno()
+        if not isinstance(descriptor, int) and not hasattr(descriptor, "fileno"):
+            raise TypeError(f"{type(descriptor).__name__} has no descriptor")
+        fd = lib.as_int(descriptor if isinstance(descriptor, int) else descriptor.fileno())
         ctypes.set_errno(errno.EBADF)  # What a negative one fails with.
         if not lib.packet_attach_fd_to_send_cloexec(self._pointer, fd):
             raise PacketError(Reason.LACKS_DESCRIPTOR, "descriptor", index, ctypes.get_errno())

@@ -318,14 +318,17 @@ def test_wrong_use_is_an_exception(path):
             if use != connection.next_id:
                 with pytest.raises(RuntimeError):
                     await in_thread(use)
+        await connection.call("ask")
         child = os.fork()
         if child == 0:
+            server.clients[0]._finish()  # As when its task is cancelled at the end of the child.
             try:
                 connection.abort()
             except RuntimeError:
                 os._exit(7)
             os._exit(1)
         assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 7
+        await connection.call("ask")
         await connection.close()
         await connection.close()
         for use in connection.next, lambda: connection.send(Packet("a")):

@@ -1,8 +1,11 @@
 """The blocking client, against servers in C and C++."""
 import errno
+import itertools
+import math
 import os
 import signal
 import socket
+import sys
 import threading
 import time
 
@@ -139,8 +142,39 @@ def test_a_signal_handler_ends_a_call(call, path):
     signal.signal(signal.SIGUSR1, old)
 
 
+def test_an_interrupted_client_can_be_used():
+    """A signal handler runs where a function begins, and behind one of C."""
+    client, other = pair()
+
+    def interrupt(frame, event, argument):
+        nonlocal left
+        left -= event in ("call", "c_return") and frame.f_code.co_name != "__del__"
+        if left == 0:
+            raise Interrupt
+
+    for point in itertools.count(1):
+        left = point
+        other.send(Packet("a"))
+        try:
+            sys.setprofile(interrupt)
+            client.next()
+        except Interrupt:
+            pass
+        finally:
+            sys.setprofile(None)
+        assert client.is_connected
+        if left > 0:
+            break
+    assert point > 10
+    client.close(), other.close()
+
+
 def test_wrong_use_is_an_exception():
     client, other = pair()
+    with pytest.raises(OverflowError):
+        client.answer_to(1 << 64)
+    with pytest.raises(TypeError):
+        client.send(b"a")
     thread = threading.Thread(target=lambda: pytest.raises(Disconnected, client.next, None))
     thread.start()
     until(client._in_use.locked)
@@ -162,13 +196,17 @@ def test_wrong_use_is_an_exception():
                 Client(bad)
     with pytest.raises(ValueError):
         Client("a", log="loud")
-    with pytest.raises(OSError):
-        Client("a", max_descriptors=61)
+    for bad, error in ((dict(max_descriptors=61), OSError), (dict(keep=-1), OverflowError),
+                       (dict(max_descriptors=1 << 32), OverflowError)):
+        with pytest.raises(error):
+            Client("a", **bad)
 
 
 def test_times_are_kept():
     client, other = pair()
     with client, other:
+        threading.Timer(0.1, other.send, (Packet("a"),)).start()
+        assert client.next(math.inf).command == "a"
         begun = time.monotonic()
         with pytest.raises(TimeoutError):
             client.next(0.05)

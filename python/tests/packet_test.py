@@ -1,7 +1,10 @@
 """What packets of Python hold, read by the independent reader, and what they refuse."""
 import array
+import copy
 import errno
 import os
+import pickle
+import socket
 import struct
 
 import pytest
@@ -56,9 +59,8 @@ def test_what_is_read_is_what_was_written():
         assert (packet.multipart, packet.is_request, packet.is_async, packet.user_flags) == (
             Multipart.MIDDLE, False, True, 1 << 31)
         assert (packet.error_code, packet.error_string, packet.is_last) == (4, "broken", False)
-        typed = [pair for pair in packet.pairs.items() if pair[1] != []]
-        again = Packet(packet.command, *packet.args, pairs=typed, data=packet.data)
-        assert list(again.pairs.items()) == typed
+        again = Packet(packet.command, *packet.args, pairs=packet.pairs, data=packet.data)
+        assert list(again.pairs.as_they_are()) == list(packet.pairs.as_they_are())
     # Data is in place, and outlives the packet.
     data = rich().data
     assert data == b"some data" and data.readonly
@@ -121,8 +123,26 @@ def test_types_are_not_guessed():
             UInt64(bad)
         with pytest.raises(OverflowError):
             Packet("a", message_id=bad)
+    for bad, error in (1 << 32, OverflowError), ("0", TypeError):
+        with pytest.raises(error):
+            Packet("a", descriptors=[bad])
     with pytest.raises(UnicodeEncodeError):
         Packet("a", "\ud800")
+
+
+def test_what_is_owned_once_is_not_copied():
+    here, there = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    with there, tarn_comm.Client(here) as client, tarn_comm.Descriptor(os.dup(0)) as descriptor:
+        for owner in rich(), rich().pairs, client, descriptor:
+            for copy_it in copy.deepcopy, pickle.dumps:
+                with pytest.raises(TypeError):
+                    copy_it(owner)
+        for owner in client, descriptor:
+            with pytest.raises(TypeError):
+                copy.copy(owner)
+    error = pickle.loads(pickle.dumps(PacketError(Reason.TOO_MANY, "pair", 4095, errno.EMSGSIZE)))
+    assert (error.reason, error.index, error.errno) == (Reason.TOO_MANY, 4095, errno.EMSGSIZE)
+    assert copy.copy(FourCC("rgba", b"x")).code == FourCC("rgba").code
 
 
 def test_bytes_of_a_peer_are_checked_and_not_believed():
