@@ -21,8 +21,9 @@ help() of each class and function says what it does: of Packet, Client, connect,
 Connection, Limits, Descriptor and others. For all of them:
 
 - Times are in seconds, None waits for ever.
-- Addresses are paths, with a leading "@" abstract names, or a connected socket of the type
-  SOCK_SEQPACKET, such as an end of socket.socketpair(), which is taken over.
+- Addresses are paths, with a leading "@" abstract names, or a socket of the type SOCK_SEQPACKET,
+  which is taken over: a connected one, such as an end of socket.socketpair(), and for a server one
+  that listens.
 - Text is str, and UTF-8 in the packet. Bytes of a peer that are not UTF-8 come as surrogates, as
   from os.fsdecode, and go out as they came.
 - Failures are OSError with an errno. Of its subclasses PacketError says what a packet cannot hold,
@@ -30,9 +31,9 @@ Connection, Limits, Descriptor and others. For all of them:
   Python for ECONNREFUSED, EPIPE and so on come, too. A failure of what is sent as a packet (its
   error_code) is none. What has the wrong type is a TypeError, a number beyond 64 bits an
   OverflowError. When something is closed every call on it fails with ENOTCONN.
-- Threads: a Packet may be read by any; a Client is used by one at a time, and raises RuntimeError
-  in a second; what belongs to asyncio is used by the thread of its event loop only, and raises
-  RuntimeError elsewhere. Nothing here starts a thread.
+- Threads: a Packet may be read by any, and its descriptors taken by one; a Client is used by one at
+  a time, and raises RuntimeError in a second; what belongs to asyncio is used by the thread of its
+  event loop only, and raises RuntimeError elsewhere. Nothing here starts a thread.
 - Fork: a child may use no connection or server of its parent. It may drop them, which does nothing
   to the parent.
 - The library logs to standard error; `log` is "normal", "debug" or "quiet".

@@ -500,7 +500,7 @@ OnClient = Callable[[Connection], Awaitable[None]]
 
 
 class Server:
-    """Listens at a path while its block runs, with a task of `on_client` for each client.
+    """Listens at an address while its block runs, with a task of `on_client` for each client.
 
         async with Server(path, on_client, limits=Limits(idle=600)) as server:
             await server.wait()
@@ -510,6 +510,9 @@ class Server:
     not, when the client has gone. The end of the client does not cancel the coroutine: its next
     await on the client raises, or ends the iteration.
 
+    address                 a path, a name, or a local socket of the type SOCK_SEQPACKET that
+                            listens already, such as one that a service manager passed: it is
+                            taken over, with its mode, group and backlog; its file is left alone
     mode, group, backlog    as comm_socket_v4_set_socket_mode and so on have it
     allow                   is asked about each peer, within the accept: False turns it away
     log                     "normal", "debug" or "quiet"
@@ -518,11 +521,11 @@ class Server:
     opening may wait for two seconds, for another that opens in the same directory.
     """
 
-    def __init__(self, path: Union[str, bytes, "os.PathLike[str]"], on_client: OnClient, *,
-                 limits: Optional[Limits] = None, mode: int = 0o666, group: Optional[int] = None,
-                 backlog: int = 0, allow: Optional[Callable[[Peer], bool]] = None,
-                 log: str = "normal"):
-        self._path = _path_of(path)
+    def __init__(self, address: Address, on_client: OnClient, *, limits: Optional[Limits] = None,
+                 mode: int = 0o666, group: Optional[int] = None, backlog: int = 0,
+                 allow: Optional[Callable[[Peer], bool]] = None, log: str = "normal"):
+        self._address: Union[socket.socket, bytes] = (
+            address if isinstance(address, socket.socket) else _path_of(address))
         self._on_client, self._allow = on_client, allow
         self._limits = limits or Limits()
         self._mode, self._group, self._backlog, self._log = mode, group, backlog, log
@@ -535,12 +538,7 @@ class Server:
         endpoint = None
         try:
             endpoint = open_endpoint(self._log)
-            lib.set_socket_mode(endpoint, lib.as_unsigned(self._mode))
-            if self._group is not None:
-                lib.set_socket_group(endpoint, lib.as_unsigned(self._group))
-            lib.set_listen_backlog(endpoint, lib.as_int(self._backlog))
-            if lib.create_server(endpoint, self._path) != 0:
-                raise last_error(os.fsdecode(self._path))
+            self._listen(endpoint)
             member.add(endpoint)
         except BaseException:
             lib.destroy(endpoint)
@@ -548,6 +546,19 @@ class Server:
             raise
         self._member = member
         return self
+
+    def _listen(self, endpoint: int) -> None:
+        if isinstance(self._address, socket.socket):
+            if lib.use_server_socket(endpoint, self._address.fileno()) != 0:
+                raise last_error()
+            self._address.detach()
+            return
+        lib.set_socket_mode(endpoint, lib.as_unsigned(self._mode))
+        if self._group is not None:
+            lib.set_socket_group(endpoint, lib.as_unsigned(self._group))
+        lib.set_listen_backlog(endpoint, lib.as_int(self._backlog))
+        if lib.create_server(endpoint, self._address) != 0:
+            raise last_error(os.fsdecode(self._address))
 
     async def __aexit__(self, kind: Optional[Type[BaseException]], value: Optional[BaseException],
                         trace: Optional[TracebackType]) -> None:
@@ -652,11 +663,10 @@ class _Listening(_Connections):
             self.remove()
 
 
-async def serve(path: Union[str, bytes, "os.PathLike[str]"], on_client: OnClient, *,
-                limits: Optional[Limits] = None, mode: int = 0o666, group: Optional[int] = None,
-                backlog: int = 0, allow: Optional[Callable[[Peer], bool]] = None,
-                log: str = "normal") -> None:
+async def serve(address: Address, on_client: OnClient, *, limits: Optional[Limits] = None,
+                mode: int = 0o666, group: Optional[int] = None, backlog: int = 0,
+                allow: Optional[Callable[[Peer], bool]] = None, log: str = "normal") -> None:
     """Serves until it is cancelled: a Server, with all that it takes, and its wait()."""
-    async with Server(path, on_client, limits=limits, mode=mode, group=group, backlog=backlog,
+    async with Server(address, on_client, limits=limits, mode=mode, group=group, backlog=backlog,
                       allow=allow, log=log) as server:
         await server.wait()

@@ -21,9 +21,13 @@ async def echo(client):
                                          data=request.data))
 
 
+def raw_socket():
+    return socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+
+
 def raw(path):
     """A peer that does as it likes."""
-    peer = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    peer = raw_socket()
     while True:
         try:
             peer.connect(path)
@@ -274,6 +278,23 @@ os.kill(os.getpid(), signal.SIGKILL)"""])
             assert (await good.call("ask", 3)).args == (3,)
 
     run_with_server(path, take, test, limits=limits, log="quiet")
+
+
+def test_a_socket_that_listens_is_taken_over(path):
+    async def main():
+        with raw_socket() as listening:
+            with pytest.raises(OSError) as caught:
+                await Server(listening, echo).__aenter__()
+            assert caught.value.errno == errno.EINVAL and listening.fileno() >= 0
+            listening.bind(path)
+            listening.listen()
+            async with Server(listening, echo), connect(path) as connection:
+                assert listening.fileno() == -1
+                assert (await connection.call("ask", 1)).args == (1,)
+        assert os.path.exists(path)
+        with pytest.raises(ConnectionRefusedError):
+            await connect(path)
+    asyncio.run(main())
 
 
 def test_who_may_connect(path):
