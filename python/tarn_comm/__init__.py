@@ -36,7 +36,9 @@ Connection, Limits, Descriptor and others. For all of them:
   event loop only, and raises RuntimeError elsewhere. Nothing here starts a thread.
 - Fork: a child may use no connection or server of its parent. It may drop them, which does nothing
   to the parent.
-- The library logs to standard error; `log` is "normal", "debug" or "quiet".
+- The library logs to standard error, and `log` is "normal", "debug" or "quiet"; or it is a
+  logging.Logger, which gets the lines, those for debugging when it is enabled for them already. What
+  a handler raises there, that of a signal as well, is printed and goes no further.
 
 The shared library libtarn_utils_v4_comm.so.1 is looked for where the dynamic linker does.
 """

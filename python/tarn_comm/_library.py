@@ -90,6 +90,7 @@ class CommLoopCounters(Structure):
                  "queued_bytes") + [("reserved", c_uint64 * 8)])
 
 
+LogSink = ctypes.CFUNCTYPE(None, c_size_t, c_char_p, c_char_p)
 OnConnect = ctypes.CFUNCTYPE(c_int, c_void_p, c_void_p, CommLoopId, POINTER(Ucred))
 OnPacket = ctypes.CFUNCTYPE(None, c_void_p, c_void_p, CommLoopId, c_void_p)
 OnRoom = ctypes.CFUNCTYPE(None, c_void_p, c_void_p, CommLoopId)
@@ -116,6 +117,7 @@ normal_logging = _function("normal_logging", None, c_void_p)
 debug_logging = _function("debug_logging", None, c_void_p)
 shut_up = _function("shut_up", None, c_void_p)
 use_server_socket = _function("use_server_socket", c_int, c_void_p, c_int)
+set_log_sink = _function("set_log_sink", None, c_void_p, c_void_p, c_void_p)
 create_server = _function("create_server", c_int, c_void_p, c_char_p)
 set_socket_mode = _function("set_socket_mode", None, c_void_p, c_uint)
 set_socket_group = _function("set_socket_group", None, c_void_p, c_uint)

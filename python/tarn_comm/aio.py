@@ -18,6 +18,7 @@ from . import _library as lib
 from ._hub import Hub, Member
 from .client import Address, open_endpoint, set_up_endpoint, take_socket_over
 from .errors import Disconnected, error_of, last_error
+from .log import Log
 from .packet import Argument, Packet
 from .peer import Peer
 
@@ -407,7 +408,7 @@ class _Outgoing(_Connections):
         super().__init__(limits)
         self.opened: asyncio.Future[Connection] = self.hub.loop.create_future()
 
-    async def open(self, address: Address, log: str) -> Connection:
+    async def open(self, address: Address, log: Log) -> Connection:
         if isinstance(address, socket.socket):
             endpoint = open_endpoint(log)
             try:
@@ -461,7 +462,7 @@ class _Connecting:
 
 
 def connect(address: Address, *, limits: Optional[Limits] = None, wait_for_server: bool = False,
-            log: str = "normal") -> _Connecting:
+            log: Log = "normal") -> _Connecting:
     """Connects to a server, or takes a connected socket over.
 
         connection = await connect(path)
@@ -515,7 +516,7 @@ class Server:
                             taken over, with its mode, group and backlog; its file is left alone
     mode, group, backlog    as comm_socket_v4_set_socket_mode and so on have it
     allow                   is asked about each peer, within the accept: False turns it away
-    log                     "normal", "debug" or "quiet"
+    log                     "normal", "debug", "quiet" or a logging.Logger
 
     Whoever reaches the path may connect, unless `mode`, `group` or `allow` say otherwise. The
     opening may wait for two seconds, for another that opens in the same directory.
@@ -523,7 +524,7 @@ class Server:
 
     def __init__(self, address: Address, on_client: OnClient, *, limits: Optional[Limits] = None,
                  mode: int = 0o666, group: Optional[int] = None, backlog: int = 0,
-                 allow: Optional[Callable[[Peer], bool]] = None, log: str = "normal"):
+                 allow: Optional[Callable[[Peer], bool]] = None, log: Log = "normal"):
         self._address: Union[socket.socket, bytes] = (
             address if isinstance(address, socket.socket) else _path_of(address))
         self._on_client, self._allow = on_client, allow
@@ -665,7 +666,7 @@ class _Listening(_Connections):
 
 async def serve(address: Address, on_client: OnClient, *, limits: Optional[Limits] = None,
                 mode: int = 0o666, group: Optional[int] = None, backlog: int = 0,
-                allow: Optional[Callable[[Peer], bool]] = None, log: str = "normal") -> None:
+                allow: Optional[Callable[[Peer], bool]] = None, log: Log = "normal") -> None:
     """Serves until it is cancelled: a Server, with all that it takes, and its wait()."""
     async with Server(address, on_client, limits=limits, mode=mode, group=group, backlog=backlog,
                       allow=allow, log=log) as server:

@@ -13,6 +13,7 @@ from typing import Any, Callable, Iterator, NoReturn, Optional, Type, Union
 
 from . import _library as lib
 from .errors import Disconnected, error_of, last_error
+from .log import Log, set_log
 from .packet import Argument, Packet, UInt64
 from .peer import Peer
 
@@ -25,17 +26,14 @@ _LONGEST_POLL_MS = 1 << 30
 _DEFAULT: Any = object()  # that of the client
 
 
-def set_up_endpoint(endpoint: int, log: str) -> None:
-    """Sets the log level. What is received is not inherited by programs that are started, as with
+def set_up_endpoint(endpoint: int, log: Log) -> None:
+    """Sets the log. What is received is not inherited by programs that are started, as with
     every descriptor of Python."""
-    levels = {"normal": lib.normal_logging, "debug": lib.debug_logging, "quiet": lib.shut_up}
-    if log not in levels:
-        raise ValueError("log is normal, debug or quiet")
-    levels[log](endpoint)
+    set_log(endpoint, log)
     lib.set_descriptors_cloexec(endpoint, 1)
 
 
-def open_endpoint(log: str) -> int:
+def open_endpoint(log: Log) -> int:
     endpoint: Optional[int] = lib.create()
     if endpoint is None:
         raise MemoryError
@@ -81,7 +79,7 @@ class Client:
 
     def __init__(self, address: Address, *, timeout: Optional[float] = 5,
                  wait_for_server: bool = False, keep: int = lib.MAX_QUEUED_PACKETS,
-                 max_descriptors: int = lib.MAX_SEND_FDS, log: str = "normal"):
+                 max_descriptors: int = lib.MAX_SEND_FDS, log: Log = "normal"):
         """With `wait_for_server` it tries until a server is there. A packet that brings more than
         `max_descriptors` is dropped."""
         self._pointer: Optional[int] = None

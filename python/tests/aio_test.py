@@ -2,6 +2,7 @@
 import asyncio
 import errno
 import gc
+import logging
 import os
 import socket
 import subprocess
@@ -228,7 +229,7 @@ def test_an_exception_ends_its_client_only(path):
     run_with_server(path, fragile, test)
 
 
-def test_hostile_peers(path):
+def test_hostile_peers(path, caplog):
     limits = Limits(clients=8, first_packet=2, descriptors_per_packet=1)
     taken = []
 
@@ -277,7 +278,11 @@ os.kill(os.getpid(), signal.SIGKILL)"""])
             await soon(lambda: len(server.clients) == 1)
             assert (await good.call("ask", 3)).args == (3,)
 
-    run_with_server(path, take, test, limits=limits, log="quiet")
+    log = logging.getLogger("test_hostile_peers")
+    run_with_server(path, take, test, limits=limits, log=log)
+    lines = {(record.levelname, record.getMessage().split(", ")[-1]) for record in caplog.records
+             if record.name == log.name}
+    assert {("WARNING", "failed to decode"), ("WARNING", "more descriptors than allowed")} <= lines
 
 
 def test_a_socket_that_listens_is_taken_over(path):

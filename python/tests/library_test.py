@@ -38,10 +38,11 @@ def types(declared, has_name):
 
 def test_functions():
     compared = 0
+    text = re.sub(r"void \(\*(\w+)\)\([^)]*\)", r"void* \1", TEXT)  # Pointers to functions.
     for function in vars(lib).values():
         if not isinstance(function, ctypes._CFuncPtr):
             continue
-        found = re.search(rf"COMM_V4_EXPORT ([\w ]+\*? ){function.__name__}\(([^)]*)\)", TEXT)
+        found = re.search(rf"COMM_V4_EXPORT ([\w ]+\*? ){function.__name__}\(([^)]*)\)", text)
         assert found, function.__name__
         arguments = [] if found[2] == "void" else re.sub(r"\s+", " ", found[2]).split(", ")
         assert function.restype in types(found[1], False), function.__name__
