@@ -10,7 +10,7 @@ import ctypes
 import operator
 from ctypes import (POINTER, Structure, c_char_p, c_double, c_int, c_int64, c_size_t,
                     c_uint, c_uint8, c_uint16, c_uint32, c_uint64, c_ulong, c_void_p)
-from typing import Any, Callable, List, SupportsIndex
+from typing import Any, Callable, List, NoReturn, SupportsIndex
 
 # use_errno: the errno of a call is kept for ctypes.get_errno, whatever Python does meanwhile.
 _LIBRARY = ctypes.CDLL("libtarn_utils_v4_comm.so.1", use_errno=True)
@@ -129,9 +129,22 @@ set_descriptors_cloexec = _function("set_descriptors_cloexec", None, c_void_p, c
 set_max_descriptors = _function("set_max_descriptors", c_int, c_void_p, c_uint)
 client_on_recv_packet = _function("client_on_recv_packet", c_int, c_void_p, c_void_p)
 
-packet_create = _function("packet_create", c_void_p)
 packet_addref = _function("packet_addref", None, c_void_p)
 packet_release = _function("packet_release", c_void_p, c_void_p)
+
+
+class Handle(c_void_p):
+    """Exactly one reference to a packet, or null. Whatever points into the packet holds it. It is
+    what the functions return: what a signal handler raises behind them loses no packet."""
+
+    def __del__(self, release: Callable[..., Any] = packet_release) -> None:
+        release(self)
+
+    def __reduce__(self) -> NoReturn:
+        raise TypeError("a packet is not copied or pickled; bytes(packet) and from_bytes() are")
+
+
+packet_create = _function("packet_create", Handle)
 packet_get_flags = _function("packet_get_flags", c_uint32, c_void_p)
 packet_set_flags = _function("packet_set_flags", None, c_void_p, c_uint32)
 packet_get_stream_id = _function("packet_get_stream_id", c_uint64, c_void_p)
@@ -175,9 +188,9 @@ blocking_connect = _function("blocking_connect", c_int, c_void_p, c_char_p, c_ui
 blocking_is_connected = _function("blocking_is_connected", c_int, c_void_p)
 blocking_get_endpoint = _function("blocking_get_endpoint", c_void_p, c_void_p)
 blocking_send = _function("blocking_send", c_int, c_void_p, c_void_p, c_uint64)
-blocking_answer_to = _function("blocking_answer_to", c_void_p, c_void_p, c_uint64, c_uint64)
+blocking_answer_to = _function("blocking_answer_to", Handle, c_void_p, c_uint64, c_uint64)
 blocking_give_up = _function("blocking_give_up", None, c_void_p, c_uint64)
-blocking_next = _function("blocking_next", c_void_p, c_void_p, c_uint64)
+blocking_next = _function("blocking_next", Handle, c_void_p, c_uint64)
 blocking_next_id = _function("blocking_next_id", c_uint64, c_void_p)
 blocking_keep_at_most = _function("blocking_keep_at_most", None, c_void_p, c_size_t)
 

@@ -128,7 +128,7 @@ class Connection:
         while not self._drops():
             self._check()
             self._look_for_end()
-            if lib.loop_send(self._hub.pointer, self._id, packet._handle.pointer) >= 0:
+            if lib.loop_send(self._hub.pointer, self._id, packet._handle) >= 0:
                 return
             error = ctypes.get_errno()
             if error == errno.ENOENT:  # Its end has not been told yet.
@@ -387,7 +387,7 @@ class _Connections(Member):
         connection = self.connections.get(id.generation)
         if connection is not None:
             lib.packet_addref(packet)
-            connection._on_packet(Packet._of(packet))
+            connection._on_packet(Packet._of(lib.Handle(packet)))
 
     def on_room(self, id: lib.CommLoopId) -> None:
         connection = self.connections.get(id.generation)

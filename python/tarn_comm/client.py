@@ -263,7 +263,7 @@ class Client:
         if not isinstance(packet, Packet):
             raise TypeError(f"what is sent is a Packet, not {type(packet).__name__}")
         slice_us = 0
-        while lib.blocking_send(client, packet._handle.pointer, slice_us) != 0:
+        while lib.blocking_send(client, packet._handle, slice_us) != 0:
             if ctypes.get_errno() != errno.ETIMEDOUT:
                 raise last_error()
             self._wait(client, self._sending, deadline)
@@ -275,9 +275,9 @@ class Client:
     def _receive(self, client: int, deadline: _Deadline, look: Callable[..., Any],
                  *arguments: int) -> Packet:
         while True:
-            pointer: Optional[int] = look(*arguments)
-            if pointer is not None:
-                return Packet._of(pointer)
+            handle: lib.Handle = look(*arguments)
+            if handle:
+                return Packet._of(handle)
             if ctypes.get_errno() != errno.ETIMEDOUT:
                 raise last_error()
             self._wait(client, select.POLLIN, deadline)

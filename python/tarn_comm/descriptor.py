@@ -58,8 +58,9 @@ class Descriptor:
     def __del__(self) -> None:
         if getattr(self, "_fd", -1) < 0:
             return
-        warnings.warn(f"unclosed {self!r}", ResourceWarning, source=self)
-        self.close()
+        warning = f"unclosed {self!r}"
+        self.close()  # First: the warning may be an exception.
+        warnings.warn(warning, ResourceWarning, source=self)
 
     def __reduce__(self) -> NoReturn:
         raise TypeError("a Descriptor is not copied or pickled: each closes its own")

@@ -8,8 +8,8 @@ import errno
 import json
 import operator
 import struct
-from typing import (Any, Dict, Iterable, Iterator, List, Mapping, NoReturn, Optional, Protocol,
-                    Sequence, SupportsIndex, Tuple, Union, cast)
+from typing import (Any, Dict, Iterable, Iterator, List, Mapping, Optional, Protocol, Sequence,
+                    SupportsIndex, Tuple, Union, cast)
 
 from . import _library as lib
 from .descriptor import Descriptor
@@ -124,32 +124,16 @@ def type_code_of(number: object) -> str:
     raise TypeError(f"no type of a packet holds {type(number).__name__}")
 
 
-class Handle:
-    """Exactly one reference to a packet of the library. Whatever points into the packet holds
-    it."""
-
-    __slots__ = ("pointer", "__weakref__")
-
-    def __init__(self, pointer: int):
-        self.pointer = pointer
-
-    def __del__(self, release: Any = lib.packet_release) -> None:
-        release(getattr(self, "pointer", None))  # None when __init__ was interrupted.
-
-    def __reduce__(self) -> NoReturn:
-        raise TypeError("a packet is not copied or pickled; bytes(packet) and from_bytes() are")
-
-
 class _Window(ctypes.c_ubyte * (lib.MAX_RECEIVED_PACKET + 1)):  # type: ignore[misc]
     """The memory behind an address; only slices within the packet are taken of it."""
 
-    handle: Handle
+    handle: lib.Handle
 
 
-def view_of(handle: Handle) -> Tuple[int, memoryview]:
+def view_of(handle: lib.Handle) -> Tuple[int, memoryview]:
     """Where the bytes of a packet are, and a view of them in place, with the NUL behind them."""
     length = ctypes.c_size_t()
-    address: int = lib.packet_get_buffer(handle.pointer, length)
+    address: int = lib.packet_get_buffer(handle, length)
     window = _Window.from_address(address)
     window.handle = handle
     return address, memoryview(window).cast("B")[:length.value + 1].toreadonly()
@@ -170,13 +154,13 @@ class Pairs:
     met in iteration only.
     """
 
-    def __init__(self, handle: Handle):
+    def __init__(self, handle: lib.Handle):
         address, self._bytes = view_of(handle)
         self._index: Optional[Dict[bytes, List[int]]] = None
         self._entries: List[Tuple[int, int, int, int]] = []
-        count = lib.packet_nv_entries(handle.pointer)
+        count = lib.packet_nv_entries(handle)
         if count > 0:
-            table = lib.packet_get_nv_entry(handle.pointer, 0)
+            table = lib.packet_get_nv_entry(handle, 0)
             at = ctypes.addressof(table.contents) - address
             size = count * ctypes.sizeof(lib.PacketNvPair)
             entries: Iterator[Any] = struct.iter_unpack("<IIII", self._bytes[at:at + size])
@@ -288,23 +272,22 @@ class Packet:
         flags = user_flags | Multipart(multipart) << lib.MULTIPART_SHIFT
         flags |= lib.FLAG_REQUEST if request else 0
         flags |= lib.FLAG_ASYNC if is_async else 0
-        pointer = lib.packet_create()
-        if pointer is None:
+        handle = lib.packet_create()
+        if not handle:
             raise MemoryError
-        self._handle = Handle(pointer)
-        lib.packet_set_flags(pointer, flags)
-        lib.packet_set_stream_id(pointer, UInt64(stream_id))
-        lib.packet_set_message_id(pointer, UInt64(message_id))
-        lib.packet_set_error_code(pointer, UInt64(error_code))
-        _Writer(pointer).write(command, error_string, args, pairs, data, descriptors)
+        self._handle: lib.Handle = handle
+        lib.packet_set_flags(handle, flags)
+        lib.packet_set_stream_id(handle, UInt64(stream_id))
+        lib.packet_set_message_id(handle, UInt64(message_id))
+        lib.packet_set_error_code(handle, UInt64(error_code))
+        _Writer(handle).write(command, error_string, args, pairs, data, descriptors)
         self._args: Optional[Tuple[Argument, ...]] = None
         self._pairs: Optional[Pairs] = None
 
     @classmethod
-    def _of(cls, pointer: int) -> Packet:
-        """Takes one reference over."""
+    def _of(cls, handle: lib.Handle) -> Packet:
         packet = cls.__new__(cls)
-        packet._handle = Handle(pointer)
+        packet._handle = handle
         packet._args, packet._pairs = None, None
         return packet
 
@@ -313,19 +296,17 @@ class Packet:
         """A packet that was saved; PacketError for bytes that a receiver would refuse."""
         if not lib.MIN_RECEIVED_PACKET <= len(data) <= lib.MAX_RECEIVED_PACKET:
             raise PacketError(Reason.NOT_VALID, "packet")
-        pointer, endpoint = lib.packet_create(), lib.create()
+        packet, endpoint = cls._of(lib.packet_create()), lib.create()
         try:
-            if pointer is None or endpoint is None:
+            if not packet._handle or endpoint is None:
                 raise MemoryError
-            packet, pointer = cls._of(pointer), None
-            if lib.packet_set_buffer(packet._handle.pointer, bytes(data), len(data)) != 0:
+            if lib.packet_set_buffer(packet._handle, bytes(data), len(data)) != 0:
                 raise last_error()
             lib.shut_up(endpoint)
-            if lib.client_on_recv_packet(endpoint, packet._handle.pointer) != 0:
+            if lib.client_on_recv_packet(endpoint, packet._handle) != 0:
                 raise PacketError(Reason.NOT_VALID, "packet")
             return packet
         finally:
-            lib.packet_release(pointer)
             lib.destroy(endpoint)
 
     def __bytes__(self) -> bytes:
@@ -341,26 +322,24 @@ class Packet:
 
     @property
     def command(self) -> str:
-        return decode(lib.packet_get_command(self._handle.pointer))
+        return decode(lib.packet_get_command(self._handle))
 
     @property
     def args(self) -> Tuple[Argument, ...]:
         """The arguments. One that a peer sent without a value is "" or 0."""
         if self._args is None:
-            pointer = self._handle.pointer
-            self._args = tuple(self._argument(i) for i in range(lib.packet_get_argc(pointer)))
+            self._args = tuple(self._argument(i) for i in range(lib.packet_get_argc(self._handle)))
         return self._args
 
     def _argument(self, index: int) -> Argument:
-        pointer = self._handle.pointer
-        kind = lib.packet_get_argv_entry(pointer, index).contents.type_code
+        kind = lib.packet_get_argv_entry(self._handle, index).contents.type_code
         if kind == lib.TEXT:
-            return decode(lib.packet_get_argv(pointer, index))
+            return decode(lib.packet_get_argv(self._handle, index))
         if kind == lib.UINT64:
-            return UInt64(lib.packet_get_argv_uint64(pointer, index))
+            return UInt64(lib.packet_get_argv_uint64(self._handle, index))
         if kind == lib.INT64:
-            return cast(int, lib.packet_get_argv_int64(pointer, index))
-        return cast(float, lib.packet_get_argv_double(pointer, index))
+            return cast(int, lib.packet_get_argv_int64(self._handle, index))
+        return cast(float, lib.packet_get_argv_double(self._handle, index))
 
     @property
     def pairs(self) -> Pairs:
@@ -372,7 +351,7 @@ class Packet:
     def data(self) -> memoryview:
         """The data, in place and read-only. The view keeps the memory of the packet alive."""
         length = ctypes.c_size_t()
-        address = lib.packet_get_data(self._handle.pointer, length)
+        address = lib.packet_get_data(self._handle, length)
         buffer, view = view_of(self._handle)
         start = address - buffer if address is not None else 0
         return view[start:start + length.value]
@@ -380,33 +359,33 @@ class Packet:
     @property
     def descriptor_count(self) -> int:
         """How many have come or are to be sent, those that were taken included."""
-        return cast(int, lib.packet_attached_fd_count(self._handle.pointer))
+        return cast(int, lib.packet_attached_fd_count(self._handle))
 
     def take_descriptors(self) -> List[Descriptor]:
         """Hands the descriptors over, once; if the packet is sent on, it goes without them. Those
         that nobody takes are closed with it."""
-        pointer, taken = self._handle.pointer, []
+        taken = []
         for i in range(self.descriptor_count):
-            fd = lib.packet_get_attached_fd(pointer, i)
+            fd = lib.packet_get_attached_fd(self._handle, i)
             if fd >= 0:
                 taken.append(Descriptor(fd))
         return taken
 
     @property
     def stream_id(self) -> int:
-        return cast(int, lib.packet_get_stream_id(self._handle.pointer))
+        return cast(int, lib.packet_get_stream_id(self._handle))
 
     @property
     def message_id(self) -> int:
-        return cast(int, lib.packet_get_message_id(self._handle.pointer))
+        return cast(int, lib.packet_get_message_id(self._handle))
 
     @property
     def error_code(self) -> int:
-        return cast(int, lib.packet_get_error_code(self._handle.pointer))
+        return cast(int, lib.packet_get_error_code(self._handle))
 
     @property
     def error_string(self) -> str:
-        return decode(lib.packet_get_error_string(self._handle.pointer))
+        return decode(lib.packet_get_error_string(self._handle))
 
     @property
     def is_request(self) -> bool:
@@ -431,7 +410,7 @@ class Packet:
 
     @property
     def _flags(self) -> int:
-        return cast(int, lib.packet_get_flags(self._handle.pointer))
+        return cast(int, lib.packet_get_flags(self._handle))
 
     def __repr__(self) -> str:
         kind = "request" if self.is_request else "response"
@@ -442,8 +421,8 @@ class Packet:
 class _Writer:
     """Writes a packet, and refuses what the functions of the library would lose in silence."""
 
-    def __init__(self, pointer: int):
-        self._pointer = pointer
+    def __init__(self, handle: lib.Handle):
+        self._handle = handle
         self._left = lib.MAX_RECEIVED_PACKET
 
     def write(self, command: str, error_string: str, args: Sequence[Argument], pairs: PairsToWrite,
@@ -453,7 +432,7 @@ class _Writer:
         if not begun:
             raise PacketError(Reason.NO_COMMAND, "command")
         error = encode_checked(error_string, lib.MAX_ERROR_STRING, "error string")
-        if lib.packet_begin_writing(self._pointer, 0, begun, error) != 0:
+        if lib.packet_begin_writing(self._handle, 0, begun, error) != 0:
             raise MemoryError
         if len(args) > lib.MAX_ARGUMENTS:
             raise PacketError(Reason.TOO_MANY, "argument", lib.MAX_ARGUMENTS)
@@ -477,13 +456,13 @@ class _Writer:
             if not text:
                 raise PacketError(Reason.EMPTY_TEXT, "argument", index)
             self._reserve(len(text), "argument", index)
-            done = lib.packet_write_argv(self._pointer, text)
+            done = lib.packet_write_argv(self._handle, text)
         else:
             code = type_code_of(argument)
             number = array.array(code, [argument])[0]  # OverflowError beyond an int64
             write = {"q": lib.packet_write_argv_int64, "Q": lib.packet_write_argv_uint64,
                      "d": lib.packet_write_argv_double}[code]
-            done = write(self._pointer, number)
+            done = write(self._handle, number)
         if done != 0:
             raise MemoryError
 
@@ -504,7 +483,7 @@ class _Writer:
             raise PacketError(Reason.TOO_MANY, "pair", index)
         named = encode_checked(name, lib.MAX_NAME, "pair", index)
         self._reserve(len(named), "pair", index)
-        if lib.packet_write_nv_pair_raw(self._pointer, named, value, len(value), kind) != 0:
+        if lib.packet_write_nv_pair_raw(self._handle, named, value, len(value), kind) != 0:
             raise MemoryError
 
     @staticmethod
@@ -535,7 +514,7 @@ class _Writer:
         view = memoryview(data)
         self._reserve(view.nbytes, "data")
         copy = bytes(view)
-        if copy and lib.packet_write_data_binary(self._pointer, copy, len(copy)) < 0:
+        if copy and lib.packet_write_data_binary(self._handle, copy, len(copy)) < 0:
             raise MemoryError
 
     def _attach(self, descriptor: Union[int, HasFileno], index: int) -> None:
@@ -545,21 +524,21 @@ class _Writer:
             raise TypeError(f"{type(descriptor).__name__} has no descriptor")
         fd = lib.as_int(descriptor if isinstance(descriptor, int) else descriptor.fileno())
         ctypes.set_errno(errno.EBADF)  # What a negative one fails with.
-        if not lib.packet_attach_fd_to_send_cloexec(self._pointer, fd):
+        if not lib.packet_attach_fd_to_send_cloexec(self._handle, fd):
             raise PacketError(Reason.LACKS_DESCRIPTOR, "descriptor", index, ctypes.get_errno())
 
     def _end(self) -> None:
-        if lib.packet_write_end(self._pointer) != 0:
+        if lib.packet_write_end(self._handle) != 0:
             raise MemoryError
         length = ctypes.c_size_t()
-        lib.packet_get_buffer(self._pointer, length)
+        lib.packet_get_buffer(self._handle, length)
         if length.value > lib.MAX_RECEIVED_PACKET:
             raise PacketError(Reason.PACKET_TOO_LONG, "packet", 0, errno.EMSGSIZE)
         # A text or a value for which there was no memory is absent.
-        arguments = (lib.packet_get_argv_entry(self._pointer, i).contents
-                     for i in range(lib.packet_get_argc(self._pointer)))
-        pairs = (lib.packet_get_nv_entry(self._pointer, i).contents
-                 for i in range(lib.packet_nv_entries(self._pointer)))
+        arguments = (lib.packet_get_argv_entry(self._handle, i).contents
+                     for i in range(lib.packet_get_argc(self._handle)))
+        pairs = (lib.packet_get_nv_entry(self._handle, i).contents
+                 for i in range(lib.packet_nv_entries(self._handle)))
         if not (all(any(entry.value_offset) for entry in arguments) and
                 all(entry.name_offset and entry.value_offset for entry in pairs)):
             raise MemoryError

@@ -154,7 +154,7 @@ def test_an_interrupted_client_can_be_used():
 
     for point in itertools.count(1):
         left = point
-        other.send(Packet("a"))
+        other.send(Packet("a", descriptors=[0]))
         try:
             sys.setprofile(interrupt)
             client.next()

@@ -45,7 +45,8 @@ def test_functions():
         found = re.search(rf"COMM_V4_EXPORT ([\w ]+\*? ){function.__name__}\(([^)]*)\)", text)
         assert found, function.__name__
         arguments = [] if found[2] == "void" else re.sub(r"\s+", " ", found[2]).split(", ")
-        assert function.restype in types(found[1], False), function.__name__
+        result = HANDLE if function.restype is lib.Handle else function.restype
+        assert result in types(found[1], False), function.__name__
         assert len(function.argtypes) == len(arguments), function.__name__
         for argument, declared in zip(function.argtypes, arguments):
             assert argument in types(declared, True), (function.__name__, declared)

@@ -6,6 +6,7 @@ import os
 import pickle
 import socket
 import struct
+import warnings
 
 import pytest
 import read_packet
@@ -169,6 +170,7 @@ def test_bytes_of_a_peer_are_checked_and_not_believed():
     assert len(packet.pairs) == count and len(packet.pairs["?"]) == whole - 1
 
 
+@pytest.mark.filterwarnings("ignore::pytest.PytestUnraisableExceptionWarning")
 def test_descriptors_are_owned_once():
     read_end, write_end = os.pipe()
     with open(read_end, "rb") as file:
@@ -190,6 +192,9 @@ def test_descriptors_are_owned_once():
         Packet("drop", descriptors=[file])
         with pytest.warns(ResourceWarning):
             del first, second
+            Packet("leave", descriptors=[file]).take_descriptors()
+        with warnings.catch_warnings():
+            warnings.simplefilter("error")  # __del__ closes all the same.
             Packet("leave", descriptors=[file]).take_descriptors()
     with pytest.raises(ValueError):
         tarn_comm.Descriptor(-1)
