@@ -19,7 +19,7 @@ from ._hub import Hub, Member
 from .client import Address, open_endpoint, set_up_endpoint, take_socket_over
 from .errors import Disconnected, error_of, last_error
 from .log import Log
-from .packet import Argument, Packet
+from .packet import Argument, Packet, UInt64
 from .peer import Peer
 
 _RETRY_PAUSE = 0.01
@@ -163,6 +163,7 @@ class Connection:
     async def answer_to(self, message_id: int) -> Packet:
         """Waits for a response with this message id; one at a time for each id."""
         self._check_thread()
+        message_id = UInt64(message_id)
         for i, packet in enumerate(self._packets):
             if _is_answer(packet, message_id):
                 del self._packets[i]
@@ -187,6 +188,7 @@ class Connection:
     def give_up(self, message_id: int) -> None:
         """Responses with this message id are dropped, up to the last of a series."""
         self._check_thread()
+        message_id = UInt64(message_id)
         if len(self._given_up) >= _MOST_GIVEN_UP:
             del self._given_up[next(iter(self._given_up))]
         self._given_up[message_id] = None

@@ -355,6 +355,10 @@ def test_wrong_use_is_an_exception(path):
             os._exit(1)
         assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 7
         await connection.call("ask")
+        for use, error in ((connection.answer_to("1"), TypeError), (connection.send(b"a"), TypeError),
+                           (connection.answer_to(1 << 64), OverflowError)):
+            with pytest.raises(error):
+                await use
         await connection.close()
         await connection.close()
         for use in connection.next, lambda: connection.send(Packet("a")):
