@@ -8,6 +8,7 @@ import select
 import socket
 import threading
 import time
+import warnings
 from types import TracebackType
 from typing import Any, Callable, Iterator, NoReturn, Optional, Type, Union
 
@@ -74,7 +75,7 @@ class Client:
     ECONNRESET closes nothing: what the server sent before can still be read.
 
     close() with packets of the server unread may take back what was sent last; end with a call
-    where that matters.
+    where that matters. A client that nobody refers to any more is closed, with a ResourceWarning.
     """
 
     def __init__(self, address: Address, *, timeout: Optional[float] = 5,
@@ -221,6 +222,7 @@ class Client:
         pointer = getattr(self, "_pointer", None)
         if pointer is not None:
             destroy(pointer)
+            warnings.warn("unclosed tarn_comm.Client", ResourceWarning, source=self)
 
     def __reduce__(self) -> NoReturn:
         raise TypeError("a Client is not copied or pickled")

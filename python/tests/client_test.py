@@ -196,6 +196,9 @@ def test_wrong_use_is_an_exception():
                 Client(bad)
     with pytest.raises(ValueError):
         Client("a", log="loud")
+    client, other = pair()
+    with other, pytest.warns(ResourceWarning):
+        del client
     for bad, error in ((dict(max_descriptors=61), OSError), (dict(keep=-1), OverflowError),
                        (dict(max_descriptors=1 << 32), OverflowError)):
         with pytest.raises(error):
