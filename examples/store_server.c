@@ -124,6 +124,8 @@ static int serve(CommLoop* loop, CommLoopHandler* handler, const char* path) {
   struct sigaction action = {.sa_handler = on_signal};
   if (sigaction(SIGTERM, &action, NULL) != 0 || sigaction(SIGINT, &action, NULL) != 0)
     return fail("sigaction");
+  printf("listens on %s\n", path);
+  fflush(stdout);
   const int status = comm_socket_v4_loop_run(loop) == 0 ? EXIT_SUCCESS : fail("run");
   signal(SIGTERM, SIG_IGN); /* The loop goes now. */
   signal(SIGINT, SIG_IGN);
