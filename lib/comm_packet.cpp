@@ -22,6 +22,8 @@ namespace {
 constexpr std::size_t min_buffer_size = 32;
 // Kept behind the packet when surplus memory is given back; it has room for the NUL.
 constexpr std::size_t shrink_spare = 32;
+// A packet up to this size moves out of a larger buffer, which the next one finds as it is.
+constexpr std::size_t most_bytes_moved = 4096;
 
 template <class Duplicate>
 bool attach(comm_socket_v4_packet& p, int fd, Duplicate duplicate) {
@@ -32,6 +34,17 @@ bool attach(comm_socket_v4_packet& p, int fd, Duplicate duplicate) {
   if (copy < 0) return false;
   p.attached_fd.push_back(copy);
   return true;
+}
+
+// As realloc. The packet, with the NUL behind it, is shorter than half of the buffer.
+unsigned char* shrink(unsigned char* buffer, std::size_t alloc, std::size_t size) noexcept {
+  if (size > most_bytes_moved || size > alloc)
+    return static_cast<unsigned char*>(std::realloc(buffer, size));
+  unsigned char* const smaller = spare_packets::allocate_buffer(size);
+  if (smaller == nullptr) return nullptr;
+  std::memcpy(smaller, buffer, size);
+  spare_packets::free_buffer(buffer, alloc);
+  return smaller;
 }
 
 // The header defines the readers inline. Their addresses make the shared library export them as
@@ -133,9 +146,9 @@ int comm_socket_v4_packet::enlarge_buffer(std::size_t size) {
 int comm_socket_v4_packet::shrinkfit_buffer() {
   if (buffer == nullptr || buffer_length >= buffer_alloc / 2) return 0;
   const std::size_t target = buffer_length + shrink_spare;
-  void* const shrunk = std::realloc(buffer, target);
+  unsigned char* const shrunk = shrink(buffer, buffer_alloc, target);
   if (shrunk == nullptr) return -1;
-  buffer = static_cast<unsigned char*>(shrunk);
+  buffer = shrunk;
   buffer_alloc = target;
   data_reserved = 0;
   return 0;

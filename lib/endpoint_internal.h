@@ -44,7 +44,6 @@ struct comm_v4_internals {
   bool retrieved_early = true;            // the last one, from one of the first that were visited
   std::uint64_t accepted = 0;             // connections, in all the life of the endpoint
   std::uint64_t packets_dropped = 0;      // that were received, likewise
-  bool more_waits = false;  // behind the packet that was received last, on its connection
 
   static constexpr gid_t no_group = static_cast<gid_t>(-1);
 

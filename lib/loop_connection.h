@@ -23,15 +23,15 @@ struct ucred peer(const LoopMember& m);
 
 struct Retrieved {
   CommPacket packet;
-  bool dropped = false;     // one was received and is not handed out
-  bool more_waits = false;  // behind it, as far as is known
-  int error = 0;            // where there is no packet
+  bool dropped = false;  // one was received and is not handed out
+  int error = 0;         // where there is no packet
+
+  bool nothing() const { return packet == nullptr && !dropped; }
 };
 inline Retrieved retrieve(LoopMember& m) {
   comm_socket_v4* const endpoint = m.home->endpoint.get();
-  comm_v4_internals& own = comm_v4_internals::of(endpoint);
+  const comm_v4_internals& own = comm_v4_internals::of(endpoint);
   const std::uint64_t dropped_before = own.packets_dropped;
-  own.more_waits = false;
   errno = 0;
   Retrieved result;
   result.packet.reset(m.kind == LoopKind::client
@@ -39,7 +39,6 @@ inline Retrieved retrieve(LoopMember& m) {
                           : comm_socket_v4_client_get_packet_from_server(endpoint));
   if (result.packet == nullptr) result.error = errno;
   result.dropped = own.packets_dropped != dropped_before;
-  result.more_waits = own.more_waits;
   return result;
 }
 // As the two sends.

@@ -223,19 +223,17 @@ void comm_v4_loop::on_connection_events(LoopMember& m, std::uint32_t events) {
   if ((events & ~static_cast<std::uint32_t>(EPOLLOUT)) != 0) read(m);
 }
 
-// Only what is known to be there: a read that finds nothing costs two system calls, and what has
-// come meanwhile is reported again.
+// What is left in the socket is reported again in the next turn.
 void comm_v4_loop::read(LoopMember& m) {
   const CommLoopId id = m.id;
-  bool more_waits = true;
-  for (std::uint32_t found = 0; more_waits; ++found) {
+  for (std::uint32_t found = 0;; ++found) {
     m.end_is_next = m.sends_end && !loop_connection::has_bytes(m);
     const bool has_its_share = found > 0 && found >= m.home->limits.packets_per_turn;
-    if (has_its_share || !m.reads()) return;
+    if (has_its_share || !m.reads() || (found > 0 && !m.looks_for_more())) return;
     m.holds_packet = false;
     const loop_connection::Retrieved got = loop_connection::retrieve(m);
-    if (got.packet == nullptr && !got.dropped) return on_nothing_read(m, got.error);
-    more_waits = got.more_waits;
+    if (found > 0) m.sends_bursts = !got.nothing();
+    if (got.nothing()) return on_nothing_read(m, got.error);
     if (got.packet == nullptr)
       ++m.home->counters.packets_dropped;
     else if (!m.finishing)

@@ -181,8 +181,10 @@ void flip_random_bits(comm_socket_v4_packet* p, unsigned int count) {
 
 int receive_packet(ReceiveSide& side) {
   if (*side.slot() != nullptr) return 0;
-  int avail;
-  if (!ask_announced_bytes(side, &avail)) return -1;
+  // A CommLoop takes what epoll has told of into room for the longest: to ask costs a system call.
+  int avail = 0;
+  if (!comm_v4_internals::of(side.endpoint).in_loop() && !ask_announced_bytes(side, &avail))
+    return -1;
   CommPacket packet = create_packet(side, read_size(avail));
   if (packet == nullptr) return -1;
   if (packet->buffer_alloc < 1)
@@ -201,8 +203,6 @@ int receive_packet(ReceiveSide& side) {
     packet.reset();
     return side.on_end_of_stream(avail);
   }
-  // What came after the question is not in the answer.
-  comm_v4_internals::of(side.endpoint).more_waits = avail > rd;
   if ((flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
     side.warn_of_truncation();
     return dropped(side);

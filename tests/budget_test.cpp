@@ -1,6 +1,9 @@
 // What the library asks of the system and of the allocator, counted call by call: numbers that are
 // the same on every machine.
+#include <tarn_utils_v4/comm_loop.h>
+
 #include <climits>
+#include <map>
 
 #include "connections.h"
 #include "lib/spare_packets.h"
@@ -61,6 +64,43 @@ TEST_F(BudgetTest, AQuietTableCostsFarFewerCallsThanItHasClients) {
   send_from(0);
   // The packet; then three retrievals that expect one more, as many as the time before, and none.
   for (const Step& step : {receive, receive, receive, receive, wait}) cost(step, 20);
+}
+
+TEST_F(BudgetTest, ALoopTakesALonePacketWithOneCallAndABurstInFewTurns) {
+  struct Counting : CommLoopHandler {
+    std::size_t packets = 0;
+    void on_packet(CommLoop&, CommLoopId, comm_socket_v4_packet*) override { ++packets; }
+  } counting;
+  CommLoop loop;
+  const CommLoopLimits limits;
+  const std::string address = abstract_name();
+  ASSERT_NE(0u, loop.serve(address.c_str(), counting, limits).generation);
+  const CommEndpoint peer = make_endpoint();
+  ASSERT_EQ(0, comm_socket_v4_connect_to(peer.get(), address.c_str()));
+  const auto turn = [&] { EXPECT_EQ(1, loop.dispatch(ULONG_MAX)); };
+  const auto send = [&] { comm_socket_v4_packet_send_to_server(peer.get(), ping_packet().get()); };
+  turn();
+  send();  // finds the memory for those that follow
+  turn();
+
+  std::map<std::string, int> costs;
+  for (int i = 0; i < 64; ++i) {
+    send();
+    ++costs[cost(turn)];
+  }
+  const std::string memory = spare_packets::are_kept ? "malloc 1" : "malloc 2, operator_new 1";
+  // Every 16th time it looks whether there is one more.
+  EXPECT_EQ(60, costs["recvmsg 1, epoll_wait 1, " + memory]) << costs.begin()->first;
+  EXPECT_EQ(2u, costs.size());
+
+  for (int i = 0; i < 100; ++i) send();
+  Faults faults;
+  faults.during([&] {
+    while (counting.packets < 165) turn();
+  });
+  EXPECT_EQ(0u, faults.count(Call::ioctl));
+  EXPECT_GE(102u, faults.count(Call::recvmsg));
+  EXPECT_GE(22u, faults.count(Call::epoll_wait));  // 16 alone, then 16 at a time
 }
 
 }  // namespace
