@@ -341,7 +341,11 @@ void comm_socket_v4_free_client(comm_socket_v4_client* c) {
   ErrnoGuard keep_errno;
   comm_socket_v4_free_client_check(c);
   if (c->client_fd >= 0) {
-    if (c->server != nullptr) leave_loop(comm_v4_internals::of(c->server), c->client_fd);
+    if (c->server != nullptr) {
+      comm_v4_internals& own = comm_v4_internals::of(c->server);
+      leave_loop(own, c->client_fd);
+      own.watched_clients.forget(comm_socket_v4_client_ptr2index_noerr(c));
+    }
     ::close(c->client_fd);
   }
   comm_socket_v4_packet_release(c->pending_response_packet);
@@ -362,6 +366,7 @@ void comm_socket_v4_drop_clients(comm_socket_v4* c) {
 }
 
 void comm_socket_v4_free_clients(comm_socket_v4* c) {
+  comm_v4_internals::of(c).watched_clients.clear();
   comm_socket_v4_drop_clients(c);
   std::vector<comm_socket_v4_client>().swap(c->client);
   reset_cursors(c);

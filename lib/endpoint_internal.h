@@ -11,6 +11,8 @@
 #include <cstring>
 #include <vector>
 
+#include "lib/watched_clients.h"
+
 // Of an endpoint, made and destroyed with it.
 struct comm_v4_internals {
   // What the application has set. Close keeps it.
@@ -42,6 +44,7 @@ struct comm_v4_internals {
   std::uint64_t retrieved_in_a_row = 0;   // since a retrieval found nothing
   std::uint64_t retrieved_last_time = 0;  // in the row before
   bool retrieved_early = true;            // the last one, from one of the first that were visited
+  WatchedClients watched_clients;         // of a server with many
   std::uint64_t accepted = 0;             // connections, in all the life of the endpoint
   std::uint64_t packets_dropped = 0;      // that were received, likewise
 
@@ -50,6 +53,9 @@ struct comm_v4_internals {
   static comm_v4_internals& of(const comm_socket_v4* c) { return *c->internals_; }
   // The number of the connection among all that the endpoint accepted; 0 in an empty record.
   static std::uint64_t& generation(comm_socket_v4_client& client) { return client.generation_; }
+  static std::uint64_t generation(const comm_socket_v4_client& client) {
+    return client.generation_;
+  }
 };
 
 // Every bit, those without a name too.

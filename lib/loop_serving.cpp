@@ -61,6 +61,7 @@ CommLoopId comm_v4_loop::add(comm_socket_v4* endpoint, CommLoopHandler& handler,
   const CommLoopId id = m->id;
   if (kind == LoopKind::server) {
     comm_socket_v4_set_descriptor_reserve(endpoint, 0);
+    comm_v4_internals::of(endpoint).watched_clients.clear();
     m->accepts_nobody = comm_v4_internals::of(endpoint).stopped_listening;
     update_events(*m);
     adopt_clients(*m);

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "lib/endpoint_internal.h"
+
 namespace {
 
 // Whether a visit of the client reads; without that it costs nothing.
@@ -34,7 +36,9 @@ bool QuietClients::is_quiet(std::size_t slot, std::size_t ahead) noexcept {
     }
     ask(slot, ahead);
   }
-  if (quiet_[position(slot)]) return true;
+  if (by_epoll_ ? comm_v4_internals::of(server_).watched_clients.is_quiet(slot, client)
+                : quiet_[position(slot)])
+    return true;
   // The callback may do anything to the others, and what was heard of them is then out of date.
   if (client.recv_cb != nullptr) reads_ = count_ = 0;
   return false;
@@ -43,9 +47,17 @@ bool QuietClients::is_quiet(std::size_t slot, std::size_t ahead) noexcept {
 void QuietClients::ask(std::size_t slot, std::size_t ahead) noexcept {
   const std::size_t slots = server_->client.size();
   first_ = slot;
-  count_ = std::min({window_size, ahead, slots});
+  count_ = std::min(ahead, slots);
+  comm_v4_internals& own = comm_v4_internals::of(server_);
+  by_epoll_ = slots > window_size && own.watched_clients.look(server_->client, own.accepted);
+  if (by_epoll_) return;
+  count_ = std::min(window_size, count_);
   std::fill_n(quiet_, count_, false);
+  ask_by_poll(slot);
+}
 
+void QuietClients::ask_by_poll(std::size_t slot) noexcept {
+  const std::size_t slots = server_->client.size();
   struct pollfd asked[window_size];
   std::size_t position_of[window_size];
   std::size_t asked_count = 0;

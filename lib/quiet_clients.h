@@ -1,5 +1,5 @@
 // Which clients of a server have nothing to read: asked with one poll(2) for many of them, so that
-// a pass over a large table does not pay a failing read for each.
+// a pass does not pay a failing read for each, or in a large table with one epoll_wait(2) for all.
 #ifndef TARN_LIB_QUIET_CLIENTS_H
 #define TARN_LIB_QUIET_CLIENTS_H
 
@@ -35,13 +35,15 @@ class QuietClients {
   bool in_window(std::size_t slot) const noexcept;
   std::size_t position(std::size_t slot) const noexcept;
   void ask(std::size_t slot, std::size_t ahead) noexcept;
+  void ask_by_poll(std::size_t slot) noexcept;
 
   const comm_socket_v4* server_;
   std::size_t reads_before_asking_;
   std::size_t reads_ = 0;  // without asking
   std::size_t first_ = 0;  // slot of the window
   std::size_t count_ = 0;
-  bool quiet_[window_size];
+  bool by_epoll_ = false;
+  bool quiet_[window_size];  // by position, unless it goes by epoll
 };
 
 #endif

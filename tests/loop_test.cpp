@@ -1,6 +1,7 @@
 // The application's loop: idle, retrieval and waits.
 #include <array>
 #include <climits>
+#include <random>
 
 #include "connections.h"
 
@@ -77,6 +78,84 @@ TEST_F(LoopTest, NoClientStarvesTheOthersAndNoneIsOverlooked) {
   send_from(1);
   EXPECT_NE(nullptr, retrieve(&s));
   EXPECT_EQ(2u, s.client_getpktscan);
+}
+
+// Clients of a table that is large enough for an epoll come, go and fall silent, and a copy of each
+// connection outlives it.
+TEST_F(LoopTest, ALargeTableIsServedInTurnWhateverBecomesOfItsClients) {
+  constexpr std::size_t slots = 100;
+  std::vector<CommDescriptor> copies;
+  std::vector<int> waiting(slots);  // packets, by slot
+  std::mt19937 random(1);
+  const auto come = [&](std::size_t slot) {
+    auto [peer, index] = ::join(&s);
+    EXPECT_EQ(slot, index);
+    peers[slot] = std::move(peer);
+    copies.emplace_back(dup(s.client[slot].client_fd));
+    waiting[slot] = 0;
+  };
+  const auto senders_in_turn = [&] {
+    Numbers senders;
+    std::size_t slot = s.client_getpktscan;
+    for (std::size_t quiet = 0; quiet < slots; slot = (slot + 1) % slots) {
+      ++quiet;
+      if (waiting[slot] == 0 || s.client[slot].halt != 0) continue;
+      --waiting[slot];
+      senders.push_back(slot);
+      quiet = 0;
+    }
+    return senders;
+  };
+  peers.resize(slots);
+  s.client.resize(slots);
+  for (std::size_t slot = 0; slot < slots; ++slot) come(slot);
+  for (int round = 0; round < 500; ++round) {
+    for (std::size_t left = random() % 5; left > 0; --left) {
+      const std::size_t slot = random() % slots;
+      ++waiting[slot];
+      send_from(slot);
+    }
+    const std::size_t slot = random() % slots;
+    if (round % 4 == 0) release(slot), come(slot);
+    if (round % 4 == 1) s.client[slot].halt = static_cast<int>(random() % 2);
+    // Behind the server's back: its descriptor is closed, and the copy is still told of.
+    if (round == 250) close(s.client[slot].client_fd), release(slot), come(slot);
+    const Numbers expected = senders_in_turn();
+    Numbers senders;
+    while (senders.empty() || senders.back() != COMM_V4_NO_INDEX) senders.push_back(next_sender());
+    senders.pop_back();
+    ASSERT_EQ(expected, senders) << round;
+  }
+}
+
+TEST_F(LoopTest, AForkedChildAndAnyFailureLeaveALargeTableItsEpollOrDoWithout) {
+  join(100);
+  const auto expect_packet = [&](std::size_t slot) {
+    send_from(slot);
+    EXPECT_EQ(slot, next_sender());
+    EXPECT_EQ(COMM_V4_NO_INDEX, next_sender());
+  };
+  expect_packet(50);
+  Peer([&] {
+    release(50);
+    EXPECT_EQ(COMM_V4_NO_INDEX, next_sender());
+  });
+  expect_packet(50);
+  expect_packet(70);
+
+  for (unsigned kth = 1, fired = 1; fired > 0; ++kth) {
+    open_server();
+    join(100);
+    send_from(60);
+    Faults faults;
+    faults.fail_any(kth, ENOMEM,
+                    {Call::epoll_create1, Call::epoll_ctl, Call::epoll_wait, Call::operator_new});
+    const unsigned long sender = faults.during([&] { return next_sender(); });
+    // A packet that finds no memory comes with the next call.
+    EXPECT_EQ(60u, sender != COMM_V4_NO_INDEX ? sender : next_sender()) << kth;
+    fired = faults.fired();
+    expect_packet(90);
+  }
 }
 
 TEST_F(LoopTest, AHaltedClientIsLeftAloneAndAPendingResponseHoldsPacketsBack) {

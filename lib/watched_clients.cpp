@@ -1,0 +1,108 @@
+#include "lib/watched_clients.h"
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <new>
+
+#include "lib/endpoint_internal.h"
+#include "lib/errno_guard.h"
+
+namespace {
+
+// With more at once most of the table is ready, and soon found.
+constexpr int most_ready = 128;
+
+// Which slot and, so that an event of a client that has gone meets no other, the end of its
+// generation.
+std::uint64_t event_key(std::size_t slot, std::uint64_t generation) {
+  return std::uint64_t{slot} << 32 | (generation & UINT32_MAX);
+}
+
+}  // namespace
+
+bool WatchedClients::open() noexcept {
+  if (epoll_.is_open() && process_ == ::getpid()) return true;
+  clear();
+  process_ = ::getpid();
+  epoll_ = CommDescriptor(::epoll_create1(EPOLL_CLOEXEC));
+  return epoll_.is_open();
+}
+
+bool WatchedClients::look(const std::vector<comm_socket_v4_client>& table,
+                          std::uint64_t accepted) noexcept {
+  if (given_up_) return false;
+  ErrnoGuard keep_errno;
+  if (!open() || (accepted != accepted_ && !watch_newcomers(table))) {
+    clear();
+    given_up_ = true;
+    return false;
+  }
+  accepted_ = accepted;
+  struct epoll_event ready[most_ready];
+  const int count = ::epoll_wait(epoll_.get(), ready, most_ready, 0);
+  if (count < 0 || count == most_ready) return false;
+  ++look_;
+  for (int i = 0; i < count; ++i) {
+    if (mark_ready(ready[i].data.u64)) continue;
+    // Its descriptor was closed elsewhere, and somebody has a copy: it would be told for ever.
+    clear();
+    return false;
+  }
+  return true;
+}
+
+bool WatchedClients::watch_newcomers(const std::vector<comm_socket_v4_client>& table) noexcept {
+  try {
+    if (watched_.size() < table.size()) watched_.resize(table.size());
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  for (std::size_t slot = 0; slot < table.size(); ++slot) {
+    const bool is_new = comm_v4_internals::generation(table[slot]) > accepted_;
+    if (is_new && !watch(slot, table[slot])) return false;
+  }
+  return true;
+}
+
+bool WatchedClients::watch(std::size_t slot, const comm_socket_v4_client& client) noexcept {
+  const std::uint64_t generation = comm_v4_internals::generation(client);
+  struct epoll_event event = {};
+  event.events = EPOLLIN;
+  event.data.u64 = event_key(slot, generation);
+  if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, client.client_fd, &event) != 0) return false;
+  watched_[slot] = {generation, client.client_fd, 0};
+  return true;
+}
+
+bool WatchedClients::mark_ready(std::uint64_t key) noexcept {
+  const std::size_t slot = key >> 32;
+  if (slot >= watched_.size() || event_key(slot, watched_[slot].generation) != key) return false;
+  watched_[slot].ready_at = look_;
+  return true;
+}
+
+bool WatchedClients::is_quiet(std::size_t slot,
+                              const comm_socket_v4_client& client) const noexcept {
+  if (slot >= watched_.size()) return false;
+  const Watched& w = watched_[slot];
+  return w.generation == comm_v4_internals::generation(client) && w.fd == client.client_fd &&
+         w.ready_at != look_;
+}
+
+void WatchedClients::forget(std::size_t slot) noexcept {
+  if (slot >= watched_.size() || watched_[slot].generation == 0) return;
+  const int fd = watched_[slot].fd;
+  watched_[slot] = {};
+  if (process_ != ::getpid()) return;
+  ErrnoGuard keep_errno;
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void WatchedClients::clear() noexcept {
+  ErrnoGuard keep_errno;
+  epoll_ = CommDescriptor();
+  std::vector<Watched>().swap(watched_);
+  accepted_ = 0;
+  given_up_ = false;
+}
