@@ -547,9 +547,10 @@ COMM_V4_EXPORT int comm_socket_v4_connect_use_socketpair(comm_socket_v4* c, int 
 
 // --- The application's loop ---------------------------------------------------------------------
 
-// A server with more than 64 slots has one descriptor more, an epoll(7), from the first call on that
-// looks at its clients: it tells what is ready without a look at each. Without a descriptor for it
-// all are asked. It goes by the numbers of the clients' descriptors: put no other file there.
+// A server with more than 64 slots has one descriptor more, an epoll(7), from the first call on
+// that looks at its clients: it tells what is ready without a look at each. Without a descriptor
+// for it all are asked. It goes by the numbers of the clients' descriptors: put no other file
+// there.
 
 // Idle: work that does not block. Reads at most one packet per connection into its slot, unless one
 // waits there; completes a pending connect; never accepts; runs receive callbacks. A record of zero
