@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <new>
 
+#include "lib/or_no_memory.h"
+
 namespace {
 
 std::chrono::microseconds duration(std::uint64_t timeout_us) {
@@ -19,16 +21,6 @@ std::chrono::microseconds duration(std::uint64_t timeout_us) {
 CommPacket shared(comm_socket_v4_packet* p) {
   if (p == nullptr) errno = EINVAL;
   return comm_share_packet(p);
-}
-
-template <class Result, class Call>
-Result or_no_memory(Result failed, Call call) {
-  try {
-    return call();
-  } catch (const std::bad_alloc&) {
-    errno = ENOMEM;
-    return failed;
-  }
 }
 
 template <class Call>

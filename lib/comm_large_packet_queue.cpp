@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <new>
 
+#include "lib/or_no_memory.h"
+
 namespace {
 
 comm_socket_v4_packet* take_oldest(CommLargePacketQueue& q) {
@@ -60,12 +62,7 @@ void comm_socket_v4_queue_destroy(CommLargePacketQueue* q) { delete q; }
 
 int comm_socket_v4_queue_send_packet(CommLargePacketQueue* q, comm_socket_v4_client* c,
                                      comm_socket_v4_packet* p) {
-  try {
-    return q->send_packet(c, p);
-  } catch (const std::bad_alloc&) {
-    errno = ENOMEM;
-    return -1;
-  }
+  return or_no_memory(-1, [&] { return q->send_packet(c, p); });
 }
 void comm_socket_v4_queue_flush_queued_packet(CommLargePacketQueue* q, comm_socket_v4_client* c) {
   q->flush_queued_packet(c);

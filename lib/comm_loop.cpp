@@ -19,6 +19,7 @@
 #include "lib/loop_connection.h"
 #include "lib/loop_counters.h"
 #include "lib/loop_internal.h"
+#include "lib/or_no_memory.h"
 #include "suite/time.h"
 
 namespace {
@@ -205,15 +206,13 @@ template <class Open>
 CommLoopId add_new(CommLoop& loop, CommEndpoint& endpoint, CommLoopHandler& handler,
                    const CommLoopLimits& limits, const Open& open) {
   if (loop.fd() < 0) return loop.add(nullptr, handler, limits);  // It fails, and says why.
-  try {
+  const int opened = or_no_memory(-1, [&] {
     endpoint.reset(comm_socket_v4_create());
     if (endpoint == nullptr) throw std::bad_alloc();
     comm_v4_internals::of(endpoint.get()).loop_epoll = loop.fd();
-    if (open() != 0) return nobody;
-  } catch (const std::bad_alloc&) {
-    errno = ENOMEM;
-    return nobody;
-  }
+    return open();
+  });
+  if (opened != 0) return nobody;
   const CommLoopId id = loop.add(endpoint.get(), handler, limits);
   if (id != nobody) static_cast<void>(endpoint.release());
   return id;
@@ -252,16 +251,12 @@ CommLoopId CommLoop::connect(comm_socket_v4* endpoint, const char* path, CommLoo
   if (fd() < 0) return internals_->refuse(), nobody;
   int& epoll = comm_v4_internals::of(endpoint).loop_epoll;
   epoll = fd();
-  CommLoopId id = nobody;
-  try {
-    if (connect_endpoint(endpoint, path) == 0) {
-      // Of an earlier connection.
-      CommPacket(std::exchange(endpoint->next_packet, nullptr)).reset();
-      id = add(endpoint, handler, limits);
-    }
-  } catch (const std::bad_alloc&) {
-    errno = ENOMEM;
-  }
+  const CommLoopId id = or_no_memory(nobody, [&] {
+    if (connect_endpoint(endpoint, path) != 0) return nobody;
+    // Of an earlier connection.
+    CommPacket(std::exchange(endpoint->next_packet, nullptr)).reset();
+    return add(endpoint, handler, limits);
+  });
   if (id != nobody) return id;
   comm_socket_v4_close(endpoint);
   epoll = -1;

@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <new>
 
+#include "lib/or_no_memory.h"
+
 namespace {
 
 class CallbackHandler final : public CommLoopHandler {
@@ -41,12 +43,7 @@ CommLoopLimits limits_or_defaults(const CommLoopLimits* limits) {
 }
 
 CommLoop* create_loop() {
-  try {
-    return new CommLoop;
-  } catch (const std::bad_alloc&) {
-    errno = ENOMEM;
-    return nullptr;
-  }
+  return or_no_memory<CommLoop*>(nullptr, [] { return new CommLoop; });
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstring>
-#include <new>
 #include <utility>
 #include <vector>
 
@@ -18,6 +17,7 @@
 #include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
 #include "lib/fatal_assert.h"
+#include "lib/or_no_memory.h"
 #include "lib/packet_layout.h"
 #include "lib/packet_receive.h"
 #include "lib/quiet_clients.h"
@@ -34,14 +34,11 @@ namespace {
 
 // Grows the table to exactly `slots`; the new ones are empty. False with ENOMEM, nothing changed.
 bool grow_table(comm_socket_v4* c, std::size_t slots) {
-  try {
+  return or_no_memory(false, [&] {
     c->client.reserve(slots);
     c->client.resize(slots);
     return true;
-  } catch (const std::bad_alloc&) {
-    errno = ENOMEM;
-    return false;
-  }
+  });
 }
 
 void reset_cursors(comm_socket_v4* c) {
@@ -270,13 +267,10 @@ int comm_socket_v4_client_disconnect_list_add(comm_socket_v4* c, unsigned long i
     return -1;
   }
   comm_socket_v4_debug(c, "client_disconnect = %lu", index);
-  try {
+  return or_no_memory(-1, [&] {
     c->disconnect_list.push_back(index);
-  } catch (const std::bad_alloc&) {
-    errno = ENOMEM;
-    return -1;
-  }
-  return 0;
+    return 0;
+  });
 }
 
 void comm_socket_v4_client_disconnect_list_clear(comm_socket_v4* c) { c->disconnect_list.clear(); }

@@ -7,13 +7,13 @@
 #include <tarn_utils_v4/comm_cpp.h>
 #include <tarn_utils_v4/comm_loop.h>
 
-#include <cerrno>
 #include <cstdint>
 #include <list>
 #include <map>
-#include <new>
 #include <set>
 #include <utility>
+
+#include "lib/or_no_memory.h"
 
 enum class LoopKind {
   none,
@@ -29,13 +29,10 @@ class LoopUsers {
  public:
   // For one more user, so that add never fails; false without memory, errno ENOMEM.
   bool make_room() noexcept {
-    try {
+    return or_no_memory(false, [this] {
       if (spare_.empty()) spare_.emplace(0, 0);
       return true;
-    } catch (const std::bad_alloc&) {
-      errno = ENOMEM;
-      return false;
-    }
+    });
   }
   void add(uid_t user) noexcept {
     if (const auto found = counts_.find(user); found != counts_.end()) {

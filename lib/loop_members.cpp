@@ -12,10 +12,11 @@
 #include "lib/loop_connection.h"
 #include "lib/loop_counters.h"
 #include "lib/loop_internal.h"
+#include "lib/or_no_memory.h"
 
 bool comm_v4_loop::make_room() noexcept {
   if (!free_slots.empty()) return true;
-  try {
+  return or_no_memory(false, [this] {
     const std::size_t slot = members.size();
     if (members.capacity() <= slot) members.reserve(2 * slot + 16);
     // To give a slot back never fails.
@@ -26,10 +27,7 @@ bool comm_v4_loop::make_room() noexcept {
     members.push_back(std::move(m));
     free_slots.push_back(slot);
     return true;
-  } catch (const std::bad_alloc&) {
-    errno = ENOMEM;
-    return false;
-  }
+  });
 }
 
 LoopMember* comm_v4_loop::create(LoopKind kind, CommLoopHandler& handler,

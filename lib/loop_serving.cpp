@@ -12,6 +12,7 @@
 #include "lib/endpoint_internal.h"
 #include "lib/loop_connection.h"
 #include "lib/loop_internal.h"
+#include "lib/or_no_memory.h"
 #include "suite/time.h"
 
 namespace {
@@ -319,12 +320,11 @@ int comm_v4_loop::enqueue(LoopMember& m, comm_socket_v4_packet* p) {
     errno = EAGAIN;
     return -1;
   }
-  try {
+  const bool queued = or_no_memory(false, [&] {
     m.queue.push_back(comm_share_packet(p));
-  } catch (const std::bad_alloc&) {
-    errno = ENOMEM;
-    return -1;
-  }
+    return true;
+  });
+  if (!queued) return -1;
   m.queued_bytes += p->buffer_length;
   ++counters.queued_packets;
   counters.queued_bytes += p->buffer_length;

@@ -8,12 +8,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 #include <utility>
 #include <vector>
 
 #include "lib/endpoint_internal.h"
 #include "lib/fatal_assert.h"
+#include "lib/or_no_memory.h"
 #include "lib/packet_layout.h"
 
 unsigned int comm_socket_v4_recv_corrupt_debug = 0;
@@ -43,12 +43,10 @@ std::size_t read_size(int avail) {
 }
 
 bool reserve_descriptors(std::vector<int>& room) noexcept {
-  try {
+  return or_no_memory(false, [&room] {
     room.reserve(COMM_V4_MAX_SEND_FDS);
     return true;
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
+  });
 }
 
 // A packet with room for a record of `size` bytes and the NUL behind it, beside room for every

@@ -3,10 +3,9 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
-#include <new>
-
 #include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
+#include "lib/or_no_memory.h"
 
 namespace {
 
@@ -53,11 +52,11 @@ bool WatchedClients::look(const std::vector<comm_socket_v4_client>& table,
 }
 
 bool WatchedClients::watch_newcomers(const std::vector<comm_socket_v4_client>& table) noexcept {
-  try {
+  const bool has_room = or_no_memory(false, [&] {
     if (watched_.size() < table.size()) watched_.resize(table.size());
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
+    return true;
+  });
+  if (!has_room) return false;
   for (std::size_t slot = 0; slot < table.size(); ++slot) {
     const bool is_new = comm_v4_internals::generation(table[slot]) > accepted_;
     if (is_new && !watch(slot, table[slot])) return false;
