@@ -236,7 +236,7 @@ void print_file_streams(const Options& options) {
       .columns = {{"raw", &F::raw},
                   {"write_data_binary", &F::by_copy},
                   {"by raw", &F::by_copy, &F::raw},
-                  {"reserve_data", &F::in_place},
+                  {"write_data_from_file", &F::in_place},
                   {"by raw", &F::in_place, &F::raw}},
       .measure = [&](int receiver_core, std::size_t size) {
         return race_file_streams(options, {receiver_core, size});

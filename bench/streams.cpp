@@ -52,15 +52,23 @@ class FileParts {
     check(::write(file_.get(), bytes.data(), bytes.size()), "write");
   }
   void read(void* room, std::size_t length) {
-    if (at_ + length > size) at_ = 0;
-    check(::pread(file_.get(), room, length, static_cast<off_t>(at_)), "pread");
-    at_ += length;
+    check(::pread(file_.get(), room, length, next(length)), "pread");
+  }
+  void read(comm_socket_v4_packet& p, std::size_t length) {
+    check(p.write_data_from_file(file_.get(), next(length), length), "write_data_from_file");
   }
 
  private:
+  // Where a part of this length is.
+  off_t next(std::size_t length) {
+    const std::size_t at = end_ + length <= size ? end_ : 0;
+    end_ = at + length;
+    return static_cast<off_t>(at);
+  }
+
   static constexpr std::size_t size = 1 << 20;
   CommDescriptor file_;
-  std::size_t at_ = 0;
+  std::size_t end_ = 0;
 };
 
 Runner raw_sender(CommDescriptor socket, const Stream& what, raw::Calls calls) {
@@ -99,8 +107,7 @@ CommPacket build_packet_of(const Stream& what, FileParts& file) {
     p.write_data_binary(&memory[2048], length);
   };
   const auto in_place = [&file](comm_socket_v4_packet& p, std::size_t length) {
-    file.read(p.reserve_data(length), length);
-    p.commit_data(length);
+    file.read(p, length);
   };
   switch (what.data_from) {
     case DataFrom::file_by_copy:

@@ -43,9 +43,7 @@ CommPacket answer_to(const comm_socket_v4_packet& request) {
   answer.pair_uint64("size", static_cast<std::uint64_t>(about.st_size))
       .pair_uint64("mode", about.st_mode & 07777)
       .pair_int64("times", {about.st_atime, about.st_mtime, about.st_ctime})
-      .data_from(
-          start_size,
-          [&file](void* room, std::size_t most) { return ::pread(file.fd.get(), room, most, 0); })
+      .data_from_file(file.fd.get(), 0, start_size)
       .descriptor(std::move(file.fd));
   CommPacket packet = answer.finish();
   if (answer.error().reason == CommPacketReason::not_filled)

@@ -1,5 +1,8 @@
 // Any sequence of calls of the writer, beside a model of the packet that they make. What was
 // written validates and reads back; a call that is refused has changed nothing.
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <tuple>
 
@@ -31,8 +34,8 @@ class Model {
     const Input call = in_;
     for (int i = 0; i < times && p_.buffer_length < most_bytes; ++i) {
       in_ = call;
-      if (!make_step(in_, *this, "bapderc", &Model::begin, &Model::argument, &Model::pair,
-                     &Model::data, &Model::end, &Model::reserve, &Model::commit))
+      if (!make_step(in_, *this, "bapdercf", &Model::begin, &Model::argument, &Model::pair,
+                     &Model::data, &Model::end, &Model::reserve, &Model::commit, &Model::from_file))
         break;
     }
     REQUIRE(p_.write_state == state_);
@@ -151,6 +154,30 @@ class Model {
     if (legal) reserved_ = 0;
     return make(
         legal, [&] { return p_.commit_data(length); }, length);
+  }
+
+  // Asks for one byte more or fewer than the file has, by either way to read.
+  bool from_file() {
+    static const CommDescriptor file(::memfd_create("file", MFD_CLOEXEC));
+    const bool at_offset = in_.yes();
+    const std::string given = in_.text();
+    const std::size_t most = in_.yes() ? given.size() + 1 : given.size() - 1;
+    REQUIRE(::ftruncate(file.get(), 0) == 0 && ::lseek(file.get(), 0, SEEK_SET) == 0);
+    REQUIRE(::pwrite(file.get(), given.data(), given.size(), 0) ==
+            static_cast<ssize_t>(given.size()));
+    const bool legal = most == 0 || takes_data();
+    if (legal && most != 0) begin_data(0);
+    const std::string taken = given.substr(0, most);
+    data_ += legal ? taken : "";
+    return make(
+        legal,
+        [&] {
+          const int answer = p_.write_data_from_file(file.get(), at_offset ? 0 : -1, most);
+          REQUIRE(legal || errno == EINVAL);
+          if (!legal) errno = EILSEQ;
+          return answer;
+        },
+        taken.size());
   }
 
   bool takes_data() const { return in_header() || state_ == Writer::write_state_data; }

@@ -1,6 +1,8 @@
 // The writer: one pass over a growing buffer. Strings and values are copied at once; the entries
 // that point at them are collected and written as two tables with the first data or at the end.
+#include <sys/types.h>
 #include <tarn_utils_v4/comm_packet.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -46,8 +48,8 @@ bool is_terminated(std::uint32_t type) {
   return type == comm_v4_type_text || type == comm_v4_type_json;
 }
 
-// Only write_begin sets errno, so a buffer that cannot grow leaves it alone. Out of line, as
-// is the growth of entries: the callers seldom need either.
+// Most of the writer leaves errno alone, also when the buffer cannot grow. Out of line, as is the
+// growth of entries: the callers seldom need either.
 [[gnu::noinline, gnu::cold]] bool make_room(comm_socket_v4_packet& p, std::size_t size) {
   ErrnoGuard keep_errno;
   return p.resize_buffer(size) == 0;
@@ -114,16 +116,18 @@ comm_socket_v4_packet_nv_pair* alloc_nv_pair(comm_socket_v4_packet& p, std::uint
 }
 
 // Appends pending entries as a table; *offset is where it starts, 0 without one. More entries than
-// `most` go nowhere: the packet is then sent without that table.
+// `most` go nowhere: the packet is then sent without that table. Returns 0, or an errno, as do
+// those below.
 template <class Entry>
 int append_table(comm_socket_v4_packet& p, const std::vector<Entry>& pending, std::size_t most,
                  comm_v4_offset_t* offset) {
   *offset = 0;
   if (pending.empty() || pending.size() > most) return 0;
   const std::size_t size = pending.size() * sizeof(Entry);
-  if (p.buffer == nullptr || !fits_packet(p, size)) return -1;
+  if (p.buffer == nullptr) return EINVAL;
+  if (!fits_packet(p, size)) return EMSGSIZE;
   const std::size_t needed = p.buffer_write + size + table_spare;
-  if (needed > p.buffer_alloc && !make_room(p, needed)) return -1;
+  if (needed > p.buffer_alloc && !make_room(p, needed)) return ENOMEM;
   *offset = static_cast<comm_v4_offset_t>(p.buffer_write);
   append(p, pending.data(), size);
   return 0;
@@ -131,8 +135,8 @@ int append_table(comm_socket_v4_packet& p, const std::vector<Entry>& pending, st
 
 int write_int_append_argv_table(comm_socket_v4_packet& p) {
   comm_v4_offset_t offset;
-  if (append_table(p, p.wr_argv, COMM_V4_MAX_ARGUMENTS, &offset) != 0) return -1;
-  if (offset == 0) return 0;
+  const int error = append_table(p, p.wr_argv, COMM_V4_MAX_ARGUMENTS, &offset);
+  if (offset == 0) return error;
   header(p.buffer)->argv_offset = offset;
   header(p.buffer)->argv_count = static_cast<std::uint8_t>(p.wr_argv.size());
   return 0;
@@ -140,8 +144,8 @@ int write_int_append_argv_table(comm_socket_v4_packet& p) {
 
 int write_int_append_nv_pair_table(comm_socket_v4_packet& p) {
   comm_v4_offset_t offset;
-  if (append_table(p, p.wr_nv_pair, COMM_V4_MAX_PAIRS, &offset) != 0) return -1;
-  if (offset == 0) return 0;
+  const int error = append_table(p, p.wr_nv_pair, COMM_V4_MAX_PAIRS, &offset);
+  if (offset == 0) return error;
   header(p.buffer)->nv_pair_table_offset = offset;
   header(p.buffer)->nv_pair_table_count = static_cast<std::uint16_t>(p.wr_nv_pair.size());
   return 0;
@@ -150,14 +154,14 @@ int write_int_append_nv_pair_table(comm_socket_v4_packet& p) {
 // Both or none: entries that could be added between a first and a second try need one table.
 int write_int_append_tables(comm_socket_v4_packet& p) {
   const std::size_t start = p.buffer_write;
-  if (write_int_append_argv_table(p) != 0) return -1;
-  if (write_int_append_nv_pair_table(p) != 0) {
-    if (p.buffer_write == start) return -1;
+  if (const int error = write_int_append_argv_table(p); error != 0) return error;
+  if (const int error = write_int_append_nv_pair_table(p); error != 0) {
+    if (p.buffer_write == start) return error;
     header(p.buffer)->argv_offset = 0;
     header(p.buffer)->argv_count = 0;
     p.buffer_write = p.buffer_length = start;
     p.buffer[start] = 0;
-    return -1;
+    return error;
   }
   p.wr_argv.clear();
   // Too many pairs go nowhere, and stay where they are.
@@ -166,17 +170,18 @@ int write_int_append_tables(comm_socket_v4_packet& p) {
 }
 
 // Room for data where the writer stands, behind the tables; what was reserved before ends.
-bool make_room_for_data(comm_socket_v4_packet& p, std::size_t length) {
-  if (length > COMM_V4_MAX_DATA_PER_WRITE) return false;
+int make_room_for_data(comm_socket_v4_packet& p, std::size_t length) {
+  if (length > COMM_V4_MAX_DATA_PER_WRITE) return EINVAL;
   if (p.write_state == comm_socket_v4_packet::write_state_header) {
-    if (write_int_append_tables(p) != 0) return false;
+    if (const int error = write_int_append_tables(p); error != 0) return error;
     p.write_state = comm_socket_v4_packet::write_state_data;
   }
-  if (p.write_state != comm_socket_v4_packet::write_state_data) return false;
-  if (p.buffer == nullptr || !fits_packet(p, length)) return false;
+  if (p.write_state != comm_socket_v4_packet::write_state_data || p.buffer == nullptr)
+    return EINVAL;
+  if (!fits_packet(p, length)) return EMSGSIZE;
   p.data_reserved = 0;
   const std::size_t needed = p.buffer_write + length + data_spare;
-  return needed <= p.buffer_alloc || make_room(p, needed);
+  return needed <= p.buffer_alloc || make_room(p, needed) ? 0 : ENOMEM;
 }
 
 // The last `length` bytes of the packet, more than none, are data.
@@ -185,6 +190,16 @@ void take_for_data(comm_socket_v4_packet& p, std::size_t length) {
   if (first->data_offset == 0)
     first->data_offset = static_cast<comm_v4_offset_t>(p.buffer_write - length);
   first->data_length = static_cast<std::uint32_t>(p.buffer_write) - first->data_offset;
+}
+
+// The room ends: its first `length` bytes are data, and the NUL stands behind them.
+void take_from_room(comm_socket_v4_packet& p, std::size_t length) {
+  if (length != 0) {
+    p.buffer_write = p.buffer_length = p.buffer_write + length;
+    take_for_data(p, length);
+  }
+  p.buffer[p.buffer_write] = 0;
+  p.data_reserved = 0;
 }
 
 int write_argv_number(comm_socket_v4_packet& p, std::uint8_t type, const void* value) {
@@ -358,14 +373,14 @@ int comm_socket_v4_packet::write_nv_pairf(const char* name, const char* format, 
 
 int comm_socket_v4_packet::write_data_binary(const unsigned char* data, std::size_t length) {
   if (length == 0) return 0;
-  if (data == nullptr || !make_room_for_data(*this, length)) return -1;
+  if (data == nullptr || make_room_for_data(*this, length) != 0) return -1;
   append(*this, data, length);
   take_for_data(*this, length);
   return static_cast<int>(length);
 }
 
 unsigned char* comm_socket_v4_packet::reserve_data(std::size_t most) {
-  if (most == 0 || !make_room_for_data(*this, most)) return nullptr;
+  if (most == 0 || make_room_for_data(*this, most) != 0) return nullptr;
   data_reserved = most;
   // The last one is the NUL behind a packet that takes it all.
   return static_cast<unsigned char*>(std::memset(buffer + buffer_write, 0, most + 1));
@@ -373,13 +388,23 @@ unsigned char* comm_socket_v4_packet::reserve_data(std::size_t most) {
 
 int comm_socket_v4_packet::commit_data(std::size_t length) {
   if (data_reserved == 0 || length > data_reserved) return -1;
-  if (length != 0) {
-    buffer_write = buffer_length = buffer_write + length;
-    take_for_data(*this, length);
-  }
-  buffer[buffer_write] = 0;
-  data_reserved = 0;
+  take_from_room(*this, length);
   return static_cast<int>(length);
+}
+
+int comm_socket_v4_packet::write_data_from_file(int fd, std::int64_t offset, std::size_t most) {
+  if (most == 0) return 0;
+  const std::size_t length = std::min(most, COMM_V4_MAX_DATA_PER_WRITE);
+  if (const int error = make_room_for_data(*this, length); error != 0) {
+    errno = error;
+    return -1;
+  }
+  unsigned char* const room = buffer + buffer_write;
+  const ssize_t count =
+      offset < 0 ? ::read(fd, room, length) : ::pread(fd, room, length, static_cast<off_t>(offset));
+  // What failed may have written there, too.
+  take_from_room(*this, count > 0 ? static_cast<std::size_t>(count) : 0);
+  return static_cast<int>(count);
 }
 
 int comm_socket_v4_packet::write_end() {
@@ -497,5 +522,9 @@ unsigned char* comm_socket_v4_packet_reserve_data(comm_socket_v4_packet* p, std:
 }
 int comm_socket_v4_packet_commit_data(comm_socket_v4_packet* p, std::size_t length) {
   return p->commit_data(length);
+}
+int comm_socket_v4_packet_write_data_from_file(comm_socket_v4_packet* p, int fd,
+                                               std::int64_t offset, std::size_t most) {
+  return p->write_data_from_file(fd, offset, most);
 }
 int comm_socket_v4_packet_write_end(comm_socket_v4_packet* p) { return p->write_end(); }

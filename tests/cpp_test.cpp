@@ -91,6 +91,14 @@ Calls filled(std::size_t most, ssize_t count) {
   };
 }
 CommDescriptor file() { return CommDescriptor(memfd_create("file", MFD_CLOEXEC)); }
+// Of a file of three bytes the last one.
+Calls from_file(std::size_t most) {
+  return [=](Builder& b) {
+    const CommDescriptor fd = file();
+    EXPECT_EQ(0, ftruncate(fd.get(), 3));
+    b.data_from_file(fd.get(), 2, most);
+  };
+}
 
 TEST_F(BuilderTest, SaysWhatWouldBeLost) {
   const std::string nul("a\0b", 3);
@@ -152,6 +160,10 @@ TEST_F(BuilderTest, SaysWhatWouldBeLost) {
       {"65", repeated(2, filled(1, 0))},
       {"65", [](Builder& b) { b.data_from(0, [](void*, std::size_t) { return 1; }); }},
       {"data: not filled EINVAL", filled(1, 2)},
+      {"66", from_file(262144)},
+      {"data: not filled EBADF", [](Builder& b) { b.data_from_file(-1, 0, 1); }},
+      {"data: the packet is longer than a receiver takes EMSGSIZE",
+       [](Builder& b) { from_file(7)(b.limit(71)); }},
       {"data: not filled ENXIO", filled(1, -1)},
       {"data: the packet is longer than a receiver takes EMSGSIZE",
        [](Builder& b) { filled(7, 1)(b.limit(71)); }},
@@ -190,6 +202,7 @@ TEST_F(BuilderTest, NeedsMemory) {
       auto b = std::make_pair(Builder::response(command, error), CommPacket());
       b.first.argument(text).argument_int64(1).pair(command, text);
       b.first.pair_double("n", 1).data(text).data(text).descriptor(0);
+      from_file(9000)(b.first);
       b.second = b.first.finish();
       return b;
     });

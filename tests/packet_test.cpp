@@ -1,5 +1,7 @@
 // The packet: its bytes, its buffer, references and descriptors, the writer and the readers. What
 // makes it valid is compared with what another reader says, in read_packet_test.py.
+#include <sys/mman.h>
+
 #include "support.h"
 
 namespace {
@@ -12,6 +14,10 @@ constexpr std::size_t kHuge = SIZE_MAX;
 
 const unsigned char* bytes(const std::string& text) {
   return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+std::string data_of(const CommPacket& p) {
+  return std::string(reinterpret_cast<const char*>(p->data()), p->data_length());
 }
 
 const std::string kPing =
@@ -258,6 +264,7 @@ TEST_F(PacketTest, RefusesToPassThirtyTwoBits) {
       {[](auto* p) { return p->write_nv_pair("n", "abc"); }, 2 + 4, 2},
       {[](auto* p) { return p->write_data_binary(bytes("abc"), 3); }, 3, 1},
       {[](auto* p) { return p->reserve_data(3) == nullptr ? -1 : 0; }, 3, 1},
+      {[](auto* p) { return p->write_data_from_file(-1, 0, 3); }, 3, 1},
       {[](auto* p) { return p->wr_argv.emplace_back(), p->write_end(); }, 4, 1},
       {[](auto* p) { return p->wr_nv_pair.emplace_back(), p->write_end(); }, 16, 1},
   };
@@ -270,11 +277,19 @@ TEST_F(PacketTest, RefusesToPassThirtyTwoBits) {
       faults.during([&] { return row.write(p.get()); });
       EXPECT_EQ(fits ? row.growths : 0u, faults.count(Call::malloc)) << &row - rows;
     }
+  for (const std::size_t arguments : {0, 1}) {
+    const CommPacket p = begin_request();
+    p->wr_argv.resize(arguments);
+    p->buffer_write = UINT32_MAX - 2;
+    const auto add = [&] { return p->write_data_from_file(-1, 0, 3 - arguments); };
+    EXPECT_EQ(Outcome(-1, EMSGSIZE), outcome(add));
+  }
 }
 
 // What is not committed is not there; what was not written is zero, whatever the memory held.
 TEST_F(PacketTest, TakesDataThatIsWrittenInPlace) {
   const std::string dirt(20000, 'x');
+  const CommDescriptor nothing(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   const CommPacket p = make_packet();
   EXPECT_EQ(0, p->resize_buffer(dirt.size()));
   std::memcpy(p->buffer, dirt.data(), dirt.size());
@@ -299,6 +314,10 @@ TEST_F(PacketTest, TakesDataThatIsWrittenInPlace) {
   for (const auto& ends : {std::function<int()>([&p] { return p->resize_buffer(30000); }),
                            {[&p] { return p->shrinkfit_buffer(); }},
                            {[&p] { return p->reserve_data(5), p->commit_data(0); }},
+                           {[&] {
+                             return p->write_data_from_file(nothing.get(), -1, 9) +
+                                    p->buffer[p->buffer_write];
+                           }},
                            {[&p] { return p->write_data_binary(bytes("."), 1) - 1; }},
                            {[&p] { return p->write_end(); }}}) {
     std::memset(p->reserve_data(4), '?', 4);
@@ -306,9 +325,62 @@ TEST_F(PacketTest, TakesDataThatIsWrittenInPlace) {
     EXPECT_EQ(-1, p->commit_data(4));
   }
   EXPECT_EQ(nullptr, p->reserve_data(4));
-  EXPECT_EQ(std::string("in place, zero\0\0.", 17),
-            std::string(reinterpret_cast<const char*>(p->data()), p->data_length()));
+  EXPECT_EQ("in place, zero\0\0."s, data_of(p));
   EXPECT_EQ(0, p->buffer[p->buffer_length]);
+}
+
+// What a read gives, and nothing that the room held before.
+TEST_F(PacketTest, TakesDataFromAFile) {
+  const CommDescriptor file(memfd_create("file", MFD_CLOEXEC)), folder(open("/", O_CLOEXEC));
+  int ends[2];
+  ASSERT_EQ(0, pipe2(ends, O_CLOEXEC | O_NONBLOCK));
+  const CommDescriptor out(ends[0]), in(ends[1]);
+  ASSERT_EQ(10, write(file.get(), "0123456789", 10));
+  ASSERT_EQ(5, write(in.get(), "piped", 5));
+  const CommPacket p = make_packet();
+  ASSERT_EQ(0, p->resize_buffer(300000));
+  std::memset(p->buffer, 'x', p->buffer_alloc);
+  const auto add = [&](int from, std::int64_t at, std::size_t most) {
+    return outcome(
+        [&] { return comm_socket_v4_packet_write_data_from_file(p.get(), from, at, most); });
+  };
+  EXPECT_EQ(Outcome(-1, EINVAL), add(file.get(), 0, 3));
+  ASSERT_EQ(0, p->write_begin("put", nullptr, 0));
+  EXPECT_EQ(Outcome(0, errno_before), add(-1, 0, 0));
+  EXPECT_EQ(0, p->write_argv("a")) << "nothing has changed";
+  const struct {
+    Outcome ends;
+    int from;
+    std::int64_t at;
+    std::size_t most;
+    std::string data;
+  } rows[] = {
+      {{-1, EISDIR}, folder.get(), 0, 5, ""},
+      {{3, errno_before}, file.get(), 4, 3, "456"},
+      {{2, errno_before}, file.get(), 8, kHuge, "45689"},
+      {{0, errno_before}, file.get(), 10, 5, "45689"},
+      {{-1, EBADF}, -1, 0, 5, "45689"},
+      {{2, errno_before}, out.get(), -1, 2, "45689pi"},
+      {{-1, ESPIPE}, out.get(), 0, 2, "45689pi"},
+      {{3, errno_before}, out.get(), INT64_MIN, 9, "45689piped"},
+      {{-1, EAGAIN}, out.get(), -1, 9, "45689piped"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(row.ends, add(row.from, row.at, row.most)) << &row - rows;
+    EXPECT_EQ(row.data, data_of(p)) << &row - rows;
+    EXPECT_EQ(row.data.empty(), p->data() == nullptr) << &row - rows;
+    EXPECT_EQ(0, p->buffer[p->buffer_length]) << &row - rows;
+  }
+  EXPECT_EQ(-1, p->write_argv("b"));
+  ASSERT_EQ(0, ftruncate(file.get(), 262145));
+  EXPECT_EQ(Outcome(262144, errno_before), add(file.get(), 0, 262145));
+  const auto more = [&] { return add(file.get(), -1, 262144); };
+  lseek(file.get(), 0, SEEK_SET);
+  EXPECT_EQ(Outcome(-1, ENOMEM), failing(Call::malloc, ENOMEM, more));
+  EXPECT_EQ(Outcome(262144, errno_before), more()) << "nothing was read before";
+  EXPECT_EQ(0, p->write_end());
+  EXPECT_EQ(524298u, p->data_length());
+  EXPECT_EQ(Outcome(-1, EINVAL), add(file.get(), 0, 3));
 }
 
 TEST_F(PacketTest, CompletesOnce) {
@@ -381,7 +453,7 @@ TEST_F(PacketTest, GoesOnWhereMemoryRanOut) {
   ASSERT_EQ(std::tuple(2, 5, 6, 1, 262154),
             std::tuple(p->argc(), p->argv_uint64(0), p->argv_uint64(1), p->nv_entries(),
                        p->data_length()));
-  EXPECT_EQ("0123456789" + data, std::string(reinterpret_cast<const char*>(p->data()), 262154));
+  EXPECT_EQ("0123456789" + data, data_of(p));
 }
 
 }  // namespace

@@ -165,7 +165,7 @@ enum class CommPacketReason {
   reserved,          // flags or a type that have calls of their own
   wrong_order,       // arguments and pairs behind the data, anything behind finish
   lacks_descriptor,  // negative, errno EBADF, or not to be duplicated, errno that of dup(2)
-  not_filled,        // what writes the data in place says that it failed, errno as it left it
+  not_filled,        // what writes the data in place, or a read, failed; errno as it left it
 };
 
 // What failed first, and where.
@@ -326,6 +326,9 @@ class CommPacketBuilder {
   //     builder.data_from(16384, [fd](void* room, size_t size) { return ::read(fd, room, size); });
   template <class Fill>
   CommPacketBuilder& data_from(std::size_t most, Fill&& fill);
+  // The same by one read of a file, with pread(2) at `offset`, or with read(2) when `offset` is
+  // negative. The end of the file gives no data; a read that fails is a failure.
+  CommPacketBuilder& data_from_file(int fd, std::int64_t offset, std::size_t most);
 
   // Descriptors, COMM_V4_MAX_ATTACHED_FDS in all. A number stays the caller's and is duplicated;
   // the duplicate of the second does not survive exec. An owner hands its descriptor over, without
@@ -412,8 +415,10 @@ class CommPacketBuilder {
   Reason write_empty_argument();
   Reason write_pair(std::string_view name, CommBytes value, std::uint32_t type);
   Reason write_data(CommBytes bytes);
+  template <class Add>
+  Reason add_data(std::size_t most, Add add);
   template <class Fill>
-  Reason fill_data(std::size_t most, Fill& fill);
+  Reason fill_data(std::size_t size, Fill& fill);
   template <class Attach>
   CommPacketBuilder& attach(int fd, Attach attach_it);
 
@@ -943,14 +948,31 @@ inline CommPacketReason CommPacketBuilder::write_data(CommBytes bytes) {
 
 template <class Fill>
 CommPacketBuilder& CommPacketBuilder::data_from(std::size_t most, Fill&& fill) {
-  return step("data", 0, [&] { return fill_data(most, fill); });
+  return step("data", 0, [&] {
+    return add_data(most, [&](std::size_t size) { return fill_data(size, fill); });
+  });
+}
+
+inline CommPacketBuilder& CommPacketBuilder::data_from_file(int fd, std::int64_t offset,
+                                                            std::size_t most) {
+  return step("data", 0, [&] {
+    return add_data(most, [&](std::size_t size) {
+      if (packet_->write_data_from_file(fd, offset, size) >= 0) return Reason::none;
+      return errno == ENOMEM ? Reason::no_memory : Reason::not_filled;
+    });
+  });
+}
+
+// With the size of the room.
+template <class Add>
+CommPacketReason CommPacketBuilder::add_data(std::size_t most, Add add) {
+  const std::size_t size = std::min(most, COMM_V4_MAX_DATA_PER_WRITE);
+  if (size == 0) return Reason::none;
+  return has_room_for(size) ? add(size) : Reason::packet_too_long;
 }
 
 template <class Fill>
-CommPacketReason CommPacketBuilder::fill_data(std::size_t most, Fill& fill) {
-  const std::size_t size = std::min(most, COMM_V4_MAX_DATA_PER_WRITE);
-  if (size == 0) return Reason::none;
-  if (!has_room_for(size)) return Reason::packet_too_long;
+CommPacketReason CommPacketBuilder::fill_data(std::size_t size, Fill& fill) {
   unsigned char* const room = packet_->reserve_data(size);
   if (room == nullptr) return Reason::no_memory;
   const auto count = fill(room, size);

@@ -281,7 +281,8 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   //  - a string or a value for which there is no memory is absent from the packet, and the receiver
   //    refuses a packet without a command or with such a pair.
   // Each returns 0, but write_data_binary the length; -1, nothing added, in the wrong state, for a
-  // null name and past a limit; errno only from write_begin, the others leave it alone.
+  // null name and past a limit; errno only from write_begin and write_data_from_file, the others
+  // leave it alone.
   //
   // Null or empty strings are left out. `size_hint` is the expected size of the whole packet in
   // bytes; 0 means 8192, anything else is raised to 4096.
@@ -334,15 +335,22 @@ class COMM_V4_EXPORT comm_socket_v4_packet {
   // there, with read(2) for example, and commit_data makes the first `length` bytes data. Until
   // then the packet is without them. The room comes filled with zeros: what nobody writes is sent
   // as zeros, never as what the memory held before. It ends with a commit_data that succeeds, with
-  // the next reserve_data, write_data_binary or write_end, a send, and a change of the buffer's
-  // size. Both may be called again and again, in any mix with write_data_binary; as there no
-  // argument or pair can follow.
+  // the next reserve_data, write_data_... or write_end, a send, and a change of the buffer's size.
+  // Both may be called again and again, in any mix with write_data_binary; as there no argument or
+  // pair can follow.
   // Returns the room; null in the wrong state, for a length of 0, for more than
   // COMM_V4_MAX_DATA_PER_WRITE bytes, past COMM_V4_MAX_PACKET and without memory: try again.
   unsigned char* reserve_data(std::size_t most);
   // With a length of 0 the room ends, and nothing is added.
   // Returns `length`; -1 without a room, and for more than was reserved: the room stays.
   int commit_data(std::size_t length);
+  // Appends what one read of a file gives, without a copy: pread(2) at `offset`, or read(2) when
+  // `offset` is negative, of `most` bytes, or of COMM_V4_MAX_DATA_PER_WRITE if that is less. It
+  // waits as long as the read does. No argument or pair can follow, also when a read gave nothing.
+  // Returns how many bytes it has appended; 0 at the end of the file, and for a `most` of 0, in any
+  // state; -1, nothing appended; errno that of the read, or, without a read, EINVAL in the wrong
+  // state, EMSGSIZE where so many bytes would pass COMM_V4_MAX_PACKET, and ENOMEM: try again.
+  int write_data_from_file(int fd, std::int64_t offset, std::size_t most);
   // Completes the packet and runs the completion callback.
   // Returns 0, at once when it is complete or was received; -1 before write_begin, without memory
   // for the tables: call it again, and when they would end beyond COMM_V4_MAX_PACKET.
@@ -571,6 +579,8 @@ COMM_V4_EXPORT int comm_socket_v4_packet_write_data_binary(comm_socket_v4_packet
 COMM_V4_EXPORT unsigned char* comm_socket_v4_packet_reserve_data(comm_socket_v4_packet* p,
                                                                  size_t most);
 COMM_V4_EXPORT int comm_socket_v4_packet_commit_data(comm_socket_v4_packet* p, size_t length);
+COMM_V4_EXPORT int comm_socket_v4_packet_write_data_from_file(comm_socket_v4_packet* p, int fd,
+                                                              int64_t offset, size_t most);
 COMM_V4_EXPORT int comm_socket_v4_packet_write_end(comm_socket_v4_packet* p);
 
 COMM_V4_EXPORT size_t comm_socket_v4_packet_get_argc(const comm_socket_v4_packet* p);
