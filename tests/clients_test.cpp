@@ -35,7 +35,7 @@ TEST_F(ClientsTest, AConnectionWaitsWhileTheTableCannotGrowByHalf) {
                      s.client_next, s.client_idlescan, s.client[15].tag}));
   for (const unsigned long add : {0ul, 1048575ul - 26, ULONG_MAX})
     EXPECT_EQ(0, comm_socket_v4_expand_client_list(&s, add));
-  EXPECT_EQ("-1 ENOMEM", answered(comm_socket_v4_expand_client_list(&s, 1)));
+  EXPECT_EQ(Outcome(-1, ENOMEM), outcome([&] { return comm_socket_v4_expand_client_list(&s, 1); }));
   EXPECT_EQ(R"(DEBUG: expand_client_list() client list expanded to 17 entries
 DEBUG: new_client() no empty slots available, expanding array
 DEBUG: expand_client_list() client list expanded to 26 entries

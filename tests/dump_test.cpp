@@ -39,7 +39,7 @@ TEST_F(DumpTest, TheFullDumpShowsEveryPart) {
       "  0b 00 00 00 D  00 00 00 ?  00 00 00 04 02 01 00 \n"
       "  00 09 00 12 01 00 00 a2 01 00 00 (  00 00 00 l  \n\n"
       "Refcount: 1\nMessage ID: AB\nStream ID: FEDCBA9876543210\nError code: 5\n"
-      "Tag (internal): 99\nWrite state: End\nFlags: Type=Request multipart=middle Async \n"
+      "Tag (internal): 9C\nWrite state: End\nFlags: Type=Request multipart=middle Async \n"
       "File descriptors: 0 -1\n"
       "Command@63: 'list'\nErrorString@68: 'broken'\n"
       "   argv[0]@75: 'text'\n   argv[1]@80: 0x000000000000fedc\n   argv[2]@94: -5\n"
@@ -67,7 +67,7 @@ TEST_F(DumpTest, TheFullDumpShowsEveryPart) {
 
 TEST_F(DumpTest, TheListingShowsTheContentAndTheBodyTheBareData) {
   const std::string header =
-      "*Message ID: 0xAB\n*Stream ID:  0xFEDCBA9876543210\n*Error code: 0x5\n*Tag (int):  0x99\n"
+      "*Message ID: 0xAB\n*Stream ID:  0xFEDCBA9876543210\n*Error code: 0x5\n*Tag (int):  0x9C\n"
       "*Type:       Asynchronous Request\n*Multipart:  Middle\n"
       "*Error str:  broken\n*Command:    list\n"
       "*Argv[0]:    text\n*Argv[1]:    0x000000000000fedc\n*Argv[2]:    -5\n"
@@ -81,6 +81,7 @@ TEST_F(DumpTest, TheListingShowsTheContentAndTheBodyTheBareData) {
   const std::string bytes(reinterpret_cast<const char*>(p->data()), 40);
   EXPECT_EQ(header, printed(comm_socket_v4_packet_dump_header_user_friendly, p));
   EXPECT_EQ(header + bytes, listing(p));
+  EXPECT_EQ(std::string::npos, listing(ping_packet()).find("*Error str"));
   EXPECT_EQ(bytes, printed(comm_socket_v4_packet_dump_body, p));
   const StderrCapture captured;
   p->dump_user_friendly(nullptr);
@@ -111,6 +112,7 @@ TEST_F(DumpTest, SaysWhyAPacketCannotBeShown) {
   endless->buffer_length = SIZE_MAX;
   const std::string bad_length = "\n(invalid buffer length)\n";
   EXPECT_EQ(bad_length, full(exact_packet(ping.substr(0, 62))));
+  EXPECT_NE(std::string::npos, full(exact_packet(ping.substr(0, 63))).find("Command@63: ''\n"));
   EXPECT_EQ(bad_length, full(exact_packet(ping, "")));
   EXPECT_EQ(bad_length, full(endless));
   EXPECT_EQ("\n(last byte of buffer is not nullptr)\n", full(open_ended));

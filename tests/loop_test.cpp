@@ -175,9 +175,18 @@ TEST_F(LoopTest, AHaltedClientIsLeftAloneAndAPendingResponseHoldsPacketsBack) {
   EXPECT_EQ(0u, next_sender());
 }
 
+TEST_F(LoopTest, AWaitSaysOneHoweverManyAreReady) {
+  join(2);
+  s.flags.idle_enabled = 0;
+  for (const std::size_t peer : {0, 1}) send_from(peer);
+  EXPECT_EQ(1, wait(server_reads));
+}
+
 TEST_F(LoopTest, IdleTellsWhatIsClosedAndHow) {
   join();
   comm_socket_v4_client stray = *record();
+  send_from(0);
+  EXPECT_NE(nullptr, CommPacket(comm_socket_v4_client_get_packet(&stray)));
   stray.status.error = 1;
   EXPECT_EQ("-1 EINVAL", answered(comm_socket_v4_client_idle(&stray)));
   stray.status.disconnected = 1;

@@ -41,7 +41,7 @@ TEST_F(PacketTest, WritesTheExample) {
 TEST_F(PacketTest, ReadsEachValueByItsOwnTypeOnly) {
   const CommPacket packet = rich_packet();
   const P* const p = packet.get();
-  EXPECT_EQ(std::tuple(0xFEDCBA9876543210, 0x99, 4, 9),
+  EXPECT_EQ(std::tuple(0xFEDCBA9876543210, 0x9C, 4, 9),
             std::tuple(p->get_stream_id(), p->get_tag(), comm_socket_v4_packet_get_argc(p),
                        comm_socket_v4_packet_nv_entries(p)));
   EXPECT_STREQ("list", comm_socket_v4_packet_get_command(p));
@@ -171,6 +171,13 @@ TEST_F(PacketTest, OwnsDuplicatesOfWhatIsAttached) {
   EXPECT_EQ(std::vector<int>(8, -1), p->attached_fd);
   EXPECT_EQ(0, close(taken));
   EXPECT_EQ(0, close(dup(0))) << "what was attached stays the caller's";
+
+  // A program without standard input has 0 for others.
+  const CommDescriptor standard_input(dup(0));
+  close(0);
+  EXPECT_TRUE(make_packet()->attach_fd_to_send(2)) << "as descriptor 0";
+  EXPECT_EQ(-1, fcntl(0, F_GETFD));
+  dup2(standard_input.get(), 0);
 }
 
 TEST_F(PacketTest, ChangesOneFlagAtATimeAndASignatureOfFourBytes) {
@@ -203,6 +210,7 @@ TEST_F(PacketTest, RefusesWhatItCannotCopy) {
   } rows[] = {{-1, [](P* p) { return p->write_nv_pair_raw("n", nullptr, 1, 9); }},
               {-1, [](P* p) { return p->write_nv_pair_raw(nullptr, b, 3, 9); }},
               {-1, [](P* p) { return p->write_nv_pair_binary("n", b, std::size_t{1} << 32); }},
+              {-1, [](P* p) { return p->write_nv_pair_binary("n", b, kHuge); }},
               {-1, [](P* p) { return p->write_nv_pair_uint64("n", &u, kHuge / 8 + 2); }},
               {-1, [](P* p) { return p->write_nv_pairf(nullptr, "%d", 1); }},
               {-1, [](P* p) { return p->write_data_binary(nullptr, 3); }},
@@ -423,6 +431,7 @@ TEST_F(PacketTest, LeavesOutAValueForWhichThereIsNoMemory) {
   EXPECT_EQ(std::tuple(0, 0, 0),
             std::tuple(+no_value->value_offset, no_value->length(), +no_name->name_offset));
   EXPECT_STREQ("", p->nv_pair_value_text(no_value));
+  EXPECT_EQ(nullptr, comm_socket_v4_packet_get_nv_pair_value_raw(p.get(), no_value));
   EXPECT_STREQ("", p->nv_pair_name(no_name));
   EXPECT_STREQ("v", p->nv_pair_value_text(no_name));
 }
@@ -440,9 +449,10 @@ TEST_F(PacketTest, GoesOnWhereMemoryRanOut) {
   const std::string rest(p->buffer_alloc - p->buffer_write - 80, 'f'), data(262144, 'd');
   ASSERT_EQ(0, p->write_nv_pair_binary("f", bytes(rest), rest.size()));
   const auto add_data = [&] { return p->write_data_binary(bytes(data), data.size()); };
+  const std::string before = bytes_of(p.get());
   EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, [&] { return p->write_end(); }));
   EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, add_data));
-  EXPECT_EQ(0u, p->argc());
+  EXPECT_EQ(before, bytes_of(p.get()));
   EXPECT_EQ(0, p->write_argv_uint64(6));
   EXPECT_EQ(-1, failing(Call::malloc, ENOMEM, add_data, 3));
   EXPECT_EQ(2u, p->argc()) << "the tables come with the data";

@@ -1,6 +1,7 @@
 // What the author of a daemon sets and asks beyond the defaults.
 #include <poll.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 
 #include <tuple>
 
@@ -47,10 +48,15 @@ TEST_F(SettingsTest, AListeningSocketIsTakenOverAndItsFileStays) {
                   why + "\n",
               log());
   };
-  for (const std::string& at : {path(), path_of_length(108), abstract_name()}) {
+  comm_socket_v4_set_max_descriptors(&s, 0);
+  const std::string with_nul("\0x", 2);
+  for (const std::string& at :
+       {path(), path_of_length(108), abstract_name(), abstract_name() + with_nul}) {
     const int fd = bound_socket(at);
     fcntl(fd, F_SETFD, 0);
-    ASSERT_EQ(0, comm_socket_v4_use_server_socket(&s, fd));
+    Faults counted;
+    ASSERT_EQ(0, counted.during([&] { return comm_socket_v4_use_server_socket(&s, fd); }));
+    EXPECT_EQ(1u, counted.count(Call::setsockopt)) << "no descriptors";
     EXPECT_EQ(std::tuple(at, fd, FD_CLOEXEC, 16, "open server clients "),
               std::tuple(s.socket_path, s.socket_fd, fcntl(fd, F_GETFD), s.client.size(),
                          state_of(server)));
@@ -310,6 +316,9 @@ TEST_F(SettingsTest, ADescriptorSaysWhenAPendingConnectIsWorthATry) {
     struct pollfd asked = {fd, POLLIN, 0};
     return poll(&asked, 1, timeout_ms);
   };
+  struct itimerspec times;
+  timerfd_gettime(fd, &times);
+  EXPECT_EQ(10000000, times.it_interval.tv_nsec);
   for (int tries = 0; tries < 2; ++tries) {
     EXPECT_EQ(1, is_readable(-1));
     EXPECT_EQ(0, comm_socket_v4_connect_check_pending(c));

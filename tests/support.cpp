@@ -186,7 +186,7 @@ CommPacket rich_packet() {
   p->set_stream_id(0xFEDCBA9876543210);
   p->message_id = 0xAB;
   p->error_code = 5;
-  p->set_tag(0x99);
+  p->set_tag(0x9C);
   const std::vector<int> answers = {
       comm_socket_v4_packet_begin_writing(p, 5000, "list", "broken"),
       comm_socket_v4_packet_write_argvf(p, "te%s", "xt"),
