@@ -206,7 +206,7 @@ int open_server_socket(comm_socket_v4* c) {
                          std::strerror(errno));
     return -1;
   }
-  apply_max_descriptors(c);
+  apply_max_descriptors_to_new(c);
   if ((is_abstract(c->socket_path) ? bind_to_path(c) : bind_to_file(c)) != 0) return -1;
   c->flags.bound = 1;
   // The kernel takes one connection more than the backlog; a client that meets a full queue
@@ -444,7 +444,7 @@ int connect_to_server(comm_socket_v4* c) {
     comm_socket_v4_close(c);
     return -1;
   }
-  apply_max_descriptors(c);
+  apply_max_descriptors_to_new(c);
   if (::connect(c->socket_fd, as_sockaddr(sun), static_cast<socklen_t>(length)) == 0) {
     c->sun = sun;
     return 0;

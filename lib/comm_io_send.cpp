@@ -64,7 +64,11 @@ void attach_descriptors(const SendSide& side, const comm_socket_v4_packet& p, ch
   std::memcpy(fds, p.attached_fd.data(), size);
 }
 
-int send_bytes(const SendSide& side, int fd, comm_socket_v4_packet& p) {
+bool is_in_loop(const SendSide& side) {
+  return side.endpoint != nullptr && comm_v4_internals::of(side.endpoint).in_loop();
+}
+
+ssize_t send_message(const SendSide& side, int fd, const comm_socket_v4_packet& p) {
   alignas(struct cmsghdr) char ctrl[COMM_V4_CONTROL_BUFFER_SIZE] = {};
   struct iovec bytes = {p.buffer, p.buffer_length};
   struct msghdr message = {};
@@ -72,7 +76,14 @@ int send_bytes(const SendSide& side, int fd, comm_socket_v4_packet& p) {
   message.msg_iovlen = 1;
   attach_descriptors(side, p, ctrl, sizeof(ctrl), message);
 
-  const ssize_t sent = ::sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+  return ::sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+int send_bytes(const SendSide& side, int fd, comm_socket_v4_packet& p) {
+  // A message header costs time, and only descriptors need one.
+  const ssize_t sent = is_in_loop(side) && p.attached_fd.empty()
+                           ? ::send(fd, p.buffer, p.buffer_length, MSG_DONTWAIT | MSG_NOSIGNAL)
+                           : send_message(side, fd, p);
   if (sent < 0) return errno == EINTR || errno == EAGAIN ? 0 : -1;
   // The message holds duplicates now.
   p.close_attached_fd();
@@ -115,9 +126,8 @@ int send_packet(const SendSide& side, comm_socket_v4_packet& p) {
     return -1;
   }
   // A CommLoop passes received packets on as they are.
-  const bool is_passed_on = p.write_state == comm_socket_v4_packet::write_state_received &&
-                            side.endpoint != nullptr &&
-                            comm_v4_internals::of(side.endpoint).in_loop();
+  const bool is_passed_on =
+      p.write_state == comm_socket_v4_packet::write_state_received && is_in_loop(side);
   if (p.write_state == comm_socket_v4_packet::write_state_end || is_passed_on)
     return send_bytes(side, side.fd(), p);
   comm_socket_v4_warning(

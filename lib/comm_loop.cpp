@@ -210,6 +210,7 @@ CommLoopId add_new(CommLoop& loop, CommEndpoint& endpoint, CommLoopHandler& hand
     endpoint.reset(comm_socket_v4_create());
     if (endpoint == nullptr) throw std::bad_alloc();
     comm_v4_internals::of(endpoint.get()).loop_epoll = loop.fd();
+    comm_socket_v4_set_max_descriptors(endpoint.get(), limits.descriptors_per_packet);
     return open();
   });
   if (opened != 0) return nobody;

@@ -4,10 +4,12 @@
 #include <sys/socket.h>
 #include <tarn_utils_v4/comm.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
+#include "lib/quiet_clients.h"
 #include "lib/received_descriptors.h"
 
 namespace {
@@ -18,10 +20,10 @@ constexpr int SO_PASSRIGHTS = 83;  // Linux 6.16
 constexpr mode_t permission_bits = 0777;
 
 // Without the option descriptors come, and are dropped with their packet.
-void let_descriptors_pass(int fd, bool pass) {
+bool let_descriptors_pass(int fd, bool pass) {
   ErrnoGuard keep_errno;
   const int value = pass;
-  ::setsockopt(fd, SOL_SOCKET, SO_PASSRIGHTS, &value, sizeof(value));
+  return ::setsockopt(fd, SOL_SOCKET, SO_PASSRIGHTS, &value, sizeof(value)) == 0;
 }
 
 bool descriptors_pass(int fd) {
@@ -29,6 +31,13 @@ bool descriptors_pass(int fd) {
   int value = 1;
   socklen_t length = sizeof(value);
   return ::getsockopt(fd, SOL_SOCKET, SO_PASSRIGHTS, &value, &length) != 0 || value != 0;
+}
+
+// Nor waits anybody to be accepted. Who connects later has the option as it is now.
+bool has_no_client(const comm_socket_v4* c) {
+  if (!c->flags.server || !is_quiet(c->socket_fd)) return false;
+  return std::all_of(c->client.begin(), c->client.end(),
+                     [](const comm_socket_v4_client& client) { return client.client_fd < 0; });
 }
 
 }  // namespace
@@ -61,15 +70,27 @@ int comm_socket_v4_set_max_descriptors(comm_socket_v4* c, unsigned most) {
 void apply_max_descriptors(const comm_socket_v4* c) {
   comm_v4_internals& own = comm_v4_internals::of(c);
   const bool pass = own.max_descriptors > 0;
+  if (pass) own.descriptors_cannot_come = false;
   if (pass && descriptors_pass(c->socket_fd)) return;
   own.descriptors_were_refused = true;
-  let_descriptors_pass(c->socket_fd, pass);
+  if (let_descriptors_pass(c->socket_fd, pass) && !pass && has_no_client(c))
+    own.descriptors_cannot_come = true;
+}
+
+void apply_max_descriptors_to_new(const comm_socket_v4* c) {
+  comm_v4_internals& own = comm_v4_internals::of(c);
+  if (own.max_descriptors > 0) return apply_max_descriptors(c);
+  own.descriptors_were_refused = true;
+  own.descriptors_cannot_come = let_descriptors_pass(c->socket_fd, false);
 }
 
 // A connection has the option that its server had when the client connected.
 void apply_max_descriptors(const comm_socket_v4* c, int client_fd) {
-  const comm_v4_internals& own = comm_v4_internals::of(c);
-  if (own.descriptors_were_refused) let_descriptors_pass(client_fd, own.max_descriptors > 0);
+  comm_v4_internals& own = comm_v4_internals::of(c);
+  const bool pass = own.max_descriptors > 0;
+  if (!own.descriptors_were_refused || descriptors_pass(client_fd) == pass) return;
+  own.descriptors_cannot_come = false;  // It may have sent some by now.
+  let_descriptors_pass(client_fd, pass);
 }
 
 int comm_socket_v4_set_descriptor_reserve(comm_socket_v4* c, int on) {

@@ -97,6 +97,7 @@ int comm_socket_v4_close(comm_socket_v4* c) {
   comm_v4_internals& own = comm_v4_internals::of(c);
   own.stopped_listening = false;
   own.descriptors_were_refused = false;
+  own.descriptors_cannot_come = false;
   own.warned_of_shortage = false;
   // Stopped by itself: a forked child may hold a copy.
   if (own.connect_timer.is_open()) stop_watching(own, own.connect_timer.get());

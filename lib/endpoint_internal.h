@@ -30,6 +30,7 @@ struct comm_v4_internals {
   bool pair_has_peer = false;  // as far as is known
   bool stopped_listening = false;
   bool descriptors_were_refused = false;  // by the socket, now or for a while
+  bool descriptors_cannot_come = false;   // refused before anybody could send one
   CommDescriptor connect_timer;
 
   // The epoll of the CommLoop that the endpoint is in. A socket leaves it before its close, no
@@ -81,8 +82,10 @@ void remove_server_file(comm_socket_v4* c);
 
 // lib/comm_settings
 
-// To the socket that was just opened or adopted, and to one that a client of it has.
+// To the socket that was just opened or adopted, to one that nobody can reach yet, and to one that
+// a client of it has.
 void apply_max_descriptors(const comm_socket_v4* c);
+void apply_max_descriptors_to_new(const comm_socket_v4* c);
 void apply_max_descriptors(const comm_socket_v4* c, int client_fd);
 // Has the reserve back, if there is a descriptor for it; false, with errno, if not.
 bool renew_reserve(comm_v4_internals& own);

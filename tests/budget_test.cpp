@@ -91,11 +91,13 @@ TEST_F(BudgetTest, ALoopTakesALonePacketWithOneCallAndABurstInFewTurns) {
   std::map<std::string, int> costs;
   for (int i = 0; i < 64; ++i) {
     send();
-    ++costs[cost(turn)];
+    std::string calls = cost(turn);
+    if (calls.rfind("recvmsg", 0) == 0) calls.erase(4, 3);  // before Linux 6.16
+    ++costs[calls];
   }
   const std::string memory = spare_packets::are_kept ? "malloc 1" : "malloc 2, operator_new 1";
   // Every 16th time it looks whether there is one more.
-  EXPECT_EQ(60, costs["recvmsg 1, epoll_wait 1, " + memory]) << costs.begin()->first;
+  EXPECT_EQ(60, costs["recv 1, epoll_wait 1, " + memory]) << costs.begin()->first;
   EXPECT_EQ(2u, costs.size());
 
   for (int i = 0; i < 100; ++i) send();
@@ -104,7 +106,7 @@ TEST_F(BudgetTest, ALoopTakesALonePacketWithOneCallAndABurstInFewTurns) {
     while (counting.packets < 165) turn();
   });
   EXPECT_EQ(0u, faults.count(Call::ioctl));
-  EXPECT_GE(102u, faults.count(Call::recvmsg));
+  EXPECT_GE(102u, faults.count(Call::recv) + faults.count(Call::recvmsg));
   EXPECT_GE(22u, faults.count(Call::epoll_wait));  // 16 alone, then 16 at a time
 }
 

@@ -523,6 +523,23 @@ TEST_F(CommLoopTest, LastWordsAreReadAndWhatTheOtherStillSendsIsDropped) {
 }
 
 // The socket of a connection lingers in the close when there are bytes that its peer does not read.
+TEST_F(CommLoopTest, WhatIsTooLongIsDroppedAndDescriptorsComeOnceTheyMay) {
+  std::vector<std::size_t> descriptors;
+  handler.packet_hook = [&](CommLoopId, auto* p) { descriptors.push_back(p->attached_fd_count()); };
+  server = loop.serve(address.c_str(), handler, limits);
+  comm_socket_v4* const c = join();
+  for (const std::size_t length : {65552, 65551}) send_from(c, sized(length));
+  EXPECT_EQ((Lines{"0 connect", "0 ping"}), quiet());
+  EXPECT_EQ(std::pair(1ul, 65551ul),
+            std::pair(counters().packets_dropped, counters().bytes_received));
+  send_from(c, carrier(1));  // refused; dropped before Linux 6.16
+  EXPECT_EQ(Lines{}, quiet());
+  comm_socket_v4_set_max_descriptors(loop.endpoint(server), 1);
+  send_from(c, carrier(1));
+  EXPECT_EQ(Lines{"0 ping"}, quiet());
+  EXPECT_EQ((std::vector<std::size_t>{0, 1}), descriptors);
+}
+
 TEST_F(CommLoopTest, ADescriptorThatLingersInItsCloseKeepsNobodyWaiting) {
   serve();
   const CommDescriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));

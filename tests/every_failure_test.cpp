@@ -266,8 +266,8 @@ class EveryFailureOfALoopTest : public EveryFailureTest {
 TEST_F(EveryFailureOfALoopTest, IsToldOrPassesAndTheLoopGoesOn) {
   play_all(
       {{0, {}},
-       {EINTR, {Call::sendmsg, Call::recvmsg, Call::accept4, Call::epoll_wait}},
-       {EAGAIN, {Call::sendmsg, Call::recvmsg, Call::connect, Call::accept4}}},
+       {EINTR, {Call::send, Call::recv, Call::recvmsg, Call::accept4, Call::epoll_wait}},
+       {EAGAIN, {Call::send, Call::recv, Call::recvmsg, Call::connect, Call::accept4}}},
       [] { return std::make_unique<EchoLoop>(); }, [&](EchoLoop& echo) { play(echo); });
 }
 

@@ -131,6 +131,8 @@ WRAP(int, accept4, nullptr, (int fd, sockaddr* a, socklen_t* n, int flags), (fd,
 WRAP(int, connect, nullptr, (int fd, const sockaddr* a, socklen_t n), (fd, a, n))
 WRAP(int, getsockopt, value, (int fd, int level, int name, void* value, socklen_t* n),
      (fd, level, name, value, n))
+WRAP(ssize_t, send, nullptr, (int fd, const void* data, std::size_t n, int flags),
+     (fd, data, n, flags))
 WRAP(ssize_t, sendmsg, const_cast<msghdr*>(m), (int fd, const msghdr* m, int flags), (fd, m, flags))
 WRAP(ssize_t, recvmsg, m, (int fd, msghdr* m, int flags), (fd, m, flags))
 WRAP(ssize_t, recv, nullptr, (int fd, void* data, std::size_t n, int flags), (fd, data, n, flags))

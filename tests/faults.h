@@ -23,7 +23,7 @@
 #define COMM_TEST_CALLS(CALL)                                                                \
   CALL(socket, EMFILE) CALL(socketpair, EMFILE) CALL(bind, EACCES) CALL(listen, EOPNOTSUPP)  \
   CALL(accept4, EMFILE) CALL(connect, ENOMEM) CALL(getsockopt, ENOBUFS)                      \
-  CALL(sendmsg, ENOBUFS) CALL(recvmsg, ENOBUFS) CALL(recv, ENOBUFS)                          \
+  CALL(send, ENOBUFS) CALL(sendmsg, ENOBUFS) CALL(recvmsg, ENOBUFS) CALL(recv, ENOBUFS)      \
   CALL(ioctl, EIO) CALL(select, ENOMEM) CALL(poll, ENOMEM)                                   \
   CALL(fcntl, EIO) CALL(dup, EMFILE) CALL(close, EIO)                                        \
   CALL(lstat, EACCES) CALL(fstat, EIO) CALL(readlink, EACCES) CALL(unlink, EACCES)           \
