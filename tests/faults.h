@@ -27,7 +27,7 @@
   CALL(ioctl, EIO) CALL(select, ENOMEM) CALL(poll, ENOMEM)                                   \
   CALL(fcntl, EIO) CALL(dup, EMFILE) CALL(close, EIO)                                        \
   CALL(lstat, EACCES) CALL(fstat, EIO) CALL(readlink, EACCES) CALL(unlink, EACCES)           \
-  CALL(chmod, EPERM) CALL(syscall, ENOSYS) CALL(usleep, EINTR)                               \
+  CALL(chmod, EPERM) CALL(fchmod, EPERM) CALL(syscall, ENOSYS) CALL(usleep, EINTR)           \
   CALL(open, EMFILE) CALL(timerfd_create, EMFILE) CALL(getsockname, ENOBUFS)                 \
   CALL(shutdown, ENOBUFS) CALL(setsockopt, ENOPROTOOPT) CALL(epoll_create1, EMFILE)          \
   CALL(eventfd, EMFILE) CALL(epoll_ctl, ENOMEM) CALL(epoll_wait, ENOMEM)                     \

@@ -122,6 +122,8 @@ TEST_F(SettingsTest, AServerHasItsAccessAndItsQueueBeforeAnybodyCanConnect) {
   EXPECT_EQ(cannot + "Stale file handle\n" + failed, log());
   fs::remove(path());
   comm_socket_v4_set_socket_mode(&s, 0666);
+  EXPECT_EQ("-1 EIO", failing(Call::fchmod, EIO, create_again)) << "a group is enough";
+  EXPECT_EQ(cannot + "Input/output error\n" + failed, log());
   comm_socket_v4_set_socket_group(&s, static_cast<gid_t>(-1));
   EXPECT_EQ("-1 EMFILE", failing(Call::open, EMFILE, create_again, 2)) << "by default, too";
   EXPECT_EQ(cannot + "Too many open files\n" + failed, log());
