@@ -167,6 +167,7 @@ void print_clients(const Options& options) {
   print_servers(options, "Loops of a server, all clients talk", all, loops, race_loops);
   print_servers(options, "Loops of a server, 8 clients talk", 8, loops, race_loops);
   print_servers(options, "Waits of a server, all clients talk", all, waits, race_waits);
+  print_servers(options, "Waits of a server, 200 clients talk", 200, waits, race_waits);
   print_servers(options, "Waits of a server, 8 clients talk", 8, waits, race_waits);
 }
 

@@ -250,8 +250,10 @@ CommLoopId CommLoop::connect(comm_socket_v4* endpoint, const char* path, CommLoo
                              const CommLoopLimits& limits) {
   if (endpoint == nullptr || comm_socket_v4_is_open(endpoint)) return invalid(), nobody;
   if (fd() < 0) return internals_->refuse(), nobody;
-  int& epoll = comm_v4_internals::of(endpoint).loop_epoll;
-  epoll = fd();
+  comm_v4_internals& own = comm_v4_internals::of(endpoint);
+  const unsigned max_descriptors = own.max_descriptors;
+  own.loop_epoll = fd();
+  comm_socket_v4_set_max_descriptors(endpoint, limits.descriptors_per_packet);
   const CommLoopId id = or_no_memory(nobody, [&] {
     if (connect_endpoint(endpoint, path) != 0) return nobody;
     // Of an earlier connection.
@@ -260,7 +262,8 @@ CommLoopId CommLoop::connect(comm_socket_v4* endpoint, const char* path, CommLoo
   });
   if (id != nobody) return id;
   comm_socket_v4_close(endpoint);
-  epoll = -1;
+  own.loop_epoll = -1;
+  own.max_descriptors = max_descriptors;
   return nobody;
 }
 

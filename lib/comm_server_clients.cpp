@@ -177,6 +177,10 @@ comm_socket_v4_client* new_client(comm_socket_v4* c) {
   return client;
 }
 
+int accept_client(int listener) {
+  return ::accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+}
+
 bool is_lack_of_descriptors(int error) { return error == EMFILE || error == ENFILE; }
 
 // Whether an accept found no descriptor, and the endpoint keeps one for that: the connection is
@@ -227,7 +231,9 @@ comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* c) {
   comm_socket_v4_client* const client = new_client(c);
   if (client == nullptr) return nullptr;
 
-  const int fd = ::accept4(c->socket_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  int fd = accept_client(c->socket_fd);
+  if (fd < 0 && is_lack_of_descriptors(errno) && own.watched_clients.give_up())
+    fd = accept_client(c->socket_fd);
   if (fd < 0) {
     comm_socket_v4_new_client_cancel(client);
     if (errno == EAGAIN || own.in_loop() || turned_away(c)) return nullptr;
@@ -338,7 +344,7 @@ void comm_socket_v4_free_client(comm_socket_v4_client* c) {
     if (c->server != nullptr) {
       comm_v4_internals& own = comm_v4_internals::of(c->server);
       leave_loop(own, c->client_fd);
-      own.watched_clients.forget(comm_socket_v4_client_ptr2index_noerr(c));
+      own.watched_clients.forget(comm_socket_v4_client_ptr2index_noerr(c), c->client_fd);
     }
     ::close(c->client_fd);
   }

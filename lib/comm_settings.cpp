@@ -20,10 +20,10 @@ constexpr int SO_PASSRIGHTS = 83;  // Linux 6.16
 constexpr mode_t permission_bits = 0777;
 
 // Without the option descriptors come, and are dropped with their packet.
-bool let_descriptors_pass(int fd, bool pass) {
+void let_descriptors_pass(int fd, bool pass) {
   ErrnoGuard keep_errno;
   const int value = pass;
-  return ::setsockopt(fd, SOL_SOCKET, SO_PASSRIGHTS, &value, sizeof(value)) == 0;
+  ::setsockopt(fd, SOL_SOCKET, SO_PASSRIGHTS, &value, sizeof(value));
 }
 
 bool descriptors_pass(int fd) {
@@ -73,7 +73,8 @@ void apply_max_descriptors(const comm_socket_v4* c) {
   if (pass) own.descriptors_cannot_come = false;
   if (pass && descriptors_pass(c->socket_fd)) return;
   own.descriptors_were_refused = true;
-  if (let_descriptors_pass(c->socket_fd, pass) && !pass && has_no_client(c))
+  let_descriptors_pass(c->socket_fd, pass);
+  if (!pass && !descriptors_pass(c->socket_fd) && has_no_client(c))
     own.descriptors_cannot_come = true;
 }
 
@@ -81,7 +82,8 @@ void apply_max_descriptors_to_new(const comm_socket_v4* c) {
   comm_v4_internals& own = comm_v4_internals::of(c);
   if (own.max_descriptors > 0) return apply_max_descriptors(c);
   own.descriptors_were_refused = true;
-  own.descriptors_cannot_come = let_descriptors_pass(c->socket_fd, false);
+  let_descriptors_pass(c->socket_fd, false);
+  own.descriptors_cannot_come = !descriptors_pass(c->socket_fd);
 }
 
 // A connection has the option that its server had when the client connected.

@@ -98,7 +98,8 @@ struct LoopMember {
   bool sending_ended = false;
   bool going = false;
   bool has_sent_a_packet = false;
-  bool sends_bursts = false;                // behind its last packet another one was found
+  bool sends_bursts = false;                // the last look behind the first packet of a turn
+                                            // found another one
   unsigned char lone_packets = 0;           // that were read without a look behind them
   unsigned long record = COMM_V4_NO_INDEX;  // the slot of a client
   std::uint64_t since = 0;  // the accept, the last packet, the end of a pause, or finish()
@@ -131,10 +132,10 @@ struct LoopMember {
   std::uint32_t watched_for() const { return watched_fd >= 0 ? events : 0; }
   bool is_connection() const { return kind == LoopKind::client || kind == LoopKind::connection; }
   bool accepts() const { return !paused && !accepts_put_off && !accepts_nobody; }
-  // Whether to look behind a packet for another one, or the end: where that found something the
-  // last time, and now and then. A look that finds nothing costs a system call.
+  // Whether to look behind a packet for another one, or the end: where the first look of a turn
+  // found something the last time, and now and then. A look that finds nothing costs a system call.
   bool looks_for_more() noexcept {
-    constexpr unsigned char now_and_then = 16;
+    constexpr unsigned char now_and_then = 17;  // in no step with bursts of a usual length
     if (!sends_bursts && !sends_end && ++lone_packets < now_and_then) return false;
     lone_packets = 0;
     return true;

@@ -228,19 +228,22 @@ void comm_v4_loop::on_connection_events(LoopMember& m, std::uint32_t events) {
 // What is left in the socket is reported again in the next turn.
 void comm_v4_loop::read(LoopMember& m) {
   const CommLoopId id = m.id;
-  for (std::uint32_t found = 0;; ++found) {
+  bool looks_on = true;
+  for (std::uint32_t found = 0; looks_on; ++found) {
     m.end_is_next = m.sends_end && !loop_connection::has_bytes(m);
     const bool has_its_share = found > 0 && found >= m.home->limits.packets_per_turn;
-    if (has_its_share || !m.reads() || (found > 0 && !m.looks_for_more())) return;
+    if (has_its_share || !m.reads()) return;
     m.holds_packet = false;
     const loop_connection::Retrieved got = loop_connection::retrieve(m);
-    if (found > 0) m.sends_bursts = !got.nothing();
+    if (found == 1) m.sends_bursts = !got.nothing();
     if (got.nothing()) return on_nothing_read(m, got.error);
-    if (got.packet == nullptr)
+    if (got.packet == nullptr) {
       ++m.home->counters.packets_dropped;
-    else if (!m.finishing)
-      hand_over(m, got.packet.get());
+      continue;
+    }
+    if (!m.finishing) hand_over(m, got.packet.get());
     if (!is_there(id)) return;
+    looks_on = m.looks_for_more();
   }
 }
 

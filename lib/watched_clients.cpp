@@ -9,8 +9,10 @@
 
 namespace {
 
-// With more at once most of the table is ready, and soon found.
+// More at once are soon found by asking, and to be told of them takes longer. So it may be for a
+// while: clients that are not to be read stay ready.
 constexpr int most_ready = 128;
+constexpr int looks_skipped = 256;
 
 // Which slot and, so that an event of a client that has gone meets no other, the end of its
 // generation.
@@ -30,16 +32,13 @@ bool WatchedClients::open() noexcept {
 
 bool WatchedClients::look(const std::vector<comm_socket_v4_client>& table,
                           std::uint64_t accepted) noexcept {
-  if (given_up_) return false;
+  if (given_up_ || (looks_to_skip_ > 0 && looks_to_skip_-- > 0)) return false;
   ErrnoGuard keep_errno;
-  if (!open() || (accepted != accepted_ && !watch_newcomers(table))) {
-    clear();
-    given_up_ = true;
-    return false;
-  }
+  if (!open() || (accepted != accepted_ && !watch_newcomers(table))) return give_up(), false;
   accepted_ = accepted;
   struct epoll_event ready[most_ready];
   const int count = ::epoll_wait(epoll_.get(), ready, most_ready, 0);
+  if (count == most_ready) looks_to_skip_ = looks_skipped;
   if (count < 0 || count == most_ready) return false;
   ++look_;
   for (int i = 0; i < count; ++i) {
@@ -89,13 +88,14 @@ bool WatchedClients::is_quiet(std::size_t slot,
          w.ready_at != look_;
 }
 
-void WatchedClients::forget(std::size_t slot) noexcept {
+void WatchedClients::forget(std::size_t slot, int client_fd) noexcept {
   if (slot >= watched_.size() || watched_[slot].generation == 0) return;
-  const int fd = watched_[slot].fd;
+  // Under another number by now, and another client may have the old one.
+  if (watched_[slot].fd != client_fd) return clear();
   watched_[slot] = {};
   if (process_ != ::getpid()) return;
   ErrnoGuard keep_errno;
-  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, client_fd, nullptr);
 }
 
 void WatchedClients::clear() noexcept {
@@ -103,5 +103,13 @@ void WatchedClients::clear() noexcept {
   epoll_ = CommDescriptor();
   std::vector<Watched>().swap(watched_);
   accepted_ = 0;
+  looks_to_skip_ = 0;
   given_up_ = false;
+}
+
+bool WatchedClients::give_up() noexcept {
+  const bool had_one = epoll_.is_open();
+  clear();
+  given_up_ = true;
+  return had_one;
 }

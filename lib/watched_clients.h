@@ -18,9 +18,12 @@ class WatchedClients {
   // Whether a read would have found nothing at the last look; false where that is not known.
   bool is_quiet(std::size_t slot, const comm_socket_v4_client& client) const noexcept;
   // Before the close of a client, of which a forked child may have a copy.
-  void forget(std::size_t slot) noexcept;
+  void forget(std::size_t slot, int client_fd) noexcept;
   // Before the close of all.
   void clear() noexcept;
+  // From now on every client is asked, until the server is closed. Returns whether that has left a
+  // descriptor free.
+  bool give_up() noexcept;
 
  private:
   struct Watched {
@@ -35,10 +38,11 @@ class WatchedClients {
   bool mark_ready(std::uint64_t key) noexcept;
 
   CommDescriptor epoll_;
-  pid_t process_ = 0;             // whose it is: a forked child has a copy of the same
-  bool given_up_ = false;         // until the server is closed
-  std::uint32_t look_ = 0;        // number of the last one
-  std::uint64_t accepted_ = 0;    // by then
+  pid_t process_ = 0;           // whose it is: a forked child has a copy of the same
+  bool given_up_ = false;       // until the server is closed
+  std::uint32_t look_ = 0;      // number of the last one
+  std::uint64_t accepted_ = 0;  // by then
+  int looks_to_skip_ = 0;
   std::vector<Watched> watched_;  // by slot
 };
 

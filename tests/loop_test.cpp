@@ -83,7 +83,7 @@ TEST_F(LoopTest, NoClientStarvesTheOthersAndNoneIsOverlooked) {
 // Clients of a table that is large enough for an epoll come, go and fall silent, and a copy of each
 // connection outlives it.
 TEST_F(LoopTest, ALargeTableIsServedInTurnWhateverBecomesOfItsClients) {
-  constexpr std::size_t slots = 100;
+  constexpr std::size_t slots = 100, moved = 1, heir = 99;
   std::vector<CommDescriptor> copies;
   std::vector<int> waiting(slots);  // packets, by slot
   std::mt19937 random(1);
@@ -118,8 +118,16 @@ TEST_F(LoopTest, ALargeTableIsServedInTurnWhateverBecomesOfItsClients) {
     const std::size_t slot = random() % slots;
     if (round % 4 == 0) release(slot), come(slot);
     if (round % 4 == 1) s.client[slot].halt = static_cast<int>(random() % 2);
-    // Behind the server's back: its descriptor is closed, and the copy is still told of.
+    // Behind the server's back: its descriptor is closed, and the copy is still told of; it gets
+    // another number, and the next client the old one.
     if (round == 250) close(s.client[slot].client_fd), release(slot), come(slot);
+    if (round == 300) {
+      int& fd = s.client[moved].client_fd;
+      const int before = std::exchange(fd, fcntl(fd, F_DUPFD_CLOEXEC, 900));
+      release(heir), close(before), come(heir);
+    }
+    if (round == 301) release(moved), come(moved);
+    if (round > 301) ++waiting[heir], send_from(heir);
     const Numbers expected = senders_in_turn();
     Numbers senders;
     while (senders.empty() || senders.back() != COMM_V4_NO_INDEX) senders.push_back(next_sender());
@@ -142,6 +150,10 @@ TEST_F(LoopTest, AForkedChildAndAnyFailureLeaveALargeTableItsEpollOrDoWithout) {
   });
   expect_packet(50);
   expect_packet(70);
+  knock();
+  EXPECT_NE(nullptr, with_descriptor_limit(lowest_free_descriptor(), [this] { return accept(); }))
+      << "the epoll has its descriptor";
+  expect_packet(80);
 
   for (unsigned kth = 1, fired = 1; fired > 0; ++kth) {
     open_server();

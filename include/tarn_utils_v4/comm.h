@@ -67,7 +67,8 @@ struct ucred;  // sys/socket.h, which C programs get it from by _GNU_SOURCE
 #define COMM_V4_FIRST_CLIENTS 16ul         // records that a server begins with
 #define COMM_V4_MAX_QUEUED_PACKETS 4096ul  // in a CommLargePacketQueue
 
-// A read asks for the size that the kernel reports plus 16 bytes; beyond this cap, for the cap.
+// A read asks for the size that the kernel reports plus 16 bytes; beyond this cap, and in a
+// CommLoop, for the cap.
 #define COMM_V4_RECV_SIZE_CAP 65536ul
 // Ancillary data of one packet; it holds one SCM_RIGHTS message of COMM_V4_MAX_SEND_FDS.
 #define COMM_V4_CONTROL_BUFFER_SIZE 256ul
@@ -547,11 +548,6 @@ COMM_V4_EXPORT int comm_socket_v4_connect_use_socketpair(comm_socket_v4* c, int 
 
 // --- The application's loop ---------------------------------------------------------------------
 
-// A server with more than 64 slots has one descriptor more, an epoll(7), from the first call on
-// that looks at its clients: it tells what is ready without a look at each. Without a descriptor
-// for it all are asked. It goes by the numbers of the clients' descriptors: put no other file
-// there.
-
 // Idle: work that does not block. Reads at most one packet per connection into its slot, unless one
 // waits there; completes a pending connect; never accepts; runs receive callbacks. A record of zero
 // bytes reads as the end of the connection. A server visits half of its slots per call, and its
@@ -572,6 +568,10 @@ COMM_V4_EXPORT int comm_socket_v4_client_idle(comm_socket_v4_client* c);
 // clients in turn, starting behind the one that delivered last, and stores the sender in *from,
 // good until the table grows (null without a packet); `from` may be null. A client with halt set is
 // left alone; with pending_response_packet set its next packet is read, but not handed out.
+// A server with more than 64 slots has one descriptor more, an epoll(7), from the first idle, wait
+// or server_get_packet on, which so need no look at each client. Where there is none left for it,
+// and once an accept has found none, every client is asked until the server is closed. The clients'
+// descriptors are the library's: close none, and put no other file under its number.
 // Returns the packet, which the caller releases; null when there is none, which does not say
 // whether the connection still stands, and for a null endpoint of get_packet_from_server. Null also
 // when a packet was read and dropped with others behind it: watch level-triggered, and after an

@@ -233,7 +233,7 @@ class COMM_V4_EXPORT CommLoop {
   // errno ENOENT when it has gone or is going, EAGAIN when its queue is full (on_room tells when it
   // is not), EINVAL for null, a packet that is not complete and an id of no connection, EMSGSIZE
   // for one above COMM_V4_MAX_RECEIVED_PACKET, ENOMEM. -1 when the packet can never be sent, and
-  // the connection goes, now or when the turn of the packet has come; errno that of sendmsg(2),
+  // the connection goes, now or when the turn of the packet has come; errno that of send(2),
   // such as EBADF for descriptors that were sent before and EPERM where the peer takes none.
   int send(CommLoopId to, comm_socket_v4_packet* packet);
   // Ends a connection: on_gone is called in the next turn, or later in this one. Unsent packets are
