@@ -9,7 +9,6 @@
 
 #include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
-#include "lib/quiet_clients.h"
 #include "lib/received_descriptors.h"
 
 namespace {
@@ -33,10 +32,9 @@ bool descriptors_pass(int fd) {
   return ::getsockopt(fd, SOL_SOCKET, SO_PASSRIGHTS, &value, &length) != 0 || value != 0;
 }
 
-// Nor waits anybody to be accepted. Who connects later has the option as it is now.
-bool has_no_client(const comm_socket_v4* c) {
-  if (!c->flags.server || !is_quiet(c->socket_fd)) return false;
-  return std::all_of(c->client.begin(), c->client.end(),
+bool is_server_without_clients(const comm_socket_v4* c) {
+  return c->flags.server &&
+         std::all_of(c->client.begin(), c->client.end(),
                      [](const comm_socket_v4_client& client) { return client.client_fd < 0; });
 }
 
@@ -74,7 +72,8 @@ void apply_max_descriptors(const comm_socket_v4* c) {
   if (pass && descriptors_pass(c->socket_fd)) return;
   own.descriptors_were_refused = true;
   let_descriptors_pass(c->socket_fd, pass);
-  if (!pass && !descriptors_pass(c->socket_fd) && has_no_client(c))
+  // Of a client that waits to be accepted the accept tells whether it could.
+  if (!pass && !descriptors_pass(c->socket_fd) && is_server_without_clients(c))
     own.descriptors_cannot_come = true;
 }
 

@@ -15,6 +15,20 @@ class ClientsTest : public ServerTest {
 
 // --- Table --------------------------------------------------------------------------------------
 
+TEST_F(ClientsTest, Descriptor0IsOneLikeTheOthers) {
+  const CommDescriptor standard_input(dup(0));
+  knock();
+  close(0);
+  ASSERT_EQ(0, accept()->client_fd);
+  send_from(0);
+  EXPECT_NE(nullptr, retrieve(&s));
+  Faults faults;
+  EXPECT_EQ(Outcome(0, errno_before),
+            outcome(faults.fail(Call::close, EIO), [this] { return release(0), 0; }));
+  EXPECT_EQ(-1, fcntl(0, F_GETFD));
+  dup2(standard_input.get(), 0);
+}
+
 TEST_F(ClientsTest, AConnectionWaitsWhileTheTableCannotGrowByHalf) {
   join(16);
   s.client_idlescan = s.client.back().tag = 7;

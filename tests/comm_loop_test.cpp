@@ -539,7 +539,30 @@ TEST_F(CommLoopTest, WhatIsTooLongIsDroppedAndDescriptorsComeOnceTheyMay) {
   comm_socket_v4_set_max_descriptors(loop.endpoint(server), 1);
   send_from(c, carrier(1));
   EXPECT_EQ(Lines{"0 ping"}, quiet());
-  EXPECT_EQ((std::vector<std::size_t>{0, 1}), descriptors);
+  comm_socket_v4_set_max_descriptors(loop.endpoint(server), 0);
+  address += "2";
+  server = loop.serve(address.c_str(), handler, limits);
+  comm_socket_v4_set_max_descriptors(loop.endpoint(server), 1);
+  send_from(join(), carrier(1));
+  EXPECT_EQ((Lines{"1 connect", "1 ping"}), quiet());
+  EXPECT_EQ((std::vector<std::size_t>{0, 1, 1}), descriptors);
+
+  // Sent before they were refused, by a client that was accepted by then, one that was not, and the
+  // other end of a pair.
+  const std::uint64_t dropped = counters().packets_dropped;
+  CommEndpoint early = make_endpoint(), pair = make_endpoint();
+  address += "3";
+  EXPECT_EQ(0, comm_socket_v4_create_server(early.get(), address.c_str()));
+  send_from(knock(), carrier(1));
+  EXPECT_NE(nullptr, comm_socket_v4_accept_connection(early.get()));
+  send_from(knock(), carrier(1));
+  comm_socket_v4_set_max_descriptors(early.get(), 0);
+  loop.add(early.release(), handler, limits);
+  EXPECT_EQ(0, comm_socket_v4_connect_new_socketpair(pair.get()));
+  send_from(pair.get(), carrier(1));
+  loop.adopt(comm_socket_v4_socketpair_get_remote_end(pair.get()), handler, limits);
+  EXPECT_EQ((Lines{"2 connect", "3 connect", "4 connect"}), quiet());
+  EXPECT_EQ(dropped + 3, counters().packets_dropped);
 }
 
 TEST_F(CommLoopTest, ADescriptorThatLingersInItsCloseKeepsNobodyWaiting) {

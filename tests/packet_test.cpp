@@ -136,7 +136,8 @@ TEST_F(PacketTest, GrowsItsBufferAndNeverShrinksIt) {
 
 TEST_F(PacketTest, GivesSurplusMemoryBackKeepingTheTerminator) {
   const std::size_t rows[][3] = {{8192, 100, 132}, {8192, 5000, 8192}, {200, 100, 200},
-                                 {200, 99, 131},   {201, 100, 201},    {66, 32, 64}};
+                                 {200, 99, 131},   {201, 100, 201},    {66, 32, 64},
+                                 {32, 15, 47}};
   for (const auto& [alloc, length, expected] : rows) {
     const CommPacket p = exact_packet(std::string(length, 'x'));
     EXPECT_EQ(0, p->resize_buffer(alloc));
