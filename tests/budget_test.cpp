@@ -79,14 +79,10 @@ TEST_F(BudgetTest, AQuietTableCostsFarFewerCallsThanItHasClients) {
 }
 
 TEST_F(BudgetTest, ALoopTakesALonePacketWithOneCallAndABurstInFewTurns) {
-  struct Counting : CommLoopHandler {
-    std::size_t packets = 0;
-    void on_packet(CommLoop&, CommLoopId, comm_socket_v4_packet*) override { ++packets; }
-  } counting;
+  CommLoopHandler handler;
   CommLoop loop;
-  const CommLoopLimits limits;
   const std::string address = abstract_name();
-  ASSERT_NE(0u, loop.serve(address.c_str(), counting, limits).generation);
+  ASSERT_NE(0u, loop.serve(address.c_str(), handler).generation);
   const CommEndpoint peer = make_endpoint();
   ASSERT_EQ(0, comm_socket_v4_connect_to(peer.get(), address.c_str()));
   const auto turn = [&] { EXPECT_EQ(1, loop.dispatch(ULONG_MAX)); };
@@ -104,7 +100,7 @@ TEST_F(BudgetTest, ALoopTakesALonePacketWithOneCallAndABurstInFewTurns) {
       << "every 17th time it looks whether there is one more";
   for (int i = 0; i < 100; ++i) send();
   burst.during([&] {
-    while (counting.packets < 165) turn();
+    while (loop.counters().packets_received < 165) turn();
   });
   EXPECT_GE(103u, reads(burst));
   EXPECT_GE(24u, burst.count(Call::epoll_wait)) << "17 alone, then 16 at a time";

@@ -26,6 +26,8 @@ TEST_F(ClientsTest, Descriptor0IsOneLikeTheOthers) {
   EXPECT_EQ(Outcome(0, errno_before),
             outcome(faults.fail(Call::close, EIO), [this] { return release(0), 0; }));
   EXPECT_EQ(-1, fcntl(0, F_GETFD));
+  EXPECT_TRUE(make_packet()->attach_fd_to_send(2)) << "as 0";
+  EXPECT_EQ(-1, fcntl(0, F_GETFD));
   dup2(standard_input.get(), 0);
 }
 

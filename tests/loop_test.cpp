@@ -247,7 +247,11 @@ TEST_F(LoopTest, TheDeadlineComesBeforeAWaitingPacketAtTheServerAndBehindItAtThe
   EXPECT_EQ(-1, s.client[1].client_fd) << "no wait accepts";
   EXPECT_EQ(&s.client[1], accept());
   s.flags.idle_enabled = 0;
-  for (const std::size_t peer : {0, 1}) send_from(peer);
+  int& fd = record()->client_fd;
+  close(std::exchange(fd, fcntl(fd, F_DUPFD_CLOEXEC, 900)));
+  send_from(0);
+  EXPECT_EQ(1, wait(server_reads)) << "by the highest, not the last one";
+  send_from(1);
   EXPECT_EQ(1, wait(server_reads)) << "two are ready";
 }
 

@@ -172,13 +172,6 @@ TEST_F(PacketTest, OwnsDuplicatesOfWhatIsAttached) {
   EXPECT_EQ(std::vector<int>(8, -1), p->attached_fd);
   EXPECT_EQ(0, close(taken));
   EXPECT_EQ(0, close(dup(0))) << "what was attached stays the caller's";
-
-  // A program without standard input has 0 for others.
-  const CommDescriptor standard_input(dup(0));
-  close(0);
-  EXPECT_TRUE(make_packet()->attach_fd_to_send(2)) << "as descriptor 0";
-  EXPECT_EQ(-1, fcntl(0, F_GETFD));
-  dup2(standard_input.get(), 0);
 }
 
 TEST_F(PacketTest, ChangesOneFlagAtATimeAndASignatureOfFourBytes) {
