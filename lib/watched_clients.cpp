@@ -90,8 +90,6 @@ bool WatchedClients::is_quiet(std::size_t slot,
 
 void WatchedClients::forget(std::size_t slot, int client_fd) noexcept {
   if (slot >= watched_.size() || watched_[slot].generation == 0) return;
-  // Under another number by now, and another client may have the old one.
-  if (watched_[slot].fd != client_fd) return clear();
   watched_[slot] = {};
   if (process_ != ::getpid()) return;
   ErrnoGuard keep_errno;

@@ -187,16 +187,14 @@ TEST_F(ConnectTest, APendingConnectionIsMadeOnceThereIsRoom) {
 TEST_F(ConnectTest, NoticesThatTheServerEndsWhileItWaits) {
   const std::string refused =
       "ERROR: connect_check_pending() non-blocking connect() completed, error Connection refused";
-  wait_for_place(abstract_name());
-  comm_socket_v4_close(server.get());
-  await_end(first->socket_fd);
-  EXPECT_EQ(Told(-1, ECONNREFUSED, {refused}), told([&] { return check(c); }));
-  EXPECT_EQ(closed, state_of(c));
-  wait_for_place(abstract_name());
-  comm_socket_v4_close(server.get());
-  await_end(first->socket_fd);
-  EXPECT_EQ(Told(-1, ECONNREFUSED, {refused}), told([&] { return comm_socket_v4_idle(c.get()); }));
-  EXPECT_EQ(closed, state_of(c));
+  for (const bool by_idle : {true, false}) {
+    wait_for_place(abstract_name());
+    comm_socket_v4_close(server.get());
+    await_end(first->socket_fd);
+    const auto advance = [&] { return by_idle ? comm_socket_v4_idle(c.get()) : check(c); };
+    EXPECT_EQ(Told(-1, ECONNREFUSED, {refused}), told(advance));
+    EXPECT_EQ(closed, state_of(c));
+  }
 
   comm_socket_v4_set_connect_timeout_routine(c.get(), 0);
   const auto again = [this] { return connect_to(c, server->socket_path); };

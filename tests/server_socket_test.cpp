@@ -251,8 +251,7 @@ TEST_F(ServerSocketTest, OneAtATimeLooksRemovesAndBindsButNobodyWaitsForEver) {
   ASSERT_EQ(0, flock(directory, LOCK_EX));
   Faults paused;
   paused.replace(Call::usleep, [&](auto&, void*) {
-    errno = EINTR;  // once
-    return paused.count(Call::usleep) == 1 ? -1 : 0;
+    return paused.count(Call::usleep) == 1 ? (errno = EINTR, -1) : 0;
   });
   EXPECT_EQ(0, paused.during([&] { return create(make_endpoint(), at); }));
   EXPECT_EQ(2001u, paused.count(Call::usleep)) << "a signal shortens no pause";
