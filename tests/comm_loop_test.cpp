@@ -548,14 +548,16 @@ TEST_F(CommLoopTest, WhatIsTooLongIsDroppedAndDescriptorsComeOnceTheyMay) {
   // Sent before they were refused, by a client that was accepted by then, one that was not, and the
   // other end of a pair.
   const std::uint64_t dropped = counters().packets_dropped;
-  CommEndpoint early = make_endpoint(), pair = make_endpoint();
-  address += "3";
-  EXPECT_EQ(0, comm_socket_v4_create_server(early.get(), address.c_str()));
-  send_from(knock(), carrier(1));
-  EXPECT_NE(nullptr, comm_socket_v4_accept_connection(early.get()));
-  send_from(knock(), carrier(1));
-  comm_socket_v4_set_max_descriptors(early.get(), 0);
-  loop.add(early.release(), handler, limits);
+  for (const bool accepted : {true, false}) {
+    CommEndpoint early = make_endpoint();
+    address += "3";
+    EXPECT_EQ(0, comm_socket_v4_create_server(early.get(), address.c_str()));
+    send_from(knock(), carrier(1));
+    EXPECT_EQ(accepted, accepted && comm_socket_v4_accept_connection(early.get()) != nullptr);
+    comm_socket_v4_set_max_descriptors(early.get(), 0);
+    loop.add(early.release(), handler, limits);
+  }
+  const CommEndpoint pair = make_endpoint();
   EXPECT_EQ(0, comm_socket_v4_connect_new_socketpair(pair.get()));
   send_from(pair.get(), carrier(1));
   loop.adopt(comm_socket_v4_socketpair_get_remote_end(pair.get()), handler, limits);
