@@ -60,7 +60,7 @@ TEST_F(BudgetTest, APacketCostsOneCallToSendTwoToReceiveAndTheMemoryOfTheOneBefo
 
 TEST_F(BudgetTest, AQuietTableCostsFarFewerCallsThanItHasClients) {
   s.client.resize(64);
-  for (const std::size_t clients : {64, 200}) {
+  for (const std::size_t clients : {64ul, 200ul}) {
     join(clients);
     cost(wait);  // takes newcomers in
     send_from(0);

@@ -528,7 +528,7 @@ TEST_F(CommLoopTest, WhatIsTooLongIsDroppedAndDescriptorsComeOnceTheyMay) {
   handler.packet_hook = [&](CommLoopId, auto* p) { descriptors.push_back(p->attached_fd_count()); };
   server = loop.serve(address.c_str(), handler, limits);
   comm_socket_v4* const c = join();
-  for (const std::size_t length : {65552, 65551}) send_from(c, sized(length));
+  for (const std::size_t length : {65552ul, 65551ul}) send_from(c, sized(length));
   EXPECT_EQ(1, loop.dispatch(ULONG_MAX));
   EXPECT_EQ((Lines{"0 connect", "0 ping"}), std::exchange(handler.told, {}))
       << "what is dropped ends no turn";

@@ -279,7 +279,7 @@ TEST_F(PacketTest, RefusesToPassThirtyTwoBits) {
       faults.during([&] { return row.write(p.get()); });
       EXPECT_EQ(fits ? row.growths : 0u, faults.count(Call::malloc)) << &row - rows;
     }
-  for (const std::size_t arguments : {0, 1}) {
+  for (const std::size_t arguments : {0ul, 1ul}) {
     const CommPacket p = begin_request();
     p->wr_argv.resize(arguments);
     p->buffer_write = UINT32_MAX - 2;
