@@ -16,6 +16,7 @@
 #include "lib/at_scope_end.h"
 #include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
+#include "lib/event_key.h"
 #include "lib/loop_connection.h"
 #include "lib/loop_counters.h"
 #include "lib/loop_internal.h"
@@ -122,7 +123,7 @@ int comm_v4_loop::dispatch(unsigned long deadline_us) {
 
 // The kernel's work for one connection leaves little of the next in the caches.
 void comm_v4_loop::fetch_ahead(std::uint64_t key) const noexcept {
-  const std::uint64_t slot = key >> 32;
+  const std::uint64_t slot = slot_of_event(key);
   if (slot >= members.size()) return;
   const auto* const m = reinterpret_cast<const char*>(members[slot].get());
   __builtin_prefetch(m);

@@ -9,6 +9,7 @@
 
 #include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
+#include "lib/event_key.h"
 #include "lib/loop_connection.h"
 #include "lib/loop_counters.h"
 #include "lib/loop_internal.h"
@@ -106,20 +107,10 @@ comm_v4_loop::~comm_v4_loop() {
 
 // --- Watching -----------------------------------------------------------------------------------
 
-namespace {
-
-// Which slot and, so that an event of a member that has gone meets no other, the end of its
-// generation.
-std::uint64_t event_key(CommLoopId id) noexcept {
-  return id.slot << 32 | (id.generation & UINT32_MAX);
-}
-
-}  // namespace
-
 LoopMember* comm_v4_loop::find_by_key(std::uint64_t key) const noexcept {
-  const std::uint64_t slot = key >> 32;
+  const std::uint64_t slot = slot_of_event(key);
   if (slot >= members.size() || members[slot]->id.generation == 0) return nullptr;
-  return event_key(members[slot]->id) == key ? members[slot].get() : nullptr;
+  return event_key(slot, members[slot]->id.generation) == key ? members[slot].get() : nullptr;
 }
 
 bool comm_v4_loop::watch(LoopMember& m, int fd, std::uint32_t events) noexcept {
@@ -127,7 +118,7 @@ bool comm_v4_loop::watch(LoopMember& m, int fd, std::uint32_t events) noexcept {
   if (m.watched_fd >= 0 && m.watched_fd != fd) unwatch(m);
   struct epoll_event event = {};
   event.events = events;
-  event.data.u64 = event_key(m.id);
+  event.data.u64 = event_key(m.id.slot, m.id.generation);
   if (::epoll_ctl(epoll.get(), m.watched_fd < 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, fd, &event) != 0)
     return false;
   m.watched_fd = fd;

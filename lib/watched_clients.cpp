@@ -5,6 +5,7 @@
 
 #include "lib/endpoint_internal.h"
 #include "lib/errno_guard.h"
+#include "lib/event_key.h"
 #include "lib/or_no_memory.h"
 
 namespace {
@@ -13,12 +14,6 @@ namespace {
 // while: clients that are not to be read stay ready.
 constexpr int most_ready = 128;
 constexpr int looks_skipped = 256;
-
-// Which slot and, so that an event of a client that has gone meets no other, the end of its
-// generation.
-std::uint64_t event_key(std::size_t slot, std::uint64_t generation) {
-  return std::uint64_t{slot} << 32 | (generation & UINT32_MAX);
-}
 
 }  // namespace
 
@@ -74,7 +69,7 @@ bool WatchedClients::watch(std::size_t slot, const comm_socket_v4_client& client
 }
 
 bool WatchedClients::mark_ready(std::uint64_t key) noexcept {
-  const std::size_t slot = key >> 32;
+  const std::size_t slot = slot_of_event(key);
   if (slot >= watched_.size() || event_key(slot, watched_[slot].generation) != key) return false;
   watched_[slot].ready_at = look_;
   return true;
